@@ -1,0 +1,38 @@
+# Warning flags shared by every target of the project.
+function(kiv_target_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wno-unused-parameter)
+  if(KIV_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+# kiv_add_library(name SOURCES ... DEPS ...): a shared library with the public
+# headers under inc/ and an install rule.
+function(kiv_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(${name} SHARED ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/inc>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  kiv_target_warnings(${name})
+  install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endfunction()
+
+# kiv_add_test(name SOURCES ... DEPS ... [LABELS ...]): one GoogleTest binary,
+# each of its tests registered with CTest on its own.
+function(kiv_add_test name)
+  if(NOT KIV_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/project)
+  kiv_target_warnings(${name})
+  set(labels unit ${ARG_LABELS})
+  gtest_discover_tests(${name}
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    PROPERTIES LABELS "${labels}" ENVIRONMENT "KIV_DATA_DIR=${KIV_BUILD_DATA_DIR}"
+    DISCOVERY_TIMEOUT 60)
+endfunction()

@@ -1,0 +1,68 @@
+// String: the platform's wide string of 32-bit characters.
+//
+// All names, paths, messages and keys inside the system are `String`s. Text
+// crosses every boundary of the process (XML, SQLite, JSON, SOAP, the command
+// line, files) as UTF-8 through the one strict codec declared here: malformed
+// UTF-8 or a code point that is not a Unicode scalar value raises
+// `Utf8Error` and is never silently replaced.
+//
+// Thread safety: a String is a value; distinct objects may be used from
+// distinct threads freely, one object needs external synchronisation.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+static_assert(sizeof(wchar_t) == 4, "kiv::String needs a 32-bit wchar_t");
+
+namespace kiv {
+
+class String : public std::wstring {
+public:
+    using std::wstring::wstring;
+    String() = default;
+    String(const std::wstring& s) : std::wstring(s) {}
+    String(std::wstring&& s) noexcept : std::wstring(std::move(s)) {}
+    String(std::wstring_view s) : std::wstring(s) {}
+
+    // Three-way comparison by code point: <0, 0 or >0.
+    int compare(const String& other) const noexcept {
+        return std::wstring::compare(other) < 0 ? -1 : (std::wstring::compare(other) > 0 ? 1 : 0);
+    }
+    bool equals(const String& other) const noexcept { return *this == other; }
+    // Case-insensitive comparison (simple per-character case folding).
+    int compareNoCase(const String& other) const noexcept;
+    bool equalsNoCase(const String& other) const noexcept { return compareNoCase(other) == 0; }
+
+    // UTF-8 conversion. fromUtf8 throws Utf8Error on invalid input.
+    static String fromUtf8(std::string_view utf8);
+    std::string toUtf8() const;
+};
+
+// The blank string constant.
+extern const String s_ksBlank;
+
+// Strict UTF-8 codec used at every boundary.
+namespace utf8 {
+// Decodes UTF-8; throws Utf8Error (with the byte offset) on malformed input,
+// overlong forms, surrogates and code points above U+10FFFF.
+std::wstring decode(std::string_view in);
+// Encodes; throws Utf8Error for a character that is not a Unicode scalar value.
+std::string encode(std::wstring_view in);
+// True if `in` is well-formed UTF-8.
+bool isValid(std::string_view in) noexcept;
+}  // namespace utf8
+
+namespace posixstrsupport {
+// Case-insensitive wide comparison in the manner of wcsicmp: <0, 0, >0.
+int wcsicmp(const wchar_t* a, const wchar_t* b) noexcept;
+}  // namespace posixstrsupport
+
+}  // namespace kiv
+
+template <>
+struct std::hash<kiv::String> {
+    size_t operator()(const kiv::String& s) const noexcept { return std::hash<std::wstring>()(s); }
+};

@@ -1,0 +1,15 @@
+// SystemUtils: the reference millisecond clock.
+#pragma once
+
+#include <cstdint>
+
+namespace kiv {
+
+class SystemUtils {
+public:
+    // Milliseconds since an arbitrary fixed point (a monotonic clock),
+    // wrapping at 2^32.
+    static std::uint32_t getRefElapsedMilliseconds() noexcept;
+};
+
+}  // namespace kiv

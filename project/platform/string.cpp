@@ -1,0 +1,121 @@
+#include "qz/platform/string.h"
+
+#include <cwctype>
+
+#include "qz/platform/exception.h"
+
+namespace kiv {
+
+const String s_ksBlank;
+
+namespace {
+
+[[noreturn]] void throwUtf8(const char* what, std::size_t offset) {
+    throw Utf8Error(String::fromUtf8(std::string("invalid UTF-8: ") + what + " at byte " + std::to_string(offset)));
+}
+
+bool isScalarValue(char32_t c) noexcept { return c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
+
+// Decodes one sequence at `i`; returns false (with `what`) on malformed input.
+inline bool decodeOne(std::string_view in, std::size_t& i, char32_t& out, const char*& what) noexcept {
+    const auto b0 = static_cast<unsigned char>(in[i]);
+    if (b0 < 0x80) { out = b0; ++i; return true; }
+    std::size_t len;
+    char32_t cp;
+    if (b0 >= 0xC2 && b0 <= 0xDF) { len = 2; cp = b0 & 0x1F; }
+    else if (b0 >= 0xE0 && b0 <= 0xEF) { len = 3; cp = b0 & 0x0F; }
+    else if (b0 >= 0xF0 && b0 <= 0xF4) { len = 4; cp = b0 & 0x07; }
+    else { what = (b0 == 0xC0 || b0 == 0xC1) ? "overlong sequence" : "invalid lead byte"; return false; }
+    if (i + len > in.size()) { what = "truncated sequence"; return false; }
+    for (std::size_t k = 1; k < len; ++k) {
+        const auto b = static_cast<unsigned char>(in[i + k]);
+        if ((b & 0xC0) != 0x80) { what = "invalid continuation byte"; return false; }
+        cp = (cp << 6) | (b & 0x3F);
+    }
+    if ((len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000)) { what = "overlong sequence"; return false; }
+    if (cp >= 0xD800 && cp <= 0xDFFF) { what = "surrogate code point"; return false; }
+    if (cp > 0x10FFFF) { what = "code point above U+10FFFF"; return false; }
+    out = cp;
+    i += len;
+    return true;
+}
+
+}  // namespace
+
+namespace utf8 {
+
+std::wstring decode(std::string_view in) {
+    std::wstring out;
+    out.reserve(in.size());
+    std::size_t i = 0;
+    while (i < in.size()) {
+        // Fast path for ASCII runs.
+        const auto b = static_cast<unsigned char>(in[i]);
+        if (b < 0x80) { out.push_back(static_cast<wchar_t>(b)); ++i; continue; }
+        char32_t cp;
+        const char* what = nullptr;
+        const std::size_t at = i;
+        if (!decodeOne(in, i, cp, what)) throwUtf8(what, at);
+        out.push_back(static_cast<wchar_t>(cp));
+    }
+    return out;
+}
+
+std::string encode(std::wstring_view in) {
+    std::string out;
+    out.reserve(in.size());
+    for (std::size_t i = 0; i < in.size(); ++i) {
+        const auto c = static_cast<char32_t>(in[i]);
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+        } else if (c < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            if (!isScalarValue(c)) throw Utf8Error(L"cannot encode a surrogate code point as UTF-8 (character " + std::to_wstring(i) + L")");
+            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c <= 0x10FFFF) {
+            out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            throw Utf8Error(L"cannot encode a code point above U+10FFFF as UTF-8 (character " + std::to_wstring(i) + L")");
+        }
+    }
+    return out;
+}
+
+bool isValid(std::string_view in) noexcept {
+    std::size_t i = 0;
+    while (i < in.size()) {
+        char32_t cp;
+        const char* what = nullptr;
+        if (!decodeOne(in, i, cp, what)) return false;
+    }
+    return true;
+}
+
+}  // namespace utf8
+
+String String::fromUtf8(std::string_view utf8) { return String(utf8::decode(utf8)); }
+std::string String::toUtf8() const { return utf8::encode(*this); }
+
+int String::compareNoCase(const String& other) const noexcept {
+    return posixstrsupport::wcsicmp(c_str(), other.c_str());
+}
+
+namespace posixstrsupport {
+int wcsicmp(const wchar_t* a, const wchar_t* b) noexcept {
+    for (;; ++a, ++b) {
+        const auto ca = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(*a)));
+        const auto cb = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(*b)));
+        if (ca != cb) return ca < cb ? -1 : 1;
+        if (ca == 0) return 0;
+    }
+}
+}  // namespace posixstrsupport
+
+}  // namespace kiv

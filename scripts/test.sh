@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs every test.
+#   scripts/test.sh            release build, all tests
+#   scripts/test.sh asan       AddressSanitizer + UBSan build, all tests
+#   scripts/test.sh tsan       ThreadSanitizer build, the concurrency tests
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset="${1:-release}"
+bash scripts/setup.sh
+werror=OFF
+if [ "${CI:-}" = "true" ]; then werror=ON; fi
+bash scripts/build.sh "$preset" -DKIV_WERROR=$werror
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+ctest --preset "$preset" --timeout 600
