@@ -1,0 +1,97 @@
+// A catalog for favorites tests: an in-memory SQLite catalog (or a file)
+// holding a small realistic tree, users with their access rights, and
+// helpers to read and write a user's stored favorites document.
+//
+//   /shared/Sales/Report1 .. Report3          reports, readable by everyone
+//   /shared/Sales/Dashboard                   a dashboard folder with pages Page1, Page2
+//   /shared/Sales/Archive                     an ordinary folder
+//   /shared/HR/Headcount                      a report
+//   /private/Secret                           a report only bob may read
+//   /users/alice, /users/bob                  each user's folder, writable by that user only
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "qz/platform/accounttoken.h"
+#include "qz/webcatalog/sqlitecatalog.h"
+#include "testsupport.h"
+
+namespace kiv::testing {
+
+inline const String kFavoritesSignature(L"mobilefavorites1");
+
+class TestCatalog {
+public:
+    explicit TestCatalog(const std::string& file = std::string()) {
+        m_catalog = file.empty() ? catalog::SqliteCatalog::openInMemory()
+                                 : std::make_unique<catalog::SqliteCatalog>(file);
+        auto& c = *m_catalog;
+        c.addUser(String(L"alice"), {String(L"sales")});
+        c.addUser(String(L"bob"), {String(L"hr")});
+        c.makeFolder(P(L"/shared/Sales"));
+        for (const wchar_t* r : {L"/shared/Sales/Report1", L"/shared/Sales/Report2", L"/shared/Sales/Report3",
+                                 L"/shared/HR/Headcount"})
+            c.putObject(P(r), String(L"report1"), {}, "report body");
+        c.makeFolder(P(L"/shared/Sales/Dashboard"));
+        c.putObject(P(L"/shared/Sales/Dashboard/Page1"), String(L"dashboardpage1"), {}, "page");
+        c.putObject(P(L"/shared/Sales/Dashboard/Page2"), String(L"dashboardpage1"), {}, "page");
+        c.makeFolder(P(L"/shared/Sales/Archive"));
+        c.putObject(P(L"/private/Secret"), String(L"report1"), {}, "secret");
+        c.setAccess(P(L"/private"), String(L"bob"), false, catalog::Rights::kRead);
+        for (const wchar_t* u : {L"alice", L"bob"}) {
+            catalog::Path home = P(L"/users") + catalog::ItemName(String(u), catalog::ItemName::kNone);
+            c.makeFolder(home);
+            c.setAccess(home, String(u), false, catalog::Rights::kWrite);
+        }
+        alice = c.tokenFor(String(L"alice"));
+        bob = c.tokenFor(String(L"bob"));
+    }
+
+    catalog::SqliteCatalog& admin() { return *m_catalog; }
+    catalog::Catalog& catalog() { return *m_catalog; }
+
+    static catalog::Path P(const wchar_t* s) { return catalog::Path(String(s)); }
+    static catalog::Path favoritesPath(const wchar_t* user) {
+        return P(L"/users") + catalog::ItemName(String(user), catalog::ItemName::kNone) +
+               catalog::ItemName(String(L"favorites"), catalog::ItemName::kNone);
+    }
+
+    // Stores a favorites document for a user, as another program would.
+    void storeFavoritesXml(const wchar_t* user, const std::string& xml) {
+        m_catalog->putObject(favoritesPath(user), kFavoritesSignature, {}, xml);
+    }
+    // Stores the tree given in the test notation (categories and catalog items).
+    void storeFavorites(const wchar_t* user, const std::string& notation) {
+        storeFavoritesXml(user, documentFromNotation(notation));
+    }
+    std::string storedFavorites(const wchar_t* user) { return m_catalog->readRaw(favoritesPath(user)); }
+
+    // A favorites document written by hand from the notation.
+    static std::string documentFromNotation(const std::string& notation) {
+        std::string out = "<?xml version=\"1.0\"?>\n<f:favoritelist xmlns:f=\"urn:kiv-web:favorites/v1\">";
+        for (const std::string& t : tokenize(notation)) {
+            if (t == "[") continue;
+            if (t == "]") {
+                out += "</favorite>";
+            } else if (t[0] == '/') {
+                std::string name = t.substr(t.rfind('/') + 1);
+                out += "<favorite name=\"" + name + "\" catalogpath=\"" + t + "\" type=\"catalogitem\"/>";
+            } else {
+                std::string name = t;
+                for (char& ch : name)
+                    if (ch == '_') ch = ' ';
+                out += "<favorite name=\"" + name + "\" type=\"category\">";
+            }
+        }
+        return out + "</f:favoritelist>\n";
+    }
+
+    AccountToken alice;
+    AccountToken bob;
+
+private:
+    std::unique_ptr<catalog::SqliteCatalog> m_catalog;
+};
+
+}  // namespace kiv::testing
