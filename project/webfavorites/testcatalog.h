@@ -14,6 +14,7 @@
 #include <string>
 
 #include "qz/platform/accounttoken.h"
+#include "qz/platform/xml.h"
 #include "qz/webcatalog/sqlitecatalog.h"
 #include "testsupport.h"
 
@@ -66,6 +67,32 @@ public:
         storeFavoritesXml(user, documentFromNotation(notation));
     }
     std::string storedFavorites(const wchar_t* user) { return m_catalog->readRaw(favoritesPath(user)); }
+
+    // The stored document read into the notation by walking its elements
+    // (independently of the manager, and without running the mobile upgrade).
+    std::string storedDocumentTree(const wchar_t* user) {
+        const std::string body = storedFavorites(user);
+        Handle<XmlDocument> doc = XmlDocument::fromBuffer(body.data(), body.size());
+        return elementsToNotation(doc->getRootElement());
+    }
+    static std::string elementsToNotation(const XmlElement* parent) {
+        std::string out;
+        for (XmlElement* e = parent->getFirstChildElement(); e; e = e->getNextSiblingElement()) {
+            const String type = e->getAttributeValue(String(L"type"), XmlElement::kNotRequired);
+            std::string part;
+            if (type == L"category") {
+                std::string name = e->getAttributeValue(String(L"name"), XmlElement::kNotRequired).toUtf8();
+                for (char& ch : name)
+                    if (ch == ' ') ch = '_';
+                const std::string inner = elementsToNotation(e);
+                part = name + "[" + (inner.empty() ? "" : " " + inner + " ") + "]";
+            } else {
+                part = e->getAttributeValue(String(L"catalogpath"), XmlElement::kNotRequired).toUtf8();
+            }
+            out += (out.empty() ? "" : " ") + part;
+        }
+        return out;
+    }
 
     // A favorites document written by hand from the notation.
     static std::string documentFromNotation(const std::string& notation) {
