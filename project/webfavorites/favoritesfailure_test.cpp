@@ -200,7 +200,7 @@ TEST_F(FavoritesFailureTest, FailedSaveReloadsTheTreeAndRaisesTheCatalogExceptio
     FavoritesManager m(faulty, env.alice, favPath);
     const std::string before = dump(m.getRootFolder());
     Handle<FavoritesItem> h;
-    m.createFavoriteCatalogObject(String(L"/shared/Sales/Report3"), String(), h);
+    m.createFavoriteCatalogObject(String(L"/shared/Sales/Dashboard/Page1"), String(), h);
     faulty.failCall(FaultInjectingCatalog::kWriteObject, faulty.callCount(FaultInjectingCatalog::kWriteObject) + 1,
                     catalog::kErrorAccessDenied);
     try {
@@ -212,7 +212,7 @@ TEST_F(FavoritesFailureTest, FailedSaveReloadsTheTreeAndRaisesTheCatalogExceptio
     }
     EXPECT_EQ(dump(m.getRootFolder()), before);  // the unsaved edit was dropped
     EXPECT_EQ(storedTree(), before);
-    EXPECT_FALSE(m.isFavorite(P(L"/shared/Sales/Report3")));
+    EXPECT_FALSE(m.isFavorite(P(L"/shared/Sales/Dashboard/Page1")));
 }
 
 TEST_F(FavoritesFailureTest, InfoFailingAfterASaveKeepsTheManagerDirty) {
