@@ -7,7 +7,9 @@
 #include "favoritesmessages.h"
 #include "qz/platform/assert.h"
 #include "qz/platform/config.h"
+#include "qz/platform/gd.h"
 #include "qz/platform/message.h"
+#include "qz/platform/soap.h"
 #include "qz/platform/systemutils.h"
 #include "qz/platform/xml.h"
 #include "qz/webcatalog/readerwriter.h"
@@ -29,17 +31,17 @@ const String ksNameAttr(L"name");
 const String ksCatalogPathAttr(L"catalogpath");
 const String ksFavoriteTag(L"favorite");
 const String ksCatalogItem(L"catalogitem");
-[[maybe_unused]] const String ksNameArg(L"name");
+const String ksNameArg(L"name");
 const String ksTypeAttr(L"type");
-[[maybe_unused]] const String ksCatalogPathArg(L"path");
-[[maybe_unused]] const String ksFavoritesParentPathArg(L"favoritesParentPath");
-[[maybe_unused]] const String ksTypeArg(L"type");
-[[maybe_unused]] const String ksFavoritesChildrenArg(L"children");
+const String ksCatalogPathArg(L"path");
+const String ksFavoritesParentPathArg(L"favoritesParentPath");
+const String ksTypeArg(L"type");
+const String ksFavoritesChildrenArg(L"children");
 const String ksPath(L"path");
 const String ksPage(L"page");
-[[maybe_unused]] const String strCatalogPath(L"catalogPath");
+const String strCatalogPath(L"catalogPath");
 [[maybe_unused]] const String strItemInfo(L"itemInfo");
-[[maybe_unused]] const String strFavoriteItem(L"favoriteItem");
+const String strFavoriteItem(L"favoriteItem");
 const XmlNamespace kFavoritesNamespace(String(L"urn:kiv-web:favorites/v1"), String());
 const LogSourceHandle s_logSrcUpgrade(String(L"kiv.favoritesmanager.upgrade"));
 
@@ -132,6 +134,48 @@ struct DecrementCatalogItemsCount {
 };
 
 bool isCatalogItem(const FavoritesItem& item) { return dynamic_cast<const FavoriteCatalogItem*>(&item) != nullptr; }
+
+// --- Generic-data reading of client JSON ---------------------------------
+
+// The value a variant holds, after following references; null for none.
+GDValue* resolvedValue(const GDVariant& v) {
+    GDValue* p = v.getValue();
+    return p ? p->resolveReferences() : nullptr;
+}
+
+// Reads a property and turns it into its text form. False when absent.
+bool readPropertyText(const IGDReadablePropertyBag& bag, GDContext& ctx, const String& key, String& text) {
+    GDAdjustableSizeVariant value;
+    if (!bag.getProperty(ctx, GDPropertyKey(key), value)) return false;
+    text = GDTypeConversions::toString(ctx, value.getReferencedValue());
+    return true;
+}
+
+// --- SOAP parameter reading -------------------------------------------------
+
+// The child `name` at the position `it`, converted to `type`, with
+// references followed to the parameter that holds the value. A missing or
+// misnamed child, or a value that does not convert, raises the SOAP layer's
+// exception.
+const SoapParameter& readSoapChild(const SoapParameter& parObject, const String& name,
+                                   const SoapParametersIterator& it, SoapParameter::EType type) {
+    SoapParameter* p = parObject.getChildParam(name, it, true, false);
+    p->convert(type);
+    while (p->getType() == SoapParameter::kRef || p->getType() == SoapParameter::kRefUnresolved) {
+        if (p->getType() == SoapParameter::kRefUnresolved) p->resolveRef();
+        p = p->getRefParam();
+    }
+    return *p;
+}
+
+String readSoapString(const SoapParameter& parObject, const String& name, const SoapParametersIterator& it) {
+    return readSoapChild(parObject, name, it, SoapParameter::kString).getString();
+}
+
+std::uint16_t readSoapUnsignedShort(const SoapParameter& parObject, const String& name,
+                                    const SoapParametersIterator& it) {
+    return readSoapChild(parObject, name, it, SoapParameter::kUnsignedShort).getUnsignedShort();
+}
 
 }  // namespace
 
@@ -610,6 +654,166 @@ favorites::ReturnCode FavoritesManager::persist() {
         m_bIsDirty = false;
     }
     return favorites::kSuccess;
+}
+
+// ---------------------------------------------------------------------------
+// Client input: JSON
+
+favorites::ReturnCode FavoritesManager::createFavoriteFromJson(const String& sJsonItemInfo,
+                                                               Handle<FavoritesItem>& favoriteItem) {
+    GDExpressionEvaluator evaluator;
+    GDVariant value;
+    if (!evaluator.evaluateExpression(sJsonItemInfo, sJsonItemInfo.length(), value, GDExpressionEvaluator::kJsonLiteral))
+        return favorites::kErrorInvalidFavoritesJson;
+    const auto* pBag = dynamic_cast<const IGDReadablePropertyBag*>(resolvedValue(value));
+    if (!pBag) return favorites::kErrorInvalidFavoritesJson;
+    GDContext& ctx = evaluator.getContext();
+
+    String sType;
+    if (!readPropertyText(*pBag, ctx, ksTypeArg, sType)) return favorites::kErrorInvalidFavoritesJson;
+    const favorites::EItemType eType = kmapFavoritesJSONTypes.getEnum(sType);
+
+    String sParentPath;
+    if (!readPropertyText(*pBag, ctx, ksFavoritesParentPathArg, sParentPath)) return favorites::kErrorInvalidFavoritesJson;
+    catalog::Path tParentPath;
+    const catalog::Path& parent = tParentPath.checkAndSetPath(sParentPath) ? tParentPath : m_rootFolderPath;
+
+    if (eType == favorites::kCategory) {
+        // A category made from one item is named by its "type" text ("1"),
+        // not by "name": kept so for the clients that rely on it.
+        String sName;
+        if (!readPropertyText(*pBag, ctx, ksTypeArg, sName)) return favorites::kErrorInvalidFavoritesJson;
+        return createFolder(catalog::ItemName(sName, catalog::ItemName::kNone), favoriteItem, parent);
+    }
+    if (eType == favorites::kCatalogObject) {
+        String sPath;
+        if (!readPropertyText(*pBag, ctx, ksCatalogPathArg, sPath)) return favorites::kErrorInvalidFavoritesJson;
+        return createFavoritesCatalogItem(catalog::Path(sPath), favoriteItem, parent);
+    }
+    return favorites::kErrorInvalidFavoritesJson;
+}
+
+favorites::ReturnCode FavoritesManager::createFavoritesFromJson(const String& sJsonFavoritesInfo,
+                                                                Handle<FavoritesItem>& parentFavorite) {
+    GDExpressionEvaluator evaluator;
+    GDVariant value;
+    // Text that is not a JSON array adds nothing and is not an error: the
+    // caller keeps whatever it cleared beforehand.
+    if (!evaluator.evaluateExpression(sJsonFavoritesInfo, sJsonFavoritesInfo.length(), value,
+                                      GDExpressionEvaluator::kJsonLiteral))
+        return favorites::kSuccess;
+    const auto* pArray = dynamic_cast<const IGDRandomAccessContainer*>(resolvedValue(value));
+    if (!pArray) return favorites::kSuccess;
+    GDContext& ctx = evaluator.getContext();
+
+    for (std::size_t i = 0; i < pArray->getCount(); ++i) {
+        GDVariant element;
+        if (!pArray->getElement(i, element)) continue;
+        const auto* pBag = dynamic_cast<const IGDReadablePropertyBag*>(resolvedValue(element));
+        if (!pBag) continue;
+
+        String sType;
+        if (!readPropertyText(*pBag, ctx, ksTypeArg, sType)) return favorites::kErrorInvalidFavoritesJson;
+        const favorites::EItemType eType = kmapFavoritesJSONTypes.getEnum(sType);
+
+        Handle<FavoritesItem> item;
+        if (eType == favorites::kCatalogObject) {
+            String sPath;  // a missing "path" reads as empty text
+            readPropertyText(*pBag, ctx, ksCatalogPathArg, sPath);
+            const catalog::Path catalogPath(sPath);
+            if (createFavoritesCatalogItem(catalogPath, item, parentFavorite->getPath()) != favorites::kSuccess)
+                return favorites::kErrorInvalidFavoritesJson;
+            const favorites::ReturnCode eCode = parentFavorite->addChild(item);
+            if (eCode != favorites::kSuccess) return eCode;  // a stop keeps what was added
+            insertCatalogPathInMap(catalogPath);
+        } else if (eType == favorites::kCategory) {
+            String sName;  // a missing "name" reads as empty text
+            readPropertyText(*pBag, ctx, ksNameArg, sName);
+            const favorites::ReturnCode eCode =
+                createFolder(catalog::ItemName(sName, catalog::ItemName::kNone), item, parentFavorite->getPath());
+            if (eCode != favorites::kSuccess) return eCode;
+            parentFavorite->addChild(item);
+            String sChildren;
+            // Each level is read from the text form of its array; an error
+            // inside a category does not stop its siblings.
+            if (readPropertyText(*pBag, ctx, ksFavoritesChildrenArg, sChildren)) createFavoritesFromJson(sChildren, item);
+        }
+        // Any other type: the element is skipped.
+    }
+    return favorites::kSuccess;
+}
+
+favorites::ReturnCode FavoritesManager::updateAll(const String& sJsonFavoritesInfo) {
+    // No sync check: the client's tree wins over the stored one.
+    m_hRootFolder->removeChildren();
+    m_catalogItemsPath.clear();
+    const favorites::ReturnCode eCode = createFavoritesFromJson(sJsonFavoritesInfo, m_hRootFolder);
+    if (eCode != favorites::kSuccess) return eCode;  // the partial tree stays in memory, unwritten
+    m_bIsDirty = true;
+    return persist();
+}
+
+// ---------------------------------------------------------------------------
+// Client input: SOAP
+
+favorites::ReturnCode FavoritesManager::createFavoritesFromSoap(std::vector<SoapParameter*> vecFavObjs,
+                                                                Handle<FavoritesItem>& parentFavorite) {
+    if (vecFavObjs.empty()) return favorites::kSuccess;
+    for (std::size_t i = 0; i < vecFavObjs.size(); ++i) {
+        Handle<FavoritesItem> favoriteItem;
+        try {
+            const SoapParameter* parObject = vecFavObjs[i];
+            if (!parObject) continue;  // nothing to read: left out like any bad item
+            SoapParametersIterator itFavItemObj = parObject->begin();
+            const String sName = readSoapString(*parObject, ksNameArg, itFavItemObj);
+            ++itFavItemObj;
+            const String sPath = readSoapString(*parObject, ksCatalogPathArg, itFavItemObj);  // read, not used
+            ++itFavItemObj;
+            const std::uint16_t nType = readSoapUnsignedShort(*parObject, ksTypeArg, itFavItemObj);
+            ++itFavItemObj;
+            (void)sPath;
+
+            if (nType != 0) {
+                // Any non-zero type is a category.
+                const favorites::ReturnCode eCode = createFolder(catalog::ItemName(sName, catalog::ItemName::kNone),
+                                                                 favoriteItem, parentFavorite->getPath());
+                if (eCode != favorites::kSuccess) return eCode;  // stops the whole build
+                // A refused category is not an error; its sub-items are still
+                // built below the unattached folder.
+                parentFavorite->addChild(favoriteItem);
+                parObject->getChildParam(strFavoriteItem, itFavItemObj, false, false);
+                std::vector<SoapParameter*> vecSubFavObjs;
+                for (SoapParametersIterator it = itFavItemObj; !(it == parObject->end()); ++it) {
+                    SoapParameter* pChild = parObject->getChildParam(it);
+                    if (!pChild || pChild->getName() != strFavoriteItem) break;
+                    vecSubFavObjs.push_back(pChild);
+                }
+                createFavoritesFromSoap(vecSubFavObjs, favoriteItem);  // failures below do not count here
+            } else {
+                const String sCatalogPath = readSoapString(*parObject, strCatalogPath, itFavItemObj);
+                const catalog::Path catalogPath(sCatalogPath);
+                // Taken as given: the catalog is not asked whether it exists.
+                if (createFavoritesCatalogItem(catalogPath, favoriteItem, parentFavorite->getPath()) !=
+                    favorites::kSuccess)
+                    continue;  // skipped, unlike a category, which stops the build
+                const favorites::ReturnCode eCode = parentFavorite->addChild(favoriteItem);
+                if (eCode != favorites::kSuccess) return eCode;
+                insertCatalogPathInMap(catalogPath);
+            }
+        } catch (const Exception&) {
+            // A bad item is left out with everything below it.
+        }
+    }
+    return favorites::kSuccess;
+}
+
+favorites::ReturnCode FavoritesManager::updateAll(std::vector<SoapParameter*> vecFavObjs) {
+    m_hRootFolder->removeChildren();
+    m_catalogItemsPath.clear();
+    const favorites::ReturnCode eCode = createFavoritesFromSoap(vecFavObjs, m_hRootFolder);
+    if (eCode != favorites::kSuccess) return eCode;  // the stored tree stays as it was
+    m_bIsDirty = true;
+    return persist();
 }
 
 // ---------------------------------------------------------------------------
