@@ -30,9 +30,14 @@ function(kiv_add_test name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/project)
   kiv_target_warnings(${name})
-  set(labels unit ${ARG_LABELS})
+  # gtest_discover_tests flattens a list given as one property value, so each
+  # binary carries exactly one label: its own (such as "concurrency") or "unit".
+  set(label unit)
+  if(ARG_LABELS)
+    list(GET ARG_LABELS 0 label)
+  endif()
   gtest_discover_tests(${name}
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-    PROPERTIES LABELS "${labels}" ENVIRONMENT "KIV_DATA_DIR=${KIV_BUILD_DATA_DIR}"
+    PROPERTIES LABELS ${label} ENVIRONMENT "KIV_DATA_DIR=${KIV_BUILD_DATA_DIR}"
     DISCOVERY_TIMEOUT 60)
 endfunction()

@@ -5,7 +5,9 @@
 //     <message id="kmsgSomething">Text with an insert %1.</message>
 //   </messages>
 // MessageFilesRegistry loads registered files (on first lookup after a
-// registration) and resolves an identifier to its text. ExternalMessage names
+// registration) and resolves an identifier to its text: the element's text
+// with surrounding whitespace trimmed; when two files define one identifier,
+// the file registered first wins. ExternalMessage names
 // an identifier; ParamMessage adds inserts to one. Both are Message values
 // that a GDVariant carries and that resolve their text when asked.
 //
@@ -60,7 +62,9 @@ private:
 class ParamMessage : public Message {
 public:
     explicit ParamMessage(const ExternalMessage& message) : m_id(message.getId()) {}
-    // Sets insert `index` (numbered from 1).
+    // Sets insert `index` (numbered from 1), growing the inserts as needed;
+    // index 0 is ignored. For an identifier no file defines, getText gives
+    // "<id>: <insert 1>, <insert 2>, ...".
     void setParam(unsigned index, GDVariant value);
     const String& getId() const noexcept override { return m_id; }
     const std::vector<GDVariant>& getInserts() const noexcept override { return m_inserts; }

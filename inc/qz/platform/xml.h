@@ -8,8 +8,14 @@
 // Parsing is hardened for untrusted input: no external entities, no DTD
 // loading, no network, no entity expansion (an entity-expansion bomb fails),
 // a fixed maximum nesting depth (kMaxDepth) and size (kMaxDocumentBytes);
-// text must be well-formed UTF-8. Every failure raises XmlException with a
-// clear message.
+// text must be well-formed UTF-8. A document carrying any DOCTYPE declaration
+// is refused outright, which keeps out entity declarations and external DTDs
+// alike. Every failure raises XmlException with a clear message, naming the
+// line where the parser reports one.
+//
+// Names given to the builder must be XML names without a colon, and attribute
+// values must hold only characters XML can represent (no control characters
+// other than tab, newline and carriage return); otherwise XmlException.
 //
 // Thread safety: distinct documents may be used from distinct threads; one
 // document needs external synchronisation. Compiled schemas are cached per
