@@ -173,6 +173,15 @@ TEST_F(FavoritesManagerTest, RootWithoutElementChildrenYieldsAnEmptyRoot) {
     EXPECT_EQ(tree(manager()), "");
 }
 
+TEST_F(FavoritesManagerTest, FavoritesLeftInTheDefaultNamespaceAreLoaded) {
+    env.storeFavoritesXml(L"alice",
+                          "<favoritelist xmlns=\"urn:kiv-web:favorites/v1\">"
+                          "<favorite name=\"A\" type=\"category\">"
+                          "<favorite name=\"Report1\" catalogpath=\"/shared/Sales/Report1\" type=\"catalogitem\"/>"
+                          "</favorite></favoritelist>");
+    EXPECT_EQ(tree(manager()), "A[ /shared/Sales/Report1 ]");
+}
+
 TEST_F(FavoritesManagerTest, TypeValuesInAnyCaseAreAccepted) {
     env.storeFavoritesXml(L"alice",
                           "<f:favoritelist xmlns:f=\"urn:kiv-web:favorites/v1\">"

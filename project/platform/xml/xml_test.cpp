@@ -549,8 +549,13 @@ TEST(XmlValidatorTest, ChildElementWithAnotherNameIsRejected) {
     EXPECT_NE(errors[0].find(L"line 1"), String::npos) << errors[0].toUtf8();
 }
 
-TEST(XmlValidatorTest, FavoriteInTheFavoritesNamespaceIsRejected) {
-    EXPECT_FALSE(validates(favorites("<favorite name='x'/>")));
+TEST(XmlValidatorTest, FavoriteInTheFavoritesNamespaceIsAccepted) {
+    // A writer that leaves the root's default namespace in force.
+    EXPECT_TRUE(validates(favorites("<favorite name='x' type='category'><favorite name='y'/></favorite>")));
+}
+
+TEST(XmlValidatorTest, FavoriteInAnotherNamespaceIsRejected) {
+    EXPECT_FALSE(validates(favorites("<favorite xmlns='urn:other' name='x'/>")));
 }
 
 TEST(XmlValidatorTest, UnknownAttributeIsRejected) {
