@@ -1,0 +1,215 @@
+// Generic-data values and the JSON expression evaluator.
+//
+// `GDExpressionEvaluator::evaluateExpression` turns a JSON literal (RFC 8259
+// text: an object, an array, a string, a number, true, false or null) into a
+// `GDVariant`. Nothing but a JSON literal is accepted: any other text, and
+// any text that breaks the limits below, makes the evaluation answer false.
+//
+// Values produced by an evaluation:
+//
+//   JSON         GDVariant
+//   ----------   ---------------------------------------------------------
+//   null         empty variant (Kind::kEmpty)
+//   true/false   bool
+//   integer      int64 when it fits; an integer above INT64_MAX but within
+//                UINT64_MAX is kept as the nearest double; an integer
+//                outside the 64-bit range fails the evaluation
+//   other number double; a number whose magnitude does not fit a double
+//                (1e400) fails the evaluation
+//   string       String (decoded from UTF-8)
+//   array        a `GDJsonArray` (an IGDRandomAccessContainer)
+//   object       a `GDJsonObject` (an IGDReadablePropertyBag)
+//
+// Arrays and objects are immutable once built and are reached from the
+// variant with `getValue()` and `dynamic_cast` to the view interface.
+//
+// Duplicate keys in one object: the LAST value wins, and the key keeps the
+// position of its FIRST occurrence (the same rule as ECMAScript JSON.parse).
+//
+// Limits (each makes the evaluation answer false, never crash):
+//   - the text may hold at most kMaxTextBytes bytes once encoded as UTF-8;
+//   - arrays and objects may nest at most kMaxDepth levels deep
+//     (`[1]` is depth 1, `[[1]]` depth 2);
+//   - a String holding a code point that is not a Unicode scalar value, a
+//     JSON string escape that yields an unpaired surrogate, and any other
+//     malformed text fail the evaluation.
+//
+// Text form (`GDTypeConversions::toString`):
+//   - string: the string itself, unquoted;
+//   - int64: decimal digits with a leading '-' when negative ("42", "-7");
+//   - double: the shortest decimal text that reads back as the same double
+//     ("0.5", "1e+300"; an integral double such as 2.0 gives "2");
+//   - bool: "true" / "false";
+//   - null (empty variant): "";
+//   - array or object: compact JSON text (no white space) that evaluates
+//     again to an equal structure: strings are quoted and escaped, doubles
+//     always carry a fraction or exponent ("2.0") so that they stay doubles;
+//   - a reference holder: the text of its target.
+//
+// Thread safety: an evaluator (it reuses its parser buffers) is used by one
+// thread at a time. Values it produced are immutable and may be shared and
+// read from any thread; their reference counts are atomic.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "qz/platform/gdvariant.h"
+#include "qz/platform/handle.h"
+#include "qz/platform/string.h"
+
+namespace kiv {
+
+// The evaluation context (`GDExpressionEvaluator::getContext`), handed to
+// every read of values produced by an evaluation.
+//
+// It also remembers the JSON text that `GDTypeConversions::toString` last
+// made of a few arrays and objects: when its evaluator is then asked to
+// evaluate exactly that text, it answers with the (immutable, equal) value
+// the text was made from instead of parsing it again. Readers that walk a
+// tree level by level through the text form of each level thus parse the
+// text only once.
+class GDContext {
+public:
+    GDContext();
+    ~GDContext();
+    GDContext(const GDContext&) = delete;
+    GDContext& operator=(const GDContext&) = delete;
+
+private:
+    friend struct GDTypeConversions;
+    friend class GDExpressionEvaluator;
+    struct Memo;
+    std::unique_ptr<Memo> m_memo;
+};
+
+// The name of a property of an object value.
+class GDPropertyKey {
+public:
+    explicit GDPropertyKey(String name) : m_name(std::move(name)) {}
+    const String& getName() const noexcept { return m_name; }
+
+private:
+    String m_name;
+};
+
+// Array view of a value.
+class IGDRandomAccessContainer {
+public:
+    virtual ~IGDRandomAccessContainer() = default;
+    virtual std::size_t getCount() const noexcept = 0;
+    // Element i into `out`; false (out untouched) when i >= getCount().
+    virtual bool getElement(std::size_t i, GDVariant& out) const = 0;
+};
+
+// Object view of a value.
+class IGDReadablePropertyBag {
+public:
+    virtual ~IGDReadablePropertyBag() = default;
+    // The property's value into `out`; false (out untouched) when absent.
+    // A property whose JSON value is null is present: true, `out` empty.
+    virtual bool getProperty(GDContext& ctx, const GDPropertyKey& key, GDVariant& out) const = 0;
+};
+
+// A JSON array: elements in document order.
+class GDJsonArray final : public GDValue, public IGDRandomAccessContainer {
+public:
+    GDJsonArray() = default;
+    explicit GDJsonArray(std::vector<GDVariant> elements) : m_elements(std::move(elements)) {}
+
+    std::size_t getCount() const noexcept override { return m_elements.size(); }
+    bool getElement(std::size_t i, GDVariant& out) const override;
+    const std::vector<GDVariant>& elements() const noexcept { return m_elements; }
+
+private:
+    std::vector<GDVariant> m_elements;
+};
+
+// A JSON object: members in the order their keys first appeared.
+class GDJsonObject final : public GDValue, public IGDReadablePropertyBag {
+public:
+    using Member = std::pair<String, GDVariant>;
+
+    GDJsonObject() = default;
+    // Applies the duplicate-key rule: last value wins, first position kept.
+    explicit GDJsonObject(std::vector<Member> members);
+
+    bool getProperty(GDContext& ctx, const GDPropertyKey& key, GDVariant& out) const override;
+    // Context-free lookup: the value or null when absent.
+    const GDVariant* find(const String& key) const noexcept;
+    std::size_t getCount() const noexcept { return m_members.size(); }
+    const std::vector<Member>& members() const noexcept { return m_members; }
+
+private:
+    std::vector<Member> m_members;
+    // For larger objects: member indexes sorted by key (binary search).
+    std::vector<std::uint32_t> m_sorted;
+};
+
+// A reference holder: stands for another value. resolveReferences() gives
+// the target's value (following further holders), null when the target is
+// not a generic-data value (a scalar or nothing).
+class GDReferenceValue final : public GDValue {
+public:
+    explicit GDReferenceValue(GDVariant target) : m_target(std::move(target)) {}
+    GDValue* resolveReferences() override;
+    const GDVariant& getTarget() const noexcept { return m_target; }
+
+private:
+    GDVariant m_target;
+};
+
+// A variant as filled by property and element reads, with the step that
+// sees through reference holders.
+class GDAdjustableSizeVariant : public GDVariant {
+public:
+    using GDVariant::GDVariant;
+    GDAdjustableSizeVariant() = default;
+    GDAdjustableSizeVariant(const GDVariant& v) : GDVariant(v) {}
+    GDAdjustableSizeVariant(GDVariant&& v) : GDVariant(std::move(v)) {}
+
+    // The variant itself, or, when it holds a reference holder, the variant
+    // the holder (chain) stands for.
+    const GDVariant& getReferencedValue() const noexcept;
+};
+
+struct GDTypeConversions {
+    // The text form of a variant (see the table at the top of this file).
+    static String toString(GDContext& ctx, const GDVariant& value);
+    // The variant as JSON text: like toString, but strings are quoted and
+    // escaped and null is "null", so that every result is a JSON literal.
+    static String toJson(GDContext& ctx, const GDVariant& value);
+};
+
+class GDExpressionEvaluator {
+public:
+    // Arrays and objects nest at most this deep.
+    static constexpr std::size_t kMaxDepth = 512;
+    // Largest accepted text, in UTF-8 bytes.
+    static constexpr std::size_t kMaxTextBytes = 16u * 1024u * 1024u;
+    // The only flag value: the text is a JSON literal.
+    static constexpr int kJsonLiteral = 1;
+
+    GDExpressionEvaluator();
+    ~GDExpressionEvaluator();
+    GDExpressionEvaluator(const GDExpressionEvaluator&) = delete;
+    GDExpressionEvaluator& operator=(const GDExpressionEvaluator&) = delete;
+
+    // Evaluates the first `length` characters of `text` (all of it when
+    // `length` is larger). `flag` must be kJsonLiteral. True and `result`
+    // set on success; false and `result` untouched otherwise. Never throws
+    // for bad text (std::bad_alloc may still escape).
+    bool evaluateExpression(const String& text, std::size_t length, GDVariant& result, int flag);
+
+    GDContext& getContext() noexcept { return m_context; }
+
+private:
+    struct Impl;
+    GDContext m_context;
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace kiv

@@ -1,0 +1,492 @@
+#include "qz/platform/gd.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+
+namespace kiv {
+namespace {
+
+std::optional<GDVariant> eval(GDExpressionEvaluator& ev, const String& text) {
+    GDVariant v;
+    if (!ev.evaluateExpression(text, text.size(), v, 1)) return std::nullopt;
+    return v;
+}
+
+std::optional<GDVariant> eval(const String& text) {
+    GDExpressionEvaluator ev;
+    return eval(ev, text);
+}
+
+String readTestFile(const char* name) {
+    std::ifstream in(std::string(KIV_GD_TESTDATA) + "/" + name, std::ios::binary);
+    EXPECT_TRUE(in.good()) << name;
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return String::fromUtf8(ss.str());
+}
+
+const GDJsonArray* asArray(const GDVariant& v) { return dynamic_cast<const GDJsonArray*>(v.getValue()); }
+const GDJsonObject* asObject(const GDVariant& v) { return dynamic_cast<const GDJsonObject*>(v.getValue()); }
+
+// Structural equality: containers compare by content, scalars by kind and value.
+bool sameValue(const GDVariant& a, const GDVariant& b) {
+    if (a.kind() != b.kind()) return false;
+    if (a.kind() != GDVariant::Kind::kValue) return a == b;
+    if (auto* x = asArray(a)) {
+        auto* y = asArray(b);
+        if (!y || x->getCount() != y->getCount()) return false;
+        for (std::size_t i = 0; i < x->getCount(); ++i)
+            if (!sameValue(x->elements()[i], y->elements()[i])) return false;
+        return true;
+    }
+    if (auto* x = asObject(a)) {
+        auto* y = asObject(b);
+        if (!y || x->getCount() != y->getCount()) return false;
+        for (std::size_t i = 0; i < x->getCount(); ++i) {
+            if (x->members()[i].first != y->members()[i].first) return false;
+            if (!sameValue(x->members()[i].second, y->members()[i].second)) return false;
+        }
+        return true;
+    }
+    return false;
+}
+
+String nested(std::size_t depth, const wchar_t* open, const wchar_t* inner, const wchar_t* close) {
+    String s;
+    for (std::size_t i = 0; i < depth; ++i) s += open;
+    s += inner;
+    for (std::size_t i = 0; i < depth; ++i) s += close;
+    return s;
+}
+
+// ------------------------------------------------------------- literals
+
+TEST(GDJsonEvaluator, NullEvaluatesToEmptyVariant) {
+    GDVariant v = 5;
+    GDExpressionEvaluator ev;
+    ASSERT_TRUE(ev.evaluateExpression(L"null", 4, v, 1));
+    EXPECT_TRUE(v.isEmpty());
+}
+
+TEST(GDJsonEvaluator, BooleansEvaluateToBool) {
+    auto t = eval(L"true");
+    auto f = eval(L" false ");
+    ASSERT_TRUE(t && f);
+    EXPECT_EQ(t->kind(), GDVariant::Kind::kBool);
+    EXPECT_TRUE(t->getBool());
+    EXPECT_FALSE(f->getBool());
+}
+
+TEST(GDJsonEvaluator, IntegersEvaluateToInt64) {
+    auto v = eval(L"-9223372036854775808");
+    ASSERT_TRUE(v);
+    ASSERT_EQ(v->kind(), GDVariant::Kind::kInt);
+    EXPECT_EQ(v->getInt(), INT64_MIN);
+    auto w = eval(L"42");
+    ASSERT_TRUE(w);
+    EXPECT_EQ(w->getInt(), 42);
+}
+
+TEST(GDJsonEvaluator, FractionsAndExponentsEvaluateToDouble) {
+    auto v = eval(L"0.5");
+    ASSERT_TRUE(v);
+    ASSERT_EQ(v->kind(), GDVariant::Kind::kDouble);
+    EXPECT_EQ(v->getDouble(), 0.5);
+    auto w = eval(L"1E3");
+    ASSERT_TRUE(w);
+    ASSERT_EQ(w->kind(), GDVariant::Kind::kDouble);
+    EXPECT_EQ(w->getDouble(), 1000.0);
+}
+
+TEST(GDJsonEvaluator, StringsAreDecodedIncludingEscapesAndNonAscii) {
+    auto v = eval(L"\"Ums\u00e4tze \\u00e9\\n\\\"q\\\" \\ud83d\\ude00 \U0001F600\"");
+    ASSERT_TRUE(v);
+    ASSERT_EQ(v->kind(), GDVariant::Kind::kString);
+    EXPECT_EQ(v->getString(), String(L"Ums\u00e4tze \u00e9\n\"q\" \U0001F600 \U0001F600"));
+}
+
+TEST(GDJsonEvaluator, EmptyArrayAndObjectEvaluateToContainers) {
+    auto a = eval(L"[]");
+    auto o = eval(L"{}");
+    ASSERT_TRUE(a && o);
+    ASSERT_NE(asArray(*a), nullptr);
+    EXPECT_EQ(asArray(*a)->getCount(), 0u);
+    ASSERT_NE(asObject(*o), nullptr);
+    EXPECT_EQ(asObject(*o)->getCount(), 0u);
+}
+
+TEST(GDJsonEvaluator, LengthLimitsTheEvaluatedText) {
+    GDExpressionEvaluator ev;
+    GDVariant v;
+    const String text = L"[1,2] garbage";
+    ASSERT_TRUE(ev.evaluateExpression(text, 5, v, 1));
+    EXPECT_EQ(asArray(v)->getCount(), 2u);
+    EXPECT_FALSE(ev.evaluateExpression(text, text.size(), v, 1));
+    ASSERT_TRUE(ev.evaluateExpression(L"7", 100, v, 1));
+    EXPECT_EQ(v.getInt(), 7);
+}
+
+TEST(GDJsonEvaluator, FlagOtherThanJsonLiteralFails) {
+    GDExpressionEvaluator ev;
+    GDVariant v = 3;
+    EXPECT_FALSE(ev.evaluateExpression(L"1", 1, v, 0));
+    EXPECT_FALSE(ev.evaluateExpression(L"1", 1, v, 2));
+    EXPECT_EQ(v.getInt(), 3);  // untouched on failure
+}
+
+// ------------------------------------------------------------- containers
+
+TEST(GDJsonContainers, NestedArraysAndObjectsAreReadThroughTheirViews) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"[{\"type\":1,\"name\":\"Sales\",\"children\":[{\"type\":0,\"path\":\"/shared/Sales/Dashboard\"}]}, 3]");
+    ASSERT_TRUE(v);
+    GDValue* root = v->getValue()->resolveReferences();
+    auto* arr = dynamic_cast<IGDRandomAccessContainer*>(root);
+    ASSERT_NE(arr, nullptr);
+    ASSERT_EQ(arr->getCount(), 2u);
+
+    GDVariant first;
+    ASSERT_TRUE(arr->getElement(0, first));
+    auto* bag = dynamic_cast<IGDReadablePropertyBag*>(first.getValue()->resolveReferences());
+    ASSERT_NE(bag, nullptr);
+    GDAdjustableSizeVariant name;
+    ASSERT_TRUE(bag->getProperty(ev.getContext(), GDPropertyKey(L"name"), name));
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), name.getReferencedValue()), L"Sales");
+
+    GDAdjustableSizeVariant children;
+    ASSERT_TRUE(bag->getProperty(ev.getContext(), GDPropertyKey(L"children"), children));
+    auto* kids = dynamic_cast<IGDRandomAccessContainer*>(children.getReferencedValue().getValue());
+    ASSERT_NE(kids, nullptr);
+    EXPECT_EQ(kids->getCount(), 1u);
+
+    GDVariant second;
+    ASSERT_TRUE(arr->getElement(1, second));
+    EXPECT_EQ(second.getInt(), 3);
+    EXPECT_EQ(second.getValue(), nullptr);  // a scalar does not resolve to a value
+}
+
+TEST(GDJsonContainers, AbsentPropertyReadsFalseAndLeavesOutputAlone) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"{\"type\":0}");
+    ASSERT_TRUE(v);
+    GDVariant out = L"keep";
+    EXPECT_FALSE(asObject(*v)->getProperty(ev.getContext(), GDPropertyKey(L"path"), out));
+    EXPECT_EQ(out.getString(), L"keep");
+    EXPECT_FALSE(asObject(*v)->getProperty(ev.getContext(), GDPropertyKey(L"Type"), out));  // keys are case-sensitive
+}
+
+TEST(GDJsonContainers, NullPropertyIsPresentAndEmpty) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"{\"path\":null}");
+    ASSERT_TRUE(v);
+    GDVariant out = 1;
+    ASSERT_TRUE(asObject(*v)->getProperty(ev.getContext(), GDPropertyKey(L"path"), out));
+    EXPECT_TRUE(out.isEmpty());
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), out), L"");
+}
+
+TEST(GDJsonContainers, ElementOutOfRangeReadsFalse) {
+    auto v = eval(L"[10,20]");
+    ASSERT_TRUE(v);
+    GDVariant out = L"keep";
+    EXPECT_FALSE(asArray(*v)->getElement(2, out));
+    EXPECT_FALSE(asArray(*v)->getElement(SIZE_MAX, out));
+    EXPECT_EQ(out.getString(), L"keep");
+}
+
+TEST(GDJsonContainers, ElementsKeepDocumentOrder) {
+    auto v = eval(L"[\"c\",\"a\",\"b\"]");
+    ASSERT_TRUE(v);
+    const auto& e = asArray(*v)->elements();
+    EXPECT_EQ(e[0].getString(), L"c");
+    EXPECT_EQ(e[1].getString(), L"a");
+    EXPECT_EQ(e[2].getString(), L"b");
+}
+
+TEST(GDJsonContainers, DuplicateKeysLastValueWinsAtFirstPosition) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, readTestFile("duplicate_keys.json"));
+    ASSERT_TRUE(v);
+    const GDJsonObject* o = asObject(*v);
+    ASSERT_EQ(o->getCount(), 2u);
+    EXPECT_EQ(o->members()[0].first, L"type");
+    EXPECT_EQ(o->members()[1].first, L"path");
+    GDVariant out;
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"type"), out));
+    EXPECT_EQ(out.getInt(), 1);
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"path"), out));
+    EXPECT_EQ(out.getString(), L"/last");
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), *v), L"{\"type\":1,\"path\":\"/last\"}");
+}
+
+TEST(GDJsonContainers, DuplicateKeysInLargeObjectFollowTheSameRule) {
+    String text = L"{";
+    for (int i = 0; i < 100; ++i) text += L"\"k" + std::to_wstring(i) + L"\":" + std::to_wstring(i) + L",";
+    text += L"\"k5\":500,\"k99\":990,\"k5\":555}";
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, text);
+    ASSERT_TRUE(v);
+    const GDJsonObject* o = asObject(*v);
+    ASSERT_EQ(o->getCount(), 100u);
+    EXPECT_EQ(o->members()[5].first, L"k5");
+    EXPECT_EQ(o->members()[5].second.getInt(), 555);
+    EXPECT_EQ(o->find(L"k99")->getInt(), 990);
+    EXPECT_EQ(o->find(L"k0")->getInt(), 0);
+    EXPECT_EQ(o->find(L"k100"), nullptr);
+    for (int i = 0; i < 100; ++i) EXPECT_NE(o->find(L"k" + std::to_wstring(i)), nullptr) << i;
+}
+
+TEST(GDJsonContainers, ReferenceHolderResolvesToItsTarget) {
+    Handle<GDValue> arr(new GDJsonArray({GDVariant(1), GDVariant(2)}));
+    Handle<GDValue> ref(new GDReferenceValue(GDVariant(arr)));
+    Handle<GDValue> refref(new GDReferenceValue(GDVariant(ref)));
+    EXPECT_EQ(refref->resolveReferences(), arr.get());
+    EXPECT_EQ(arr->resolveReferences(), arr.get());
+
+    GDAdjustableSizeVariant holder{GDVariant(refref)};
+    EXPECT_EQ(holder.getReferencedValue().getValue(), arr.get());
+    GDContext ctx;
+    EXPECT_EQ(GDTypeConversions::toString(ctx, holder), L"[1,2]");
+}
+
+TEST(GDJsonContainers, ReferenceToScalarResolvesToNullButReadsAsText) {
+    Handle<GDValue> ref(new GDReferenceValue(GDVariant(L"text")));
+    EXPECT_EQ(ref->resolveReferences(), nullptr);
+    GDAdjustableSizeVariant holder{GDVariant(ref)};
+    EXPECT_EQ(holder.getReferencedValue().getString(), L"text");
+}
+
+// ------------------------------------------------------------- text form
+
+TEST(GDTypeConversionsToString, ScalarsHaveDocumentedTextForms) {
+    GDContext ctx;
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(L"a \"b\"")), L"a \"b\"");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(std::int64_t{-7})), L"-7");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(0.1)), L"0.1");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(2.0)), L"2");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(1e300)), L"1e+300");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(true)), L"true");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(false)), L"false");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant()), L"");
+}
+
+TEST(GDTypeConversionsToString, TypeValuesReadAsTheTextOfTheTypeMap) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"[0, 1, \"1\", 1.0]");
+    ASSERT_TRUE(v);
+    const auto& e = asArray(*v)->elements();
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), e[0]), L"0");
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), e[1]), L"1");
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), e[2]), L"1");
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), e[3]), L"1");
+}
+
+TEST(GDTypeConversionsToString, ArrayTextIsCompactJsonThatReEvaluatesToAnEqualStructure) {
+    GDExpressionEvaluator ev;
+    const String text =
+        L"[ {\"type\" : 1, \"name\": \"Sales \\\"EU\\\"\\n\\t\\u0001\", \"children\": [ {\"type\":0,\"path\":\"/s/\u00e9\"} ] },"
+        L" 2.0, -0.0, 1e-7, 12345678901234, true, false, null, [], {}, [[[]]] ]";
+    auto v = eval(ev, text);
+    ASSERT_TRUE(v);
+    const String form = GDTypeConversions::toString(ev.getContext(), *v);
+    EXPECT_EQ(form.find(L' '), form.find(L"Sales ") + 5);  // the only blank is inside a string
+    auto again = eval(ev, form);
+    ASSERT_TRUE(again) << std::string(form.toUtf8());
+    EXPECT_TRUE(sameValue(*v, *again));
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), *again), form);
+    EXPECT_EQ(asArray(*again)->elements()[1].kind(), GDVariant::Kind::kDouble);
+}
+
+TEST(GDTypeConversionsToString, ChildArraysReParseLevelByLevel) {
+    GDExpressionEvaluator ev;
+    const String text =
+        L"[{\"type\":1,\"name\":\"A\",\"children\":[{\"type\":1,\"name\":\"B\",\"children\":"
+        L"[{\"type\":1,\"name\":\"C\",\"children\":[{\"type\":0,\"path\":\"/x\"}]}]}]}]";
+    String level = text;
+    for (const wchar_t* name : {L"A", L"B", L"C"}) {
+        auto v = eval(ev, level);
+        ASSERT_TRUE(v);
+        GDVariant item;
+        ASSERT_TRUE(asArray(*v)->getElement(0, item));
+        GDAdjustableSizeVariant prop;
+        ASSERT_TRUE(asObject(item)->getProperty(ev.getContext(), GDPropertyKey(L"name"), prop));
+        EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), prop.getReferencedValue()), name);
+        ASSERT_TRUE(asObject(item)->getProperty(ev.getContext(), GDPropertyKey(L"children"), prop));
+        level = GDTypeConversions::toString(ev.getContext(), prop.getReferencedValue());
+    }
+    EXPECT_EQ(level, L"[{\"type\":0,\"path\":\"/x\"}]");
+}
+
+TEST(GDTypeConversionsToString, TextFormEvaluatedInSameContextGivesTheSameValueUnparsed) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"{\"children\":[{\"type\":0,\"path\":\"/x\"}]}");
+    ASSERT_TRUE(v);
+    GDVariant children;
+    ASSERT_TRUE(asObject(*v)->getProperty(ev.getContext(), GDPropertyKey(L"children"), children));
+    const String text = GDTypeConversions::toString(ev.getContext(), children);
+    auto again = eval(ev, text);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->getValue(), children.getValue());  // shared, immutable
+    auto third = eval(ev, text);                         // remembered once only: parsed now
+    ASSERT_TRUE(third);
+    EXPECT_NE(third->getValue(), children.getValue());
+    EXPECT_TRUE(sameValue(*third, children));
+    GDExpressionEvaluator other;
+    auto elsewhere = eval(other, text);
+    ASSERT_TRUE(elsewhere);
+    EXPECT_NE(elsewhere->getValue(), children.getValue());
+    EXPECT_TRUE(sameValue(*elsewhere, children));
+}
+
+TEST(GDTypeConversionsToString, PrefixOfRememberedTextIsParsedNormally) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"[[1,2],3]");
+    ASSERT_TRUE(v);
+    const String text = GDTypeConversions::toString(ev.getContext(), *v);
+    GDVariant out;
+    EXPECT_FALSE(ev.evaluateExpression(text, 6, out, 1));  // "[[1,2]" is not JSON
+    ASSERT_TRUE(ev.evaluateExpression(text, text.size(), out, 1));
+    EXPECT_EQ(out.getValue(), v->getValue());
+}
+
+TEST(GDTypeConversionsToJson, ScalarsBecomeJsonLiterals) {
+    GDContext ctx;
+    EXPECT_EQ(GDTypeConversions::toJson(ctx, GDVariant()), L"null");
+    EXPECT_EQ(GDTypeConversions::toJson(ctx, GDVariant(L"a\\b")), L"\"a\\\\b\"");
+    EXPECT_EQ(GDTypeConversions::toJson(ctx, GDVariant(3.0)), L"3.0");
+}
+
+// ------------------------------------------------------------- bad input
+
+class GDJsonRejectedFile : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(GDJsonRejectedFile, EvaluationFails) {
+    GDVariant v = L"keep";
+    GDExpressionEvaluator ev;
+    const String text = readTestFile(GetParam());
+    EXPECT_FALSE(ev.evaluateExpression(text, text.size(), v, 1));
+    EXPECT_EQ(v.getString(), L"keep");
+}
+
+INSTANTIATE_TEST_SUITE_P(MalformedOrNotJson, GDJsonRejectedFile,
+                         ::testing::Values("truncated_tree.json", "truncated_object.json", "not_json_assignment.txt",
+                                           "trailing_text.json", "single_quoted_keys.txt",
+                                           "lone_surrogate_escape.json", "integer_beyond_64_bits.json",
+                                           "number_beyond_double.json", "trailing_comma.json", "nan_infinity.txt",
+                                           "empty.txt", "whitespace_only.txt", "two_documents.txt",
+                                           "missing_colon.json"),
+                         [](const auto& info) {
+                             std::string n = info.param;
+                             for (char& c : n) if (c == '.') c = '_';
+                             return n;
+                         });
+
+TEST(GDJsonBadInput, TextWithUnpairedSurrogateCodePointFails) {
+    String text = L"[\"a\"]";
+    text[2] = static_cast<wchar_t>(0xD800);
+    EXPECT_FALSE(eval(text));
+}
+
+TEST(GDJsonBadInput, TextWithCodePointAboveUnicodeRangeFails) {
+    String text = L"\"x\"";
+    text[1] = static_cast<wchar_t>(0x110000);
+    EXPECT_FALSE(eval(text));
+}
+
+TEST(GDJsonBadInput, RawControlCharacterInStringFails) {
+    EXPECT_FALSE(eval(L"\"a\nb\""));
+}
+
+TEST(GDJsonBadInput, NestingAtTheLimitIsAccepted) {
+    auto v = eval(nested(GDExpressionEvaluator::kMaxDepth, L"[", L"1", L"]"));
+    ASSERT_TRUE(v);
+    auto o = eval(nested(GDExpressionEvaluator::kMaxDepth, L"{\"a\":", L"1", L"}"));
+    EXPECT_TRUE(o);
+}
+
+TEST(GDJsonBadInput, NestingAboveTheLimitFails) {
+    EXPECT_FALSE(eval(nested(GDExpressionEvaluator::kMaxDepth + 1, L"[", L"1", L"]")));
+    EXPECT_FALSE(eval(nested(GDExpressionEvaluator::kMaxDepth + 1, L"{\"a\":", L"1", L"}")));
+    EXPECT_FALSE(eval(nested(100000, L"[", L"", L"]")));
+    EXPECT_FALSE(eval(nested(100000, L"[", L"", L"")));  // unclosed as well
+}
+
+TEST(GDJsonBadInput, HugeStringBelowTheLimitIsAccepted) {
+    String text = L"\"";
+    text.append(1000000, L'x');
+    text += L"\"";
+    auto v = eval(text);
+    ASSERT_TRUE(v);
+    EXPECT_EQ(v->getString().size(), 1000000u);
+}
+
+TEST(GDJsonBadInput, TextAboveTheSizeLimitFails) {
+    String text = L"\"";
+    text.append(GDExpressionEvaluator::kMaxTextBytes, L'x');
+    text += L"\"";
+    EXPECT_FALSE(eval(text));
+    // Multi-byte characters count by their UTF-8 size.
+    String wide = L"\"";
+    wide.append(GDExpressionEvaluator::kMaxTextBytes / 3 + 1, L'\u20ac');
+    wide += L"\"";
+    EXPECT_FALSE(eval(wide));
+}
+
+TEST(GDJsonBadInput, HugeNumbersFollowTheDocumentedRule) {
+    auto big = eval(L"18446744073709551615");
+    ASSERT_TRUE(big);
+    EXPECT_EQ(big->kind(), GDVariant::Kind::kDouble);
+    EXPECT_EQ(big->getDouble(), 18446744073709551615.0);
+    EXPECT_FALSE(eval(L"18446744073709551616"));
+    EXPECT_FALSE(eval(L"-9223372036854775809"));
+    auto longFraction = eval(L"0." + String(5000, L'3'));
+    ASSERT_TRUE(longFraction);
+    EXPECT_DOUBLE_EQ(longFraction->getDouble(), 1.0 / 3.0);
+    auto tiny = eval(L"1e-400");
+    ASSERT_TRUE(tiny);
+    EXPECT_EQ(tiny->getDouble(), 0.0);
+}
+
+TEST(GDJsonEvaluator, EvaluatorIsReusableAfterAFailure) {
+    GDExpressionEvaluator ev;
+    EXPECT_FALSE(eval(ev, L"[1,"));
+    auto v = eval(ev, L"[1,2,3]");
+    ASSERT_TRUE(v);
+    EXPECT_EQ(asArray(*v)->getCount(), 3u);
+}
+
+TEST(GDJsonEvaluator, ValuesOutliveTheEvaluatorAndLaterEvaluations) {
+    std::optional<GDVariant> first;
+    {
+        GDExpressionEvaluator ev;
+        first = eval(ev, L"{\"k\":[\"v\"]}");
+        ASSERT_TRUE(eval(ev, L"[\"other\",\"text\"]"));
+    }
+    ASSERT_TRUE(first);
+    GDContext ctx;
+    EXPECT_EQ(GDTypeConversions::toString(ctx, *first), L"{\"k\":[\"v\"]}");
+}
+
+TEST(GDJsonEvaluator, TenThousandItemTreeIsReadCompletely) {
+    String text = L"[";
+    for (int i = 0; i < 10000; ++i) {
+        if (i) text += L",";
+        text += L"{\"type\":0,\"path\":\"/shared/reports/r" + std::to_wstring(i) + L"\"}";
+    }
+    text += L"]";
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, text);
+    ASSERT_TRUE(v);
+    ASSERT_EQ(asArray(*v)->getCount(), 10000u);
+    GDVariant item, path;
+    ASSERT_TRUE(asArray(*v)->getElement(9999, item));
+    ASSERT_TRUE(asObject(item)->getProperty(ev.getContext(), GDPropertyKey(L"path"), path));
+    EXPECT_EQ(path.getString(), L"/shared/reports/r9999");
+}
+
+}  // namespace
+}  // namespace kiv
