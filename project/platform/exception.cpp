@@ -19,10 +19,11 @@ Exception* Utf8Error::clone() const { return new Utf8Error(*this); }
 const char* Exception::what() const noexcept {
     try {
         m_what = getMessageText().toUtf8();
+        return m_what.c_str();
     } catch (...) {
-        m_what = "(message could not be rendered)";
+        // Assigning a fallback to m_what could itself throw; a literal cannot.
+        return "(message could not be rendered)";
     }
-    return m_what.c_str();
 }
 
 namespace detail {

@@ -19,7 +19,11 @@ String GDVariant::toText() const {
             return String(std::wstring(buf, res.ptr));
         }
         case Kind::kString: return getString();
-        case Kind::kMessage: return getMessage()->getText();
+        case Kind::kMessage: {
+            // A variant may hold a null message pointer; render it as blank.
+            const Message* m = getMessage();
+            return m ? m->getText() : String();
+        }
         case Kind::kValue: return String(L"[value]");
     }
     return String();

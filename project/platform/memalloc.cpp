@@ -26,6 +26,9 @@ Tag::Tag(const char* f, int l) noexcept : file(f), line(l) {
 }
 
 void* MemoryAllocatorGateway::allocate(std::size_t n, Tag& tag) {
+    // A size so large that adding the header wraps around must fail, not
+    // allocate a tiny block.
+    if (n > static_cast<std::size_t>(-1) - sizeof(Header)) throw std::bad_alloc();
     void* raw = std::malloc(sizeof(Header) + n);
     if (!raw) throw std::bad_alloc();
     auto* h = static_cast<Header*>(raw);

@@ -1,6 +1,11 @@
 #include "qz/platform/string.h"
 
+#include <algorithm>
+#include <clocale>
 #include <cwctype>
+
+#include <locale.h>
+#include <wctype.h>
 
 #include "qz/platform/exception.h"
 
@@ -103,15 +108,41 @@ bool isValid(std::string_view in) noexcept {
 String String::fromUtf8(std::string_view utf8) { return String(utf8::decode(utf8)); }
 std::string String::toUtf8() const { return utf8::encode(*this); }
 
+namespace {
+
+// Case folding must not depend on the locale the host process happens to
+// have selected (the "C" locale folds ASCII only), so it uses a private
+// UTF-8 locale with the full Unicode simple case mappings. Without one the
+// process locale is used.
+locale_t foldingLocale() noexcept {
+    static const locale_t loc = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+    return loc;
+}
+
+wchar_t foldCase(wchar_t c) noexcept {
+    const locale_t loc = foldingLocale();
+    const wint_t w = static_cast<wint_t>(c);
+    return static_cast<wchar_t>(loc ? towlower_l(w, loc) : std::towlower(w));
+}
+
+}  // namespace
+
 int String::compareNoCase(const String& other) const noexcept {
-    return posixstrsupport::wcsicmp(c_str(), other.c_str());
+    // Over the whole length, so characters after an embedded NUL count too.
+    const std::size_t n = std::min(size(), other.size());
+    for (std::size_t i = 0; i < n; ++i) {
+        const wchar_t ca = foldCase((*this)[i]);
+        const wchar_t cb = foldCase(other[i]);
+        if (ca != cb) return ca < cb ? -1 : 1;
+    }
+    return size() == other.size() ? 0 : (size() < other.size() ? -1 : 1);
 }
 
 namespace posixstrsupport {
 int wcsicmp(const wchar_t* a, const wchar_t* b) noexcept {
     for (;; ++a, ++b) {
-        const auto ca = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(*a)));
-        const auto cb = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(*b)));
+        const wchar_t ca = foldCase(*a);
+        const wchar_t cb = foldCase(*b);
         if (ca != cb) return ca < cb ? -1 : 1;
         if (ca == 0) return 0;
     }

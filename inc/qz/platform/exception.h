@@ -3,8 +3,8 @@
 // Every failure the platform reports by exception derives from `Exception`,
 // so a caller that wants to drop "any host failure" catches this one type.
 // `throwMe` rethrows the object with its dynamic type preserved only where the
-// subclass overrides it; `clone` makes a heap copy through the tracking
-// allocator. `what()` gives the message text in UTF-8.
+// subclass overrides it; `clone` makes a heap copy (delete it through the
+// base pointer). `what()` gives the message text in UTF-8.
 #pragma once
 
 #include <exception>

@@ -55,6 +55,8 @@ public:
     GDVariant(double d) : m_v(d) {}
     GDVariant(String s) : m_v(std::move(s)) {}
     GDVariant(const wchar_t* s) : m_v(String(s)) {}
+    // A narrow literal would otherwise silently become the bool true.
+    GDVariant(const char*) = delete;
     GDVariant(std::shared_ptr<const Message> m) : m_v(std::move(m)) {}
     GDVariant(Handle<GDValue> v) : m_v(std::move(v)) {}
 

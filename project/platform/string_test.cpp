@@ -1,0 +1,212 @@
+#include "qz/platform/string.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "qz/platform/exception.h"
+
+namespace kiv {
+namespace {
+
+std::string bytes(std::initializer_list<unsigned> values) {
+    std::string s;
+    for (unsigned v : values) s.push_back(static_cast<char>(v));
+    return s;
+}
+
+void expectDecodeFails(const std::string& in) {
+    EXPECT_THROW(utf8::decode(in), Utf8Error) << "input of " << in.size() << " bytes";
+    EXPECT_FALSE(utf8::isValid(in));
+    EXPECT_THROW(String::fromUtf8(in), Utf8Error);
+}
+
+// --- decoding and encoding ------------------------------------------------
+
+TEST(Utf8Codec, AsciiRoundTripsUnchanged) {
+    const std::string in = "Hello, world! /users/joe/favorites";
+    const String s = String::fromUtf8(in);
+    EXPECT_EQ(s, String(L"Hello, world! /users/joe/favorites"));
+    EXPECT_EQ(s.toUtf8(), in);
+}
+
+TEST(Utf8Codec, EmptyTextRoundTrips) {
+    EXPECT_TRUE(utf8::decode("").empty());
+    EXPECT_TRUE(utf8::encode(L"").empty());
+    EXPECT_TRUE(utf8::isValid(""));
+}
+
+TEST(Utf8Codec, TwoThreeAndFourByteCharactersRoundTrip) {
+    const std::wstring wide = {L'a', 0xE9, 0x20AC, 0x4E2D, 0x1F600, 0x10FFFF, L'z'};
+    const std::string enc = utf8::encode(wide);
+    EXPECT_EQ(enc, bytes({'a', 0xC3, 0xA9, 0xE2, 0x82, 0xAC, 0xE4, 0xB8, 0xAD, 0xF0, 0x9F, 0x98, 0x80, 0xF4,
+                          0x8F, 0xBF, 0xBF, 'z'}));
+    EXPECT_EQ(utf8::decode(enc), wide);
+    EXPECT_TRUE(utf8::isValid(enc));
+}
+
+TEST(Utf8Codec, BoundaryCodePointsRoundTrip) {
+    for (char32_t cp : {0x0u, 0x7Fu, 0x80u, 0x7FFu, 0x800u, 0xD7FFu, 0xE000u, 0xFFFDu, 0xFFFFu, 0x10000u, 0x10FFFFu}) {
+        const std::wstring one(1, static_cast<wchar_t>(cp));
+        EXPECT_EQ(utf8::decode(utf8::encode(one)), one) << std::hex << static_cast<unsigned>(cp);
+    }
+}
+
+TEST(Utf8Codec, EncodedLengthMatchesCodePointRange) {
+    EXPECT_EQ(utf8::encode(std::wstring(1, 0x7F)).size(), 1u);
+    EXPECT_EQ(utf8::encode(std::wstring(1, 0x80)).size(), 2u);
+    EXPECT_EQ(utf8::encode(std::wstring(1, 0x7FF)).size(), 2u);
+    EXPECT_EQ(utf8::encode(std::wstring(1, 0x800)).size(), 3u);
+    EXPECT_EQ(utf8::encode(std::wstring(1, 0xFFFF)).size(), 3u);
+    EXPECT_EQ(utf8::encode(std::wstring(1, 0x10000)).size(), 4u);
+}
+
+TEST(Utf8Codec, EmbeddedNulRoundTrips) {
+    const std::string in("a\0b", 3);
+    const std::wstring out = utf8::decode(in);
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[1], L'\0');
+    EXPECT_EQ(utf8::encode(out), in);
+}
+
+TEST(Utf8Codec, DecodingATruncatedSequenceThrows) {
+    expectDecodeFails(bytes({0xC3}));
+    expectDecodeFails(bytes({0xE2, 0x82}));
+    expectDecodeFails(bytes({0xF0, 0x9F, 0x98}));
+    expectDecodeFails(bytes({'a', 'b', 0xF0}));
+}
+
+TEST(Utf8Codec, DecodingABadContinuationByteThrows) {
+    expectDecodeFails(bytes({0xC3, 0x28}));
+    expectDecodeFails(bytes({0xE2, 0x28, 0xA1}));
+    expectDecodeFails(bytes({0xE2, 0x82, 0x28}));
+    expectDecodeFails(bytes({0xF0, 0x9F, 0x98, 0x41}));
+    expectDecodeFails(bytes({0xC3, 0xC3}));
+}
+
+TEST(Utf8Codec, DecodingAnOverlongTwoByteSequenceThrows) {
+    expectDecodeFails(bytes({0xC0, 0x80}));  // U+0000
+    expectDecodeFails(bytes({0xC1, 0xBF}));  // U+007F
+}
+
+TEST(Utf8Codec, DecodingAnOverlongThreeByteSequenceThrows) {
+    expectDecodeFails(bytes({0xE0, 0x80, 0x80}));  // U+0000
+    expectDecodeFails(bytes({0xE0, 0x9F, 0xBF}));  // U+07FF
+}
+
+TEST(Utf8Codec, DecodingAnOverlongFourByteSequenceThrows) {
+    expectDecodeFails(bytes({0xF0, 0x80, 0x80, 0x80}));  // U+0000
+    expectDecodeFails(bytes({0xF0, 0x8F, 0xBF, 0xBF}));  // U+FFFF
+}
+
+TEST(Utf8Codec, DecodingAnEncodedSurrogateThrows) {
+    expectDecodeFails(bytes({0xED, 0xA0, 0x80}));  // U+D800
+    expectDecodeFails(bytes({0xED, 0xBF, 0xBF}));  // U+DFFF
+    // A surrogate pair encoded as two three-byte sequences (CESU-8).
+    expectDecodeFails(bytes({0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80}));
+}
+
+TEST(Utf8Codec, DecodingACodePointAboveTheUnicodeRangeThrows) {
+    expectDecodeFails(bytes({0xF4, 0x90, 0x80, 0x80}));  // U+110000
+    expectDecodeFails(bytes({0xF4, 0xBF, 0xBF, 0xBF}));
+}
+
+TEST(Utf8Codec, DecodingALoneContinuationByteThrows) {
+    expectDecodeFails(bytes({0x80}));
+    expectDecodeFails(bytes({0xBF}));
+    expectDecodeFails(bytes({'a', 0x80, 'b'}));
+}
+
+TEST(Utf8Codec, DecodingANeverValidLeadByteThrows) {
+    for (unsigned b : {0xC0u, 0xC1u, 0xF5u, 0xF6u, 0xF7u, 0xF8u, 0xFBu, 0xFCu, 0xFDu, 0xFEu, 0xFFu}) {
+        SCOPED_TRACE(b);
+        expectDecodeFails(bytes({b, 0x80, 0x80, 0x80}));
+        expectDecodeFails(bytes({b}));
+    }
+}
+
+TEST(Utf8Codec, DecodeErrorNamesTheByteOffset) {
+    try {
+        utf8::decode(bytes({'a', 'b', 'c', 0xFF}));
+        FAIL() << "no exception";
+    } catch (const Utf8Error& e) {
+        EXPECT_NE(e.getMessageText().find(L"at byte 3"), String::npos) << e.what();
+    }
+}
+
+TEST(Utf8Codec, ValidityCheckAcceptsWellFormedText) {
+    EXPECT_TRUE(utf8::isValid(bytes({0xF0, 0x9F, 0x98, 0x80, 'x', 0xC3, 0xA9})));
+}
+
+TEST(Utf8Codec, EncodingASurrogateThrows) {
+    EXPECT_THROW(utf8::encode(std::wstring(1, static_cast<wchar_t>(0xD800))), Utf8Error);
+    EXPECT_THROW(utf8::encode(std::wstring(1, static_cast<wchar_t>(0xDFFF))), Utf8Error);
+    EXPECT_THROW(String(std::wstring{L'a', static_cast<wchar_t>(0xDC00)}).toUtf8(), Utf8Error);
+}
+
+TEST(Utf8Codec, EncodingACharacterAboveTheUnicodeRangeThrows) {
+    EXPECT_THROW(utf8::encode(std::wstring(1, static_cast<wchar_t>(0x110000))), Utf8Error);
+    EXPECT_THROW(utf8::encode(std::wstring(1, static_cast<wchar_t>(0x7FFFFFFF))), Utf8Error);
+}
+
+TEST(Utf8Codec, EncodingANegativeWideCharacterThrows) {
+    EXPECT_THROW(utf8::encode(std::wstring(1, static_cast<wchar_t>(-1))), Utf8Error);
+}
+
+// --- comparisons -------------------------------------------------------------
+
+TEST(StringCompare, CompareIsThreeWayByCodePoint) {
+    EXPECT_EQ(String(L"abc").compare(String(L"abc")), 0);
+    EXPECT_EQ(String(L"abc").compare(String(L"abd")), -1);
+    EXPECT_EQ(String(L"abd").compare(String(L"abc")), 1);
+    EXPECT_EQ(String(L"ab").compare(String(L"abc")), -1);
+    EXPECT_EQ(String(L"B").compare(String(L"a")), -1);  // upper case sorts first by code point
+    EXPECT_EQ(String(std::wstring(1, 0x1F600)).compare(String(std::wstring(1, 0xFFFF))), 1);
+}
+
+TEST(StringCompare, EqualsIsExact) {
+    EXPECT_TRUE(String(L"Report").equals(String(L"Report")));
+    EXPECT_FALSE(String(L"Report").equals(String(L"report")));
+    EXPECT_FALSE(String(L"Report").equals(String(L"Report ")));
+}
+
+TEST(StringCompare, CompareNoCaseIgnoresAsciiCase) {
+    EXPECT_EQ(String(L"Favorites").compareNoCase(String(L"fAVORITES")), 0);
+    EXPECT_TRUE(String(L"ABC").equalsNoCase(String(L"abc")));
+    EXPECT_LT(String(L"abc").compareNoCase(String(L"ABD")), 0);
+    EXPECT_GT(String(L"ABD").compareNoCase(String(L"abc")), 0);
+    EXPECT_LT(String(L"ab").compareNoCase(String(L"ABC")), 0);
+}
+
+TEST(StringCompare, CompareNoCaseFoldsLettersBeyondAscii) {
+    EXPECT_TRUE(String(L"\u00C4RGER").equalsNoCase(String(L"\u00E4rger")));
+    EXPECT_TRUE(String(L"\u0391\u0392\u0393").equalsNoCase(String(L"\u03B1\u03B2\u03B3")));
+    EXPECT_FALSE(String(L"\u00C4").equalsNoCase(String(L"a")));
+}
+
+TEST(StringCompare, CompareNoCaseLooksPastAnEmbeddedNul) {
+    const String a(std::wstring(L"a\0b", 3));
+    const String b(std::wstring(L"A\0C", 3));
+    EXPECT_LT(a.compareNoCase(b), 0);
+    EXPECT_EQ(a.compareNoCase(String(std::wstring(L"A\0B", 3))), 0);
+}
+
+TEST(StringCompare, WcsicmpComparesWithoutCase) {
+    using posixstrsupport::wcsicmp;
+    EXPECT_EQ(wcsicmp(L"Hello", L"hELLO"), 0);
+    EXPECT_LT(wcsicmp(L"apple", L"Banana"), 0);
+    EXPECT_GT(wcsicmp(L"Banana", L"apple"), 0);
+    EXPECT_LT(wcsicmp(L"abc", L"abcd"), 0);
+    EXPECT_GT(wcsicmp(L"abcd", L"ABC"), 0);
+    EXPECT_EQ(wcsicmp(L"", L""), 0);
+    EXPECT_EQ(wcsicmp(L"\u00C9T\u00C9", L"\u00E9t\u00E9"), 0);
+}
+
+TEST(StringBasics, BlankConstantIsEmpty) { EXPECT_TRUE(s_ksBlank.empty()); }
+
+TEST(StringBasics, HashOfEqualStringsIsEqual) {
+    EXPECT_EQ(std::hash<String>()(String(L"x/y")), std::hash<String>()(String(std::wstring(L"x/y"))));
+}
+
+}  // namespace
+}  // namespace kiv
