@@ -1,0 +1,165 @@
+// SqliteCatalog: the embedded catalog, kept in one SQLite file (WAL mode) or
+// in memory.
+//
+// What it stores:
+//   folders, objects (a signature, properties and a body) and links (a target
+//   path). The root folder "/" always exists. Every item has a modified time
+//   in microseconds since the Unix epoch; each write of the store takes a time
+//   strictly greater than every time the store gave before (the catalog clock
+//   is kept in the file and advanced inside the write transaction), so two
+//   writes in one clock tick, or from two processes, never share a time.
+//
+// Access rights:
+//   an item may carry an access list: entries of (principal, user or group,
+//   rights) with rights none, read or write (write includes read). The access
+//   list that applies to an item is the one on the item itself or else on its
+//   nearest ancestor that has one; it replaces, never merges with, those
+//   further up. A user's rights are the greatest of the entries naming the
+//   user or one of the user's groups; no matching entry means no access. The
+//   group "everyone" names every user; members of "administrators" may do
+//   everything. A new catalog gives "everyone" read access at the root.
+//
+// The four catalog operations:
+//   getItemInfo  kSuccess; kErrorPathInvalid (blank or malformed path);
+//                kErrorPathNotFound; kErrorAccessDenied (item not readable);
+//                for a link (unless bOriginalOnly): kErrorLinkTargetPathNotFound,
+//                kErrorCircularLink, kErrorLinkTargetAccessDenied; kErrorIO,
+//                kErrorLocked on a store failure.
+//   readObject   the codes of getItemInfo, and kErrorObjectExpected for a
+//                folder, kErrorObjectTypeMismatch, kErrorPrivilegeValidationFailed
+//                (the reader's validatePrivileges refused). A reader whose
+//                preInspectRead answers kDontContinueToRead gets kSuccess
+//                without read(). Exceptions of read() pass through. Links
+//                are followed; flags are ignored.
+//   writeObject  kSuccess; kErrorPathInvalid, kErrorItemNameInvalid (the last
+//                component), kErrorRootSacred; kErrorPathNotFound (no parent
+//                folder), kErrorFolderExpected (the parent is not a folder),
+//                kErrorObjectExpected (a folder or link is at the path),
+//                kErrorAccessDenied (no write right on the existing object, or
+//                on the parent folder for a new one), kErrorItemAlreadyExists
+//                (the replace helper refused), kErrorPrivilegeValidationFailed,
+//                kErrorCatalogObjectException (the writer threw), kErrorIO,
+//                kErrorLocked. The write is one transaction.
+//   deleteObject kSuccess; kErrorPathInvalid, kErrorRootSacred,
+//                kErrorPathNotFound, kErrorObjectOrLinkExpected (a folder:
+//                folders are removed through the administration API only),
+//                kErrorAccessDenied (no write right on the item), kErrorIO,
+//                kErrorLocked.
+//
+// Opening a file that is not a catalog of this system (not SQLite, corrupt,
+// or another schema) raises CatalogException(kErrorLoadingCatalog) naming the
+// file, and leaves the file untouched. A missing file is created unless
+// Options::create is false (then kErrorCatalogNotFound).
+//
+// The administration API below acts without access checks and raises
+// CatalogException on failure.
+//
+// Thread safety: every operation may be called from any thread; several
+// processes may share one file.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qz/webcatalog/catalog.h"
+
+namespace kiv::catalog {
+
+enum class Rights : int { kNone = 0, kRead = 1, kWrite = 3 };
+
+class SqliteCatalog : public Catalog {
+public:
+    static constexpr const wchar_t* ksAdministratorsGroup = L"administrators";
+    static constexpr const wchar_t* ksEveryoneGroup = L"everyone";
+    // The schema version kept in the file's user_version.
+    static constexpr int kSchemaVersion = 1;
+
+    struct Options {
+        bool create = true;           // create a missing file
+        int busyTimeoutMs = 30000;    // how long a write waits for another writer
+        bool synchronousFull = true;  // fsync at every commit (else at checkpoints)
+    };
+
+    // One entry of list().
+    struct Entry {
+        Path path;
+        unsigned type = 0;  // kFolder, kLink or kObject
+        Time lastModified = 0;
+        String signature;
+        String linkTarget;
+    };
+
+    explicit SqliteCatalog(const std::string& file);
+    SqliteCatalog(const std::string& file, const Options& options);
+    // A catalog that lives in memory for the life of the object.
+    static std::unique_ptr<SqliteCatalog> openInMemory();
+    ~SqliteCatalog() override;
+
+    SqliteCatalog(const SqliteCatalog&) = delete;
+    SqliteCatalog& operator=(const SqliteCatalog&) = delete;
+
+    // Catalog
+    ReturnCode deleteObject(const AccountToken& user, const Path& path) override;
+    int getReaderUpgradeMode() const noexcept override;
+    ReturnCode readObject(const AccountToken& user, const Path& path, Reader& reader, ItemInfo& info,
+                          unsigned flags) override;
+    ReturnCode writeObject(const AccountToken& user, const Path& path, Writer& writer,
+                           const ReplaceHelper& replaceHelper) override;
+    ReturnCode getItemInfo(const AccountToken& user, const Path& path, ItemInfo& info, bool bOriginalOnly,
+                           bool bWithProperties) override;
+
+    // The upgrade mode set on readers (a Reader::UpgradeMode value).
+    void setReaderUpgradeMode(int mode) noexcept;
+
+    // Administration.
+    // Makes the folder and any missing ancestor; an existing folder is kept.
+    void makeFolder(const Path& path);
+    // Creates or replaces an object (missing parent folders are made).
+    void putObject(const Path& path, const String& signature, const std::map<String, String>& properties,
+                   std::string_view body);
+    // One object of putObjects.
+    struct ObjectSpec {
+        Path path;
+        String signature;
+        std::map<String, String> properties;
+        std::string body;
+    };
+    // putObject for many objects in one transaction (imports, test set-up).
+    void putObjects(const std::vector<ObjectSpec>& objects);
+    // Creates or replaces a link to `target` (which need not exist).
+    void makeLink(const Path& path, const Path& target);
+    // Sets one entry of the item's access list (kNone is stored and denies).
+    void setAccess(const Path& path, const String& principal, bool isGroup, Rights rights);
+    // Removes the item's access list, so that it inherits again.
+    void clearAccess(const Path& path);
+    // The rights `user` has on the item (administrators: kWrite).
+    Rights effectiveRights(const AccountToken& user, const Path& path);
+    // Registers or updates a user and the groups the user belongs to.
+    void addUser(const String& name, const std::vector<String>& groups);
+    // The token of a registered user (an unknown user gets no groups).
+    AccountToken tokenFor(const String& name);
+    // The direct children of a folder, in path order.
+    std::vector<Entry> list(const Path& folder);
+    // The stored body of an object.
+    std::string readRaw(const Path& path);
+    bool exists(const Path& path);
+    // Removes an item; a folder with everything under it. Not the root.
+    void remove(const Path& path);
+    // SQLite's integrity check: "ok" when the store is sound.
+    std::string integrityCheck();
+    // The file name, or ":memory:".
+    const std::string& fileName() const noexcept;
+
+    struct Impl;
+
+private:
+    struct InMemoryTag {};
+    explicit SqliteCatalog(InMemoryTag);
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace kiv::catalog

@@ -1,0 +1,1302 @@
+// SqliteCatalog: the catalog kept in one SQLite file.
+//
+// Storage:
+//   items(path PRIMARY KEY, parent, kind, signature, props, link_target,
+//         mtime, body_id)     WITHOUT ROWID, so a look-up by path is one
+//                             B-tree search; bodies live apart so item rows
+//                             stay small
+//   bodies(id, data)          object bodies
+//   acl(path, principal, is_group, rights)
+//   users(name, groups)       groups joined by "\n"
+//   meta(key, value)          'clock': the last modified time handed out;
+//                             'acl_gen': raised by every access-list change
+// Properties are kept in the item row (UTF-8 "name\0value\0..."), so that
+// getItemInfo with properties stays one row read. The file carries an
+// application id and the schema version (user_version), by which a foreign
+// or older file is recognised before anything is written to it.
+//
+// Connections: a pool, one connection per concurrent caller (the in-memory
+// store has exactly one, which callers take in turn). Each connection keeps
+// its prepared statements and a copy of the access lists, reloaded when the
+// store's data version shows a change and the access-list generation moved.
+// No connection is held while a reader, writer or replace helper is called
+// back, so callbacks may use the catalog.
+#include "qz/webcatalog/sqlitecatalog.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "namerules.h"
+#include "qz/webcatalog/readerwriter.h"
+
+namespace kiv::catalog {
+
+namespace {
+
+constexpr int kApplicationId = 0x4B495643;  // "KIVC"
+constexpr int kKindFolder = kFolder;
+constexpr int kKindLink = kLink;
+constexpr int kKindObject = kObject;
+constexpr int kMaxLinkHops = 64;
+
+// ---------------------------------------------------------------------------
+// UTF-8 without exceptions or fresh allocations on the hot path.
+
+void appendUtf8(std::string& out, std::wstring_view in) {
+    // Paths are mostly ASCII: copy a leading ASCII run in one go.
+    std::size_t ascii = 0;
+    while (ascii < in.size() && static_cast<std::uint32_t>(in[ascii]) < 0x80) ++ascii;
+    const std::size_t start = out.size();
+    out.resize(start + ascii);
+    for (std::size_t i = 0; i < ascii; ++i) out[start + i] = static_cast<char>(in[i]);
+    in.remove_prefix(ascii);
+    for (wchar_t wc : in) {
+        auto c = static_cast<std::uint32_t>(wc);
+        if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+        } else if (c < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+}
+
+std::string toUtf8(std::wstring_view in) {
+    std::string out;
+    out.reserve(in.size());
+    appendUtf8(out, in);
+    return out;
+}
+
+// Decodes into `out`, reusing its storage; malformed bytes become U+FFFD
+// (the store is written by this code, so that happens only to a damaged file).
+void decodeInto(String& out, std::string_view in) {
+    out.clear();
+    const auto* p = reinterpret_cast<const unsigned char*>(in.data());
+    const std::size_t n = in.size();
+    for (std::size_t i = 0; i < n;) {
+        const unsigned b = p[i];
+        if (b < 0x80) {
+            out.push_back(static_cast<wchar_t>(b));
+            ++i;
+            continue;
+        }
+        std::size_t len = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 0;
+        std::uint32_t c = len == 4 ? (b & 0x07) : len == 3 ? (b & 0x0F) : (b & 0x1F);
+        bool ok = len != 0 && i + len <= n && b < 0xF5;
+        for (std::size_t k = 1; ok && k < len; ++k) {
+            if ((p[i + k] & 0xC0) != 0x80) ok = false;
+            c = (c << 6) | (p[i + k] & 0x3F);
+        }
+        if (ok) {
+            const std::uint32_t minimum = len == 2 ? 0x80 : len == 3 ? 0x800 : 0x10000;
+            ok = c >= minimum && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF);
+        }
+        if (!ok) {
+            out.push_back(L'\xFFFD');
+            ++i;
+            continue;
+        }
+        out.push_back(static_cast<wchar_t>(c));
+        i += len;
+    }
+}
+
+String fromUtf8(std::string_view in) {
+    String s;
+    decodeInto(s, in);
+    return s;
+}
+
+// Properties as "name\0value\0..." in UTF-8.
+std::string encodeProperties(const std::map<String, String>& properties) {
+    std::string out;
+    for (const auto& [name, value] : properties) {
+        appendUtf8(out, name);
+        out.push_back('\0');
+        appendUtf8(out, value);
+        out.push_back('\0');
+    }
+    return out;
+}
+
+void decodeProperties(std::map<String, String>& out, std::string_view blob) {
+    out.clear();
+    String name;
+    while (!blob.empty()) {
+        const std::size_t a = blob.find('\0');
+        if (a == std::string_view::npos) break;
+        const std::size_t b = blob.find('\0', a + 1);
+        if (b == std::string_view::npos) break;
+        decodeInto(name, blob.substr(0, a));
+        decodeInto(out[name], blob.substr(a + 1, b - a - 1));
+        blob.remove_prefix(b + 1);
+    }
+}
+
+// The parent of a UTF-8 path text ("/a/b" -> "/a", "/a" -> "/"); empty for
+// the root. Escaped slashes ("\/") are not separators.
+std::string_view parentOf(std::string_view path) noexcept {
+    if (path.size() <= 1) return {};
+    for (std::size_t i = path.size(); i-- > 0;) {
+        if (path[i] != '/') continue;
+        std::size_t run = 0;
+        while (run < i && path[i - 1 - run] == '\\') ++run;
+        if (run % 2 == 0) return path.substr(0, i == 0 ? 1 : i);
+    }
+    return {};
+}
+
+std::int64_t nowMicros() noexcept {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// ---------------------------------------------------------------------------
+// SQLite access.
+
+// A store failure inside an operation; mapped to a ReturnCode at its edge.
+struct SqlError {
+    int rc;
+    std::string message;
+};
+
+enum StmtId {
+    kStLookup,
+    kStLookupHop,
+    kStBody,
+    kStAclGen,
+    kStAclAll,
+    kStBegin,
+    kStCommit,
+    kStRollback,
+    kStClock,
+    kStSetClock,
+    kStBumpAclGen,
+    kStInsertBody,
+    kStUpdateBody,
+    kStUpsertItem,
+    kStDeleteItem,
+    kStDeleteBody,
+    kStDeleteAclOf,
+    kStCount
+};
+
+const char* const kStmtSql[kStCount] = {
+    "SELECT kind, signature, props, link_target, mtime, body_id FROM items WHERE path = ?1",
+    "SELECT kind, signature, props, link_target, mtime, body_id FROM items WHERE path = ?1",
+    "SELECT data FROM bodies WHERE id = ?1",
+    "SELECT value FROM meta WHERE key = 'acl_gen'",
+    "SELECT path, principal, is_group, rights FROM acl",
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "ROLLBACK",
+    "SELECT value FROM meta WHERE key = 'clock'",
+    "UPDATE meta SET value = ?1 WHERE key = 'clock'",
+    "UPDATE meta SET value = value + 1 WHERE key = 'acl_gen'",
+    "INSERT INTO bodies(data) VALUES (?1)",
+    "UPDATE bodies SET data = ?2 WHERE id = ?1",
+    "INSERT INTO items(path, parent, kind, signature, props, link_target, mtime, body_id) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) ON CONFLICT(path) DO UPDATE SET parent = excluded.parent, "
+    "kind = excluded.kind, signature = excluded.signature, props = excluded.props, "
+    "link_target = excluded.link_target, mtime = excluded.mtime, body_id = excluded.body_id",
+    "DELETE FROM items WHERE path = ?1",
+    "DELETE FROM bodies WHERE id = ?1",
+    "DELETE FROM acl WHERE path = ?1",
+};
+
+const char* const kSchemaSql =
+    "CREATE TABLE items("
+    " path TEXT PRIMARY KEY NOT NULL,"
+    " parent TEXT,"
+    " kind INTEGER NOT NULL,"
+    " signature TEXT NOT NULL DEFAULT '',"
+    " props BLOB,"
+    " link_target TEXT,"
+    " mtime INTEGER NOT NULL,"
+    " body_id INTEGER) WITHOUT ROWID;"
+    "CREATE INDEX items_parent ON items(parent);"
+    "CREATE TABLE bodies(id INTEGER PRIMARY KEY, data BLOB NOT NULL);"
+    "CREATE TABLE acl(path TEXT NOT NULL, principal TEXT NOT NULL, is_group INTEGER NOT NULL,"
+    " rights INTEGER NOT NULL, PRIMARY KEY(path, principal, is_group)) WITHOUT ROWID;"
+    "CREATE TABLE users(name TEXT PRIMARY KEY NOT NULL, groups TEXT NOT NULL) WITHOUT ROWID;"
+    "CREATE TABLE meta(key TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID;";
+
+struct AclEntry {
+    String principal;
+    bool isGroup;
+    int rights;
+};
+
+struct StringViewHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>()(s); }
+};
+
+struct Conn {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* stmts[kStCount] = {};
+    std::string pathBuf;  // the UTF-8 text of the path of the current operation
+    std::string hopBuf;   // the current link target
+    std::vector<std::string> visited;
+
+    // Access lists as of (dataVersion, aclGen, localGen).
+    bool aclLoaded = false;
+    unsigned dataVersion = 0;
+    std::int64_t aclGen = -1;
+    std::uint64_t localGen = 0;
+    std::unordered_map<std::string, std::vector<AclEntry>, StringViewHash, std::equal_to<>> acl;
+    // For a folder: the access list that applies to it (null: none), so
+    // that a look-up walks the ancestors once per folder, not once per item.
+    // Emptied whenever the access lists are reloaded.
+    std::unordered_map<std::string, const std::vector<AclEntry>*, StringViewHash, std::equal_to<>> applying;
+
+    ~Conn() {
+        for (auto*& s : stmts)
+            if (s) sqlite3_finalize(s);
+        if (db) sqlite3_close_v2(db);
+    }
+
+    [[noreturn]] void fail(int rc) const {
+        throw SqlError{rc, db ? sqlite3_errmsg(db) : sqlite3_errstr(rc)};
+    }
+
+    sqlite3_stmt* stmt(StmtId id) {
+        sqlite3_stmt*& s = stmts[id];
+        if (!s) {
+            const int rc = sqlite3_prepare_v3(db, kStmtSql[id], -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
+            if (rc != SQLITE_OK) fail(rc);
+        }
+        return s;
+    }
+};
+
+// One statement in use: a cached one (reset on scope exit) or an ad hoc one
+// (finalised on scope exit).
+class Query {
+public:
+    Query(Conn& c, StmtId id) : m_conn(c), m_stmt(c.stmt(id)), m_owned(false) {}
+    Query(Conn& c, const char* sql) : m_conn(c), m_owned(true) {
+        const int rc = sqlite3_prepare_v2(c.db, sql, -1, &m_stmt, nullptr);
+        if (rc != SQLITE_OK) c.fail(rc);
+    }
+    ~Query() {
+        if (m_owned) {
+            sqlite3_finalize(m_stmt);
+        } else {
+            // Every use binds all parameters again, so the bindings are
+            // left as they are.
+            sqlite3_reset(m_stmt);
+        }
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+
+    // Text and blobs are bound without a copy: the caller keeps them alive
+    // until the query is done.
+    Query& text(int i, std::string_view v) {
+        check(sqlite3_bind_text(m_stmt, i, v.data(), static_cast<int>(v.size()), SQLITE_STATIC));
+        return *this;
+    }
+    Query& blob(int i, std::string_view v) {
+        check(sqlite3_bind_blob(m_stmt, i, v.data(), static_cast<int>(v.size()), SQLITE_STATIC));
+        return *this;
+    }
+    Query& integer(int i, std::int64_t v) {
+        check(sqlite3_bind_int64(m_stmt, i, v));
+        return *this;
+    }
+    Query& null(int i) {
+        check(sqlite3_bind_null(m_stmt, i));
+        return *this;
+    }
+    // True for a row, false when done.
+    bool step() {
+        const int rc = sqlite3_step(m_stmt);
+        if (rc == SQLITE_ROW) return true;
+        if (rc == SQLITE_DONE) return false;
+        m_conn.fail(rc);
+    }
+    void run() {
+        while (step()) {
+        }
+    }
+    void reset() { sqlite3_reset(m_stmt); }
+
+    std::int64_t integerAt(int i) const { return sqlite3_column_int64(m_stmt, i); }
+    bool isNull(int i) const { return sqlite3_column_type(m_stmt, i) == SQLITE_NULL; }
+    std::string_view textAt(int i) const {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(m_stmt, i));
+        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(m_stmt, i)))
+                 : std::string_view();
+    }
+    std::string_view blobAt(int i) const {
+        const auto* p = static_cast<const char*>(sqlite3_column_blob(m_stmt, i));
+        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(m_stmt, i)))
+                 : std::string_view();
+    }
+
+private:
+    void check(int rc) {
+        if (rc != SQLITE_OK) m_conn.fail(rc);
+    }
+    Conn& m_conn;
+    sqlite3_stmt* m_stmt = nullptr;
+    bool m_owned;
+};
+
+// A write transaction (BEGIN IMMEDIATE): rolled back unless committed.
+class WriteTxn {
+public:
+    explicit WriteTxn(Conn& c) : m_conn(c) { Query(c, kStBegin).run(); }
+    ~WriteTxn() {
+        if (!m_done) sqlite3_exec(m_conn.db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    void commit() {
+        Query(m_conn, kStCommit).run();
+        m_done = true;
+    }
+
+private:
+    Conn& m_conn;
+    bool m_done = false;
+};
+
+// One item row, read from a query that stays active while the row is used.
+struct Row {
+    int kind = 0;
+    std::string_view signature;
+    std::string_view props;
+    std::string_view linkTarget;
+    std::int64_t mtime = 0;
+    std::int64_t bodyId = 0;
+    bool hasBody = false;
+
+    void take(const Query& q) {
+        kind = static_cast<int>(q.integerAt(0));
+        signature = q.textAt(1);
+        props = q.blobAt(2);
+        linkTarget = q.textAt(3);
+        mtime = q.integerAt(4);
+        hasBody = !q.isNull(5);
+        bodyId = q.integerAt(5);
+    }
+};
+
+ReturnCode codeForSqlError(const SqlError& e) {
+    const int primary = e.rc & 0xFF;
+    if (primary == SQLITE_BUSY || primary == SQLITE_LOCKED) return kErrorLocked;
+    return kErrorIO;
+}
+
+void logSqlError(const SqlError& e, const std::string& file) {
+    Logger::getLogger().log(kSevError, GDVariant(String(L"catalog store %1: %2")),
+                            {GDVariant(fromUtf8(file)), GDVariant(fromUtf8(e.message))},
+                            KIV_FILE_LOCATION("project/webcatalog/sqlitecatalog", __LINE__));
+}
+
+bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path.view()) == kItemNameValid; }
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+
+struct SqliteCatalog::Impl {
+    std::string file;
+    bool inMemory = false;
+    Options options;
+
+    std::mutex poolMutex;
+    std::condition_variable poolFree;
+    std::vector<std::unique_ptr<Conn>> idle;
+    std::size_t open = 0;
+    std::size_t maxOpen = SIZE_MAX;
+
+    // Raised after every access-list change made through this object.
+    std::atomic<std::uint64_t> localAclGen{0};
+    std::atomic<int> upgradeMode{Reader::kUpgradeAuto};
+
+    // Borrowed connection, returned to the pool on scope exit.
+    class Lease {
+    public:
+        explicit Lease(Impl& impl) : m_impl(impl), m_conn(impl.acquire()) {}
+        ~Lease() { m_impl.release(std::move(m_conn)); }
+        Conn& operator*() const { return *m_conn; }
+        Conn* operator->() const { return m_conn.get(); }
+
+    private:
+        Impl& m_impl;
+        std::unique_ptr<Conn> m_conn;
+    };
+
+    std::unique_ptr<Conn> acquire() {
+        {
+            std::unique_lock<std::mutex> lock(poolMutex);
+            poolFree.wait(lock, [this] { return !idle.empty() || open < maxOpen; });
+            if (!idle.empty()) {
+                auto c = std::move(idle.back());
+                idle.pop_back();
+                return c;
+            }
+            ++open;
+        }
+        try {
+            return connect();
+        } catch (...) {
+            std::lock_guard<std::mutex> lock(poolMutex);
+            --open;
+            poolFree.notify_one();
+            throw;
+        }
+    }
+
+    void release(std::unique_ptr<Conn> c) {
+        if (!c) return;
+        std::lock_guard<std::mutex> lock(poolMutex);
+        idle.push_back(std::move(c));
+        poolFree.notify_one();
+    }
+
+    [[noreturn]] void loadingError(const std::string& why) const {
+        throw CatalogException(kErrorLoadingCatalog, fromUtf8(file),
+                               fromUtf8("cannot open catalog file \"" + file + "\": " + why));
+    }
+
+    std::unique_ptr<Conn> connect() {
+        auto c = std::make_unique<Conn>();
+        int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
+        if (inMemory || options.create) flags |= SQLITE_OPEN_CREATE;
+        const int rc = sqlite3_open_v2(inMemory ? ":memory:" : file.c_str(), &c->db, flags, nullptr);
+        if (rc != SQLITE_OK) loadingError(c->db ? sqlite3_errmsg(c->db) : sqlite3_errstr(rc));
+        sqlite3_extended_result_codes(c->db, 1);
+        sqlite3_busy_timeout(c->db, options.busyTimeoutMs);
+        // A page cache large enough for the item index of a big catalog
+        // (16 MiB per connection), so look-ups rarely go to the file.
+        sqlite3_exec(c->db, "PRAGMA cache_size = -16384", nullptr, nullptr, nullptr);
+        return c;
+    }
+
+    void pragma(Conn& c, const char* sql) {
+        char* err = nullptr;
+        if (sqlite3_exec(c.db, sql, nullptr, nullptr, &err) != SQLITE_OK) {
+            std::string why = err ? err : "unknown error";
+            sqlite3_free(err);
+            loadingError(why);
+        }
+    }
+
+    std::int64_t pragmaValue(Conn& c, const char* sql) {
+        try {
+            Query q(c, sql);
+            return q.step() ? q.integerAt(0) : 0;
+        } catch (const SqlError& e) {
+            loadingError(e.message);
+        }
+    }
+
+    // Checks the store before anything is written to it, creating the schema
+    // in an empty one.
+    void openStore() {
+        if (!inMemory && !options.create) {
+            struct stat st;
+            if (::stat(file.c_str(), &st) != 0)
+                throw CatalogException(kErrorCatalogNotFound, fromUtf8(file),
+                                       fromUtf8("catalog file \"" + file + "\" does not exist"));
+        }
+        auto c = connect();
+        std::int64_t tables = pragmaValue(*c, "SELECT count(*) FROM sqlite_schema");
+        std::int64_t appId = pragmaValue(*c, "PRAGMA application_id");
+        std::int64_t version = pragmaValue(*c, "PRAGMA user_version");
+        if (tables == 0 && appId == 0 && version == 0) {
+            createSchema(*c);
+            appId = pragmaValue(*c, "PRAGMA application_id");
+            version = pragmaValue(*c, "PRAGMA user_version");
+        }
+        if (appId != kApplicationId)
+            loadingError("not a catalog file of this system (application id " + std::to_string(appId) + ")");
+        if (version != kSchemaVersion)
+            loadingError("unsupported catalog schema version " + std::to_string(version) + " (expected " +
+                         std::to_string(kSchemaVersion) + ")");
+        if (!inMemory) {
+            // Our files are in WAL mode from their creation; this only reads.
+            pragma(*c, "PRAGMA journal_mode=WAL");
+        }
+        pragma(*c, options.synchronousFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+        release(std::move(c));
+        std::lock_guard<std::mutex> lock(poolMutex);
+        open = 1;
+    }
+
+    void createSchema(Conn& c) {
+        // Another process may be creating the same file: the write lock
+        // decides, and the loser finds the schema in place.
+        pragma(c, "BEGIN IMMEDIATE");
+        if (pragmaValue(c, "SELECT count(*) FROM sqlite_schema") != 0) {
+            pragma(c, "ROLLBACK");
+            return;
+        }
+        char* err = nullptr;
+        if (sqlite3_exec(c.db, kSchemaSql, nullptr, nullptr, &err) != SQLITE_OK) {
+            std::string why = err ? err : "unknown error";
+            sqlite3_free(err);
+            sqlite3_exec(c.db, "ROLLBACK", nullptr, nullptr, nullptr);
+            loadingError(why);
+        }
+        const std::int64_t now = nowMicros();
+        const std::string init =
+            "INSERT INTO meta(key, value) VALUES ('clock', " + std::to_string(now) + "), ('acl_gen', 0);"
+            "INSERT INTO items(path, parent, kind, mtime) VALUES ('/', NULL, 1, " + std::to_string(now) + ");"
+            "INSERT INTO acl(path, principal, is_group, rights) VALUES ('/', 'everyone', 1, 1);"
+            "PRAGMA application_id = " + std::to_string(kApplicationId) + ";"
+            "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";";
+        pragma(c, init.c_str());
+        pragma(c, "COMMIT");
+        if (!inMemory) pragma(c, "PRAGMA journal_mode=WAL");
+    }
+
+    // --- access rights ------------------------------------------------------
+
+    // Brings the connection's copy of the access lists up to date. Called
+    // while a read of the operation is active, so the copy and the item rows
+    // come from one snapshot.
+    void refreshAcl(Conn& c, std::uint64_t localGen) {
+        unsigned dv = 0;
+        sqlite3_file_control(c.db, "main", SQLITE_FCNTL_DATA_VERSION, &dv);
+        if (c.aclLoaded && dv == c.dataVersion && localGen == c.localGen) return;
+        std::int64_t gen = 0;
+        {
+            Query q(c, kStAclGen);
+            if (q.step()) gen = q.integerAt(0);
+        }
+        if (!c.aclLoaded || gen != c.aclGen) {
+            c.applying.clear();
+            c.acl.clear();
+            Query q(c, kStAclAll);
+            while (q.step()) {
+                auto& entries = c.acl[std::string(q.textAt(0))];
+                entries.push_back(AclEntry{fromUtf8(q.textAt(1)), q.integerAt(2) != 0,
+                                           static_cast<int>(q.integerAt(3))});
+            }
+            c.aclGen = gen;
+            c.aclLoaded = true;
+        }
+        c.dataVersion = dv;
+        c.localGen = localGen;
+    }
+
+    static bool isAdministrator(const AccountToken& user) noexcept {
+        return user.isMemberOf(ksAdministratorsGroup);
+    }
+
+    // The user's rights on the item at `path` (UTF-8), from the access list
+    // of the item or of its nearest ancestor that has one.
+    static int rightsOf(Conn& c, const AccountToken& user, std::string_view path) {
+        if (isAdministrator(user)) return static_cast<int>(Rights::kWrite);
+        const std::vector<AclEntry>* list = applyingList(c, path);
+        if (!list) return 0;
+        int rights = 0;
+        for (const AclEntry& e : *list) {
+            const bool matches = e.isGroup ? (e.principal == ksEveryoneGroup || user.isMemberOf(e.principal))
+                                           : e.principal == user.getUserName();
+            if (matches) rights |= e.rights;
+        }
+        return rights;
+    }
+
+    // The access list of the item or of its nearest ancestor that has one.
+    static const std::vector<AclEntry>* applyingList(Conn& c, std::string_view path) {
+        const auto own = c.acl.find(path);
+        if (own != c.acl.end()) return &own->second;
+        const std::string_view parent = parentOf(path);
+        if (parent.empty()) return nullptr;
+        const auto known = c.applying.find(parent);
+        if (known != c.applying.end()) return known->second;
+        const std::vector<AclEntry>* list = applyingList(c, parent);
+        if (c.applying.size() >= 65536) c.applying.clear();  // bounded memory
+        c.applying.emplace(std::string(parent), list);
+        return list;
+    }
+
+    static bool mayRead(int rights) noexcept { return (rights & static_cast<int>(Rights::kRead)) != 0; }
+    static bool mayWrite(int rights) noexcept {
+        return (rights & static_cast<int>(Rights::kWrite)) == static_cast<int>(Rights::kWrite);
+    }
+
+    // --- item information ----------------------------------------------------
+
+    static void fillEntry(ItemInfo::Entry& e, const Row& row, bool withProperties) {
+        e.type = static_cast<unsigned>(row.kind);
+        e.lastModified = row.mtime;
+        decodeInto(e.signature, row.signature);
+        if (withProperties)
+            decodeProperties(e.properties, row.props);
+        else
+            e.properties.clear();
+    }
+
+    // Follows the link in `first` (the item at c.pathBuf) to a non-link item,
+    // filling info.resolved(). `hop` is the query that holds the final row.
+    ReturnCode followLink(Conn& c, const AccountToken& user, const Row& first, Query& hop, Row& target,
+                          ItemInfo& info, bool withProperties) {
+        c.visited.clear();
+        c.visited.emplace_back(c.pathBuf);
+        c.hopBuf.assign(first.linkTarget);
+        ItemInfo::Entry& r = info.resolved();
+        for (int hops = 0;; ++hops) {
+            r.path = Path(fromUtf8(c.hopBuf), kUnchecked);
+            const bool seen = std::find(c.visited.begin(), c.visited.end(), c.hopBuf) != c.visited.end();
+            if (seen || hops >= kMaxLinkHops) {
+                r.type = kCircular | kLink;
+                return kErrorCircularLink;
+            }
+            hop.reset();
+            hop.text(1, c.hopBuf);
+            if (!hop.step()) {
+                r.type = kMissing;
+                return kErrorLinkTargetPathNotFound;
+            }
+            target.take(hop);
+            if (!mayRead(rightsOf(c, user, c.hopBuf))) {
+                r.type = kNoAccess;
+                return kErrorLinkTargetAccessDenied;
+            }
+            if (target.kind != kKindLink) {
+                fillEntry(r, target, withProperties);
+                return kSuccess;
+            }
+            c.visited.emplace_back(c.hopBuf);
+            c.hopBuf.assign(target.linkTarget);
+        }
+    }
+
+    // The common read path of getItemInfo and readObject. With `body`, the
+    // resolved object's body is copied into it.
+    ReturnCode inspect(const AccountToken& user, const Path& path, ItemInfo& info, bool originalOnly,
+                       bool withProperties, std::string* body) {
+        if (!isValidPathText(path)) return kErrorPathInvalid;
+        try {
+            const std::uint64_t localGen = localAclGen.load(std::memory_order_acquire);
+            Lease c(*this);
+            c->pathBuf.clear();
+            appendUtf8(c->pathBuf, path.view());
+            Query q(*c, kStLookup);
+            q.text(1, c->pathBuf);
+            if (!q.step()) return kErrorPathNotFound;
+            Row row;
+            row.take(q);
+            refreshAcl(*c, localGen);
+            if (!mayRead(rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
+
+            ItemInfo::Entry& o = info.original();
+            o.path = path;
+            fillEntry(o, row, withProperties);
+            if (row.kind != kKindLink || originalOnly) {
+                info.resolved() = o;
+                if (body) {
+                    if (row.kind != kKindObject) return kErrorObjectExpected;
+                    copyBody(*c, row, *body);
+                }
+                return kSuccess;
+            }
+            Query hop(*c, kStLookupHop);
+            Row target;
+            const ReturnCode rc = followLink(*c, user, row, hop, target, info, withProperties);
+            if (rc != kSuccess) return rc;
+            if (body) {
+                if (target.kind != kKindObject) return kErrorObjectExpected;
+                copyBody(*c, target, *body);
+            }
+            return kSuccess;
+        } catch (const SqlError& e) {
+            logSqlError(e, file);
+            return codeForSqlError(e);
+        }
+    }
+
+    static void copyBody(Conn& c, const Row& row, std::string& body) {
+        body.clear();
+        if (!row.hasBody) return;
+        Query q(c, kStBody);
+        q.integer(1, row.bodyId);
+        if (q.step()) body.assign(q.blobAt(0));
+    }
+
+    // --- writing -------------------------------------------------------------
+
+    // The next modified time for an item last modified at `previous`:
+    // strictly after every time the store handed out. Inside a write
+    // transaction.
+    static std::int64_t nextTime(Conn& c, std::int64_t previous) {
+        std::int64_t clock = 0;
+        {
+            Query q(c, kStClock);
+            if (q.step()) clock = q.integerAt(0);
+        }
+        const std::int64_t t = std::max({nowMicros(), clock + 1, previous + 1});
+        Query(c, kStSetClock).integer(1, t).run();
+        return t;
+    }
+
+    // The checks of a write to the object at c.pathBuf (parent `parent`).
+    // `existing` receives whether an object is there and its row.
+    ReturnCode checkWrite(Conn& c, std::uint64_t localGen, const AccountToken& user, std::string_view parent,
+                          bool& existing, Row& row, Query& item) {
+        {
+            Query q(c, kStLookupHop);
+            q.text(1, parent);
+            const bool found = q.step();
+            // The read snapshot is open now: bring the access lists up to it.
+            refreshAcl(c, localGen);
+            if (!found) return kErrorPathNotFound;
+            if (q.integerAt(0) != kKindFolder) return kErrorFolderExpected;
+        }
+        item.text(1, c.pathBuf);
+        existing = item.step();
+        if (existing) {
+            row.take(item);
+            if (row.kind != kKindObject) return kErrorObjectExpected;
+        }
+        if (!mayWrite(rightsOf(c, user, existing ? std::string_view(c.pathBuf) : parent)))
+            return kErrorAccessDenied;
+        return kSuccess;
+    }
+
+    // Stores an object at c.pathBuf inside the current write transaction;
+    // returns its new modified time.
+    std::int64_t storeObject(Conn& c, std::string_view parent, bool existing, const Row& old,
+                             std::string_view signature, std::string_view props, std::string_view body) {
+        std::int64_t bodyId = 0;
+        if (existing && old.hasBody) {
+            bodyId = old.bodyId;
+            Query(c, kStUpdateBody).integer(1, bodyId).blob(2, body).run();
+        } else {
+            Query(c, kStInsertBody).blob(1, body).run();
+            bodyId = sqlite3_last_insert_rowid(c.db);
+        }
+        const std::int64_t t = nextTime(c, existing ? old.mtime : 0);
+        Query(c, kStUpsertItem)
+            .text(1, c.pathBuf)
+            .text(2, parent)
+            .integer(3, kKindObject)
+            .text(4, signature)
+            .blob(5, props)
+            .null(6)
+            .integer(7, t)
+            .integer(8, bodyId)
+            .run();
+        return t;
+    }
+};
+
+// ---------------------------------------------------------------------------
+
+SqliteCatalog::SqliteCatalog(const std::string& file) : SqliteCatalog(file, Options()) {}
+
+SqliteCatalog::SqliteCatalog(const std::string& file, const Options& options) : m_impl(std::make_unique<Impl>()) {
+    m_impl->file = file;
+    m_impl->options = options;
+    m_impl->openStore();
+}
+
+SqliteCatalog::SqliteCatalog(InMemoryTag) : m_impl(std::make_unique<Impl>()) {
+    m_impl->file = ":memory:";
+    m_impl->inMemory = true;
+    m_impl->maxOpen = 1;
+    m_impl->openStore();
+}
+
+std::unique_ptr<SqliteCatalog> SqliteCatalog::openInMemory() {
+    return std::unique_ptr<SqliteCatalog>(new SqliteCatalog(InMemoryTag{}));
+}
+
+SqliteCatalog::~SqliteCatalog() = default;
+
+const std::string& SqliteCatalog::fileName() const noexcept { return m_impl->file; }
+
+int SqliteCatalog::getReaderUpgradeMode() const noexcept { return m_impl->upgradeMode.load(); }
+
+void SqliteCatalog::setReaderUpgradeMode(int mode) noexcept { m_impl->upgradeMode.store(mode); }
+
+ReturnCode SqliteCatalog::getItemInfo(const AccountToken& user, const Path& path, ItemInfo& info, bool bOriginalOnly,
+                                      bool bWithProperties) {
+    return m_impl->inspect(user, path, info, bOriginalOnly, bWithProperties, nullptr);
+}
+
+ReturnCode SqliteCatalog::readObject(const AccountToken& user, const Path& path, Reader& reader, ItemInfo& info,
+                                     unsigned) {
+    std::string body;
+    const ReturnCode rc = m_impl->inspect(user, path, info, false, true, &body);
+    if (rc != kSuccess) return rc;
+    // The connection is back in the pool: the reader may use the catalog.
+    reader.setUpgradeMode(static_cast<Reader::UpgradeMode>(getReaderUpgradeMode()));
+    if (reader.preInspectRead(info) == Reader::kDontContinueToRead) return kSuccess;
+    if (!reader.isObjectTypeMatch(info)) return kErrorObjectTypeMismatch;
+    if (!reader.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
+    reader.read(body.data(), body.size(), info);
+    return kSuccess;
+}
+
+ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path, Writer& writer,
+                                      const ReplaceHelper& replaceHelper) {
+    if (path.view() == L"/") return kErrorRootSacred;
+    const EItemNameValidity validity = detail::checkPathText(path.view());
+    if (validity == kPathEmpty || validity == kPathTooLong || validity == kPathMustStartWithSlash)
+        return kErrorPathInvalid;
+    if (validity != kItemNameValid) {
+        // A bad last component is a bad name; anything else a bad path.
+        const Path parent = path.getParentPath();
+        return !parent.isBlank() && isValidPathText(parent) ? kErrorItemNameInvalid : kErrorPathInvalid;
+    }
+    Impl& impl = *m_impl;
+    try {
+        // 1. The checks, and the replace question, without holding a write lock.
+        ItemInfo existingInfo;
+        bool existing = false;
+        {
+            const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
+            Impl::Lease c(impl);
+            c->pathBuf.clear();
+            appendUtf8(c->pathBuf, path.view());
+            const std::string_view parent = parentOf(c->pathBuf);
+            Query item(*c, kStLookup);
+            Row row;
+            const ReturnCode rc = impl.checkWrite(*c, localGen, user, parent, existing, row, item);
+            if (rc != kSuccess) return rc;
+            if (existing) {
+                existingInfo.original().path = path;
+                Impl::fillEntry(existingInfo.original(), row, true);
+                existingInfo.resolved() = existingInfo.original();
+            }
+        }
+        if (existing && !replaceHelper.mayReplace(existingInfo)) return kErrorItemAlreadyExists;
+
+        // 2. The writer's part, with no connection held.
+        if (!writer.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
+        StringOutputStream out;
+        try {
+            writer.write(out);
+        } catch (const std::exception&) {
+            return kErrorCatalogObjectException;
+        }
+        const std::string signature = toUtf8(writer.getSignature());
+
+        // 3. One write transaction: check again, store, commit.
+        ItemInfo info;
+        {
+            const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
+            Impl::Lease c(impl);
+            WriteTxn txn(*c);
+            c->pathBuf.clear();
+            appendUtf8(c->pathBuf, path.view());
+            const std::string_view parent = parentOf(c->pathBuf);
+            Query item(*c, kStLookup);
+            Row row;
+            bool existsNow = false;
+            const ReturnCode rc = impl.checkWrite(*c, localGen, user, parent, existsNow, row, item);
+            if (rc != kSuccess) return rc;
+            // Keep the existing object's properties: the writer supplies the
+            // signature and the body only.
+            const std::string props(existsNow ? row.props : std::string_view());
+            const Row old = row;
+            item.reset();
+            const std::int64_t t = impl.storeObject(*c, parent, existsNow, old, signature, props, out.str());
+            txn.commit();
+            ItemInfo::Entry& e = info.original();
+            e.path = path;
+            e.type = kObject;
+            e.lastModified = t;
+            e.signature = fromUtf8(signature);
+            decodeProperties(e.properties, props);
+            info.resolved() = e;
+        }
+        writer.postInspectWrite(info);
+        return kSuccess;
+    } catch (const SqlError& e) {
+        logSqlError(e, impl.file);
+        return codeForSqlError(e);
+    }
+}
+
+ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& path) {
+    if (!isValidPathText(path)) return kErrorPathInvalid;
+    if (path.view() == L"/") return kErrorRootSacred;
+    Impl& impl = *m_impl;
+    try {
+        const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
+        Impl::Lease c(impl);
+        WriteTxn txn(*c);
+        impl.refreshAcl(*c, localGen);
+        c->pathBuf.clear();
+        appendUtf8(c->pathBuf, path.view());
+        Row row;
+        {
+            Query q(*c, kStLookup);
+            q.text(1, c->pathBuf);
+            if (!q.step()) return kErrorPathNotFound;
+            row.take(q);
+            row.signature = row.props = row.linkTarget = {};
+        }
+        if (row.kind == kKindFolder) return kErrorObjectOrLinkExpected;
+        if (!Impl::mayWrite(Impl::rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
+        Query(*c, kStDeleteItem).text(1, c->pathBuf).run();
+        if (row.hasBody) Query(*c, kStDeleteBody).integer(1, row.bodyId).run();
+        const bool hadAcl = c->acl.count(std::string_view(c->pathBuf)) != 0;
+        if (hadAcl) {
+            Query(*c, kStDeleteAclOf).text(1, c->pathBuf).run();
+            Query(*c, kStBumpAclGen).run();
+        }
+        // Keep the catalog clock moving, so a later object at this path gets
+        // a time after the deleted one.
+        Impl::nextTime(*c, row.mtime);
+        txn.commit();
+        if (hadAcl) impl.localAclGen.fetch_add(1, std::memory_order_acq_rel);
+        return kSuccess;
+    } catch (const SqlError& e) {
+        logSqlError(e, impl.file);
+        return codeForSqlError(e);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Administration.
+
+namespace {
+
+[[noreturn]] void adminFail(ReturnCode code, const Path& path, const wchar_t* why = L"") {
+    throw CatalogException(code, path.toString(), String(why));
+}
+
+void requireValid(const Path& path) {
+    if (!isValidPathText(path)) adminFail(kErrorPathInvalid, path);
+}
+
+template <class F>
+auto adminCall(SqliteCatalog::Impl& impl, const Path& path, F&& f) {
+    try {
+        return f();
+    } catch (const SqlError& e) {
+        logSqlError(e, impl.file);
+        throw CatalogException(codeForSqlError(e), path.toString(), fromUtf8(e.message));
+    }
+}
+
+// The kind of the item at `path`, or 0 when there is none.
+int kindAt(Conn& c, std::string_view path) {
+    Query q(c, kStLookupHop);
+    q.text(1, path);
+    return q.step() ? static_cast<int>(q.integerAt(0)) : 0;
+}
+
+std::int64_t mtimeAt(Conn& c, std::string_view path) {
+    Query q(c, kStLookupHop);
+    q.text(1, path);
+    return q.step() ? q.integerAt(4) : 0;
+}
+
+// Makes every missing folder from the root down to `folder` (UTF-8).
+void makeFolders(Conn& c, const Path& original, std::string_view folder) {
+    if (folder.empty()) return;
+    const int kind = kindAt(c, folder);
+    if (kind == kKindFolder) return;
+    if (kind != 0) adminFail(kErrorFolderExpected, original, L"a non-folder item is in the way");
+    const std::string_view parent = parentOf(folder);
+    makeFolders(c, original, parent);
+    const std::int64_t t = SqliteCatalog::Impl::nextTime(c, 0);
+    Query(c, kStUpsertItem)
+        .text(1, folder)
+        .text(2, parent)
+        .integer(3, kKindFolder)
+        .text(4, "")
+        .null(5)
+        .null(6)
+        .integer(7, t)
+        .null(8)
+        .run();
+}
+
+}  // namespace
+
+void SqliteCatalog::makeFolder(const Path& path) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        const std::string p = toUtf8(path.view());
+        makeFolders(*c, path, p);
+        txn.commit();
+    });
+}
+
+namespace {
+
+// Stores one object of the administration API inside the current write
+// transaction, making missing parent folders.
+void putOne(SqliteCatalog::Impl& impl, Conn& c, const Path& path, const String& signature,
+            const std::map<String, String>& properties, std::string_view body) {
+    requireValid(path);
+    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
+    c.pathBuf = toUtf8(path.view());
+    const std::string parent(parentOf(c.pathBuf));
+    makeFolders(c, path, parent);
+    Row old;
+    bool existing = false;
+    {
+        Query q(c, kStLookup);
+        q.text(1, c.pathBuf);
+        existing = q.step();
+        if (existing) {
+            old.take(q);
+            old.signature = old.props = old.linkTarget = {};
+        }
+    }
+    if (existing && old.kind != kKindObject) adminFail(kErrorObjectExpected, path);
+    impl.storeObject(c, parent, existing, old, toUtf8(signature), encodeProperties(properties), body);
+}
+
+}  // namespace
+
+void SqliteCatalog::putObject(const Path& path, const String& signature, const std::map<String, String>& properties,
+                              std::string_view body) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        putOne(*m_impl, *c, path, signature, properties, body);
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::putObjects(const std::vector<ObjectSpec>& objects) {
+    adminCall(*m_impl, kpBlank, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        for (const ObjectSpec& o : objects) putOne(*m_impl, *c, o.path, o.signature, o.properties, o.body);
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::makeLink(const Path& path, const Path& target) {
+    requireValid(path);
+    requireValid(target);
+    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        const std::string p = toUtf8(path.view());
+        const std::string parent(parentOf(p));
+        makeFolders(*c, path, parent);
+        const int kind = kindAt(*c, p);
+        if (kind != 0 && kind != kKindLink) adminFail(kErrorItemAlreadyExists, path);
+        const std::int64_t t = Impl::nextTime(*c, kind ? mtimeAt(*c, p) : 0);
+        const std::string targetText = toUtf8(target.view());
+        Query(*c, kStUpsertItem)
+            .text(1, p)
+            .text(2, parent)
+            .integer(3, kKindLink)
+            .text(4, "")
+            .null(5)
+            .text(6, targetText)
+            .integer(7, t)
+            .null(8)
+            .run();
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::setAccess(const Path& path, const String& principal, bool isGroup, Rights rights) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        {
+            Impl::Lease c(*m_impl);
+            WriteTxn txn(*c);
+            const std::string p = toUtf8(path.view());
+            if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
+            const std::string who = toUtf8(principal);
+            Query(*c,
+                  "INSERT INTO acl(path, principal, is_group, rights) VALUES (?1, ?2, ?3, ?4) "
+                  "ON CONFLICT(path, principal, is_group) DO UPDATE SET rights = excluded.rights")
+                .text(1, p)
+                .text(2, who)
+                .integer(3, isGroup ? 1 : 0)
+                .integer(4, static_cast<int>(rights))
+                .run();
+            Query(*c, kStBumpAclGen).run();
+            txn.commit();
+        }
+        m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
+    });
+}
+
+void SqliteCatalog::clearAccess(const Path& path) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        {
+            Impl::Lease c(*m_impl);
+            WriteTxn txn(*c);
+            const std::string p = toUtf8(path.view());
+            Query(*c, kStDeleteAclOf).text(1, p).run();
+            Query(*c, kStBumpAclGen).run();
+            txn.commit();
+        }
+        m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
+    });
+}
+
+Rights SqliteCatalog::effectiveRights(const AccountToken& user, const Path& path) {
+    requireValid(path);
+    return adminCall(*m_impl, path, [&] {
+        const std::uint64_t localGen = m_impl->localAclGen.load(std::memory_order_acquire);
+        Impl::Lease c(*m_impl);
+        Query q(*c, kStClock);  // holds the snapshot while the lists are read
+        q.step();
+        m_impl->refreshAcl(*c, localGen);
+        const int r = Impl::rightsOf(*c, user, toUtf8(path.view()));
+        return Impl::mayWrite(r) ? Rights::kWrite : Impl::mayRead(r) ? Rights::kRead : Rights::kNone;
+    });
+}
+
+void SqliteCatalog::addUser(const String& name, const std::vector<String>& groups) {
+    adminCall(*m_impl, kpBlank, [&] {
+        std::string joined;
+        for (const String& g : groups) {
+            if (!joined.empty()) joined.push_back('\n');
+            appendUtf8(joined, g);
+        }
+        const std::string who = toUtf8(name);
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        Query(*c, "INSERT INTO users(name, groups) VALUES (?1, ?2) ON CONFLICT(name) DO UPDATE SET groups = excluded.groups")
+            .text(1, who)
+            .text(2, joined)
+            .run();
+        txn.commit();
+    });
+}
+
+AccountToken SqliteCatalog::tokenFor(const String& name) {
+    return adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);
+        std::vector<String> groups;
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT groups FROM users WHERE name = ?1");
+        q.text(1, who);
+        if (q.step()) {
+            std::string_view rest = q.textAt(0);
+            while (!rest.empty()) {
+                const std::size_t nl = rest.find('\n');
+                groups.push_back(fromUtf8(rest.substr(0, nl)));
+                if (nl == std::string_view::npos) break;
+                rest.remove_prefix(nl + 1);
+            }
+        }
+        return AccountToken(name, std::move(groups));
+    });
+}
+
+std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
+    requireValid(folder);
+    return adminCall(*m_impl, folder, [&] {
+        std::vector<Entry> entries;
+        const std::string p = toUtf8(folder.view());
+        Impl::Lease c(*m_impl);
+        const int kind = kindAt(*c, p);
+        if (kind == 0) adminFail(kErrorPathNotFound, folder);
+        if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
+        Query q(*c, "SELECT path, kind, mtime, signature, link_target FROM items WHERE parent = ?1 ORDER BY path");
+        q.text(1, p);
+        while (q.step()) {
+            Entry e;
+            e.path = Path(fromUtf8(q.textAt(0)), kUnchecked);
+            e.type = static_cast<unsigned>(q.integerAt(1));
+            e.lastModified = q.integerAt(2);
+            e.signature = fromUtf8(q.textAt(3));
+            e.linkTarget = fromUtf8(q.textAt(4));
+            entries.push_back(std::move(e));
+        }
+        return entries;
+    });
+}
+
+std::string SqliteCatalog::readRaw(const Path& path) {
+    requireValid(path);
+    return adminCall(*m_impl, path, [&] {
+        const std::string p = toUtf8(path.view());
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT i.kind, b.data FROM items i LEFT JOIN bodies b ON b.id = i.body_id WHERE i.path = ?1");
+        q.text(1, p);
+        if (!q.step()) adminFail(kErrorPathNotFound, path);
+        if (q.integerAt(0) != kKindObject) adminFail(kErrorObjectExpected, path);
+        return std::string(q.blobAt(1));
+    });
+}
+
+bool SqliteCatalog::exists(const Path& path) {
+    if (!isValidPathText(path)) return false;
+    return adminCall(*m_impl, path, [&] {
+        const std::string p = toUtf8(path.view());
+        Impl::Lease c(*m_impl);
+        return kindAt(*c, p) != 0;
+    });
+}
+
+void SqliteCatalog::remove(const Path& path) {
+    requireValid(path);
+    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
+    adminCall(*m_impl, path, [&] {
+        {
+            Impl::Lease c(*m_impl);
+            WriteTxn txn(*c);
+            const std::string p = toUtf8(path.view());
+            const int kind = kindAt(*c, p);
+            if (kind == 0) adminFail(kErrorPathNotFound, path);
+            // Everything under a folder: paths from "p/" up to, not including,
+            // "p0" ('0' follows '/').
+            const std::string lo = p + "/";
+            const std::string hi = p + "0";
+            const char* const where = "path = ?1 OR (path >= ?2 AND path < ?3)";
+            Query(*c, (std::string("DELETE FROM bodies WHERE id IN (SELECT body_id FROM items WHERE ") + where + ")").c_str())
+                .text(1, p).text(2, lo).text(3, hi).run();
+            Query(*c, (std::string("DELETE FROM items WHERE ") + where).c_str()).text(1, p).text(2, lo).text(3, hi).run();
+            Query(*c, (std::string("DELETE FROM acl WHERE ") + where).c_str()).text(1, p).text(2, lo).text(3, hi).run();
+            Query(*c, kStBumpAclGen).run();
+            Impl::nextTime(*c, 0);
+            txn.commit();
+        }
+        m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
+    });
+}
+
+std::string SqliteCatalog::integrityCheck() {
+    return adminCall(*m_impl, kpBlank, [&] {
+        Impl::Lease c(*m_impl);
+        Query q(*c, "PRAGMA integrity_check");
+        std::string result;
+        while (q.step()) {
+            if (!result.empty()) result.push_back('\n');
+            result.append(q.textAt(0));
+        }
+        return result;
+    });
+}
+
+}  // namespace kiv::catalog

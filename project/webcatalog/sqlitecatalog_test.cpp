@@ -1,0 +1,809 @@
+#include "qz/webcatalog/sqlitecatalog.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <random>
+
+#include "sqlitecatalog_testsupport.h"
+
+namespace kiv::catalog {
+namespace {
+
+using testing::NeverReplace;
+using testing::readFileBytes;
+using testing::RecordingReader;
+using testing::RecordingWriter;
+using testing::TempDir;
+using testing::writeFileBytes;
+
+class SqliteCatalogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        catalog = SqliteCatalog::openInMemory();
+        catalog->addUser(L"alice", {L"sales"});
+        catalog->addUser(L"bob", {L"finance"});
+        catalog->addUser(L"root", {L"administrators"});
+        alice = catalog->tokenFor(L"alice");
+        bob = catalog->tokenFor(L"bob");
+        admin = catalog->tokenFor(L"root");
+        catalog->makeFolder(Path(L"/shared"));
+        catalog->setAccess(Path(L"/shared"), L"everyone", true, Rights::kWrite);
+        catalog->putObject(Path(L"/shared/report"), L"test1", {{L"owner", L"alice"}}, "report body");
+    }
+
+    ReturnCode info(const AccountToken& user, const wchar_t* path, ItemInfo& out, bool originalOnly = false) {
+        return catalog->getItemInfo(user, Path(path, kUnchecked), out, originalOnly, true);
+    }
+    ReturnCode write(const AccountToken& user, const wchar_t* path, RecordingWriter& w) {
+        return catalog->writeObject(user, Path(path, kUnchecked), w, tDefaultReplaceHelper);
+    }
+    ReturnCode read(const AccountToken& user, const wchar_t* path, RecordingReader& r) {
+        ItemInfo i;
+        return catalog->readObject(user, Path(path, kUnchecked), r, i, 0);
+    }
+
+    std::unique_ptr<SqliteCatalog> catalog;
+    AccountToken alice, bob, admin;
+};
+
+// --- getItemInfo ------------------------------------------------------------
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnAnObjectGivesItsTypeSignatureTimeAndProperties) {
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/shared/report", i), kSuccess);
+    for (EItemInfo which : {kInfoOriginal, kInfoResolved}) {
+        SCOPED_TRACE(which);
+        EXPECT_EQ(i.getItemType(which), static_cast<unsigned>(kObject));
+        EXPECT_EQ(i.getObjectSignature(which), L"test1");
+        EXPECT_EQ(i.getPath(which).toString(), L"/shared/report");
+        EXPECT_EQ(i.getItemProperty(L"owner", L"", which), L"alice");
+        EXPECT_GT(i.getLastModifiedTime(which), 0);
+    }
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnTheRootIsAFolder) {
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/", i), kSuccess);
+    EXPECT_EQ(i.getItemType(kInfoResolved), static_cast<unsigned>(kFolder));
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoWithoutPropertiesLeavesThemEmpty) {
+    ItemInfo i;
+    ASSERT_EQ(catalog->getItemInfo(alice, Path(L"/shared/report"), i, false, false), kSuccess);
+    EXPECT_EQ(i.getItemProperty(L"owner", L"none", kInfoResolved), L"none");
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnAMissingItemIsPathNotFound) {
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/missing", i), kErrorPathNotFound);
+    EXPECT_EQ(info(alice, L"/nowhere/missing", i), kErrorPathNotFound);
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnABlankPathIsPathInvalid) {
+    ItemInfo i;
+    EXPECT_EQ(catalog->getItemInfo(alice, kpBlank, i, false, true), kErrorPathInvalid);
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnAMalformedPathIsPathInvalid) {
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"shared/report", i), kErrorPathInvalid);
+    EXPECT_EQ(info(alice, L"/shared//report", i), kErrorPathInvalid);
+    EXPECT_EQ(info(alice, L"/shared/report/", i), kErrorPathInvalid);
+    EXPECT_EQ(info(alice, L"/shared/re\\port", i), kErrorPathInvalid);
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnAnUnreadableItemIsAccessDenied) {
+    catalog->setAccess(Path(L"/shared/report"), L"bob", false, Rights::kRead);
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/report", i), kErrorAccessDenied);
+    EXPECT_EQ(info(bob, L"/shared/report", i), kSuccess);
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoFollowsALinkForTheResolvedView) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/shared/link", i), kSuccess);
+    EXPECT_EQ(i.getItemType(kInfoOriginal), static_cast<unsigned>(kLink));
+    EXPECT_EQ(i.getPath(kInfoOriginal).toString(), L"/shared/link");
+    EXPECT_EQ(i.getItemType(kInfoResolved), static_cast<unsigned>(kObject));
+    EXPECT_EQ(i.getPath(kInfoResolved).toString(), L"/shared/report");
+    EXPECT_EQ(i.getObjectSignature(kInfoResolved), L"test1");
+    EXPECT_EQ(i.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOriginalOnlyDoesNotFollowLinks) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/missing"));
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/shared/link", i, true), kSuccess);
+    EXPECT_EQ(i.getItemType(kInfoResolved), static_cast<unsigned>(kLink));
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoFollowsAChainOfLinks) {
+    catalog->makeLink(Path(L"/shared/l1"), Path(L"/shared/l2"));
+    catalog->makeLink(Path(L"/shared/l2"), Path(L"/shared/report"));
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/shared/l1", i), kSuccess);
+    EXPECT_EQ(i.getPath(kInfoResolved).toString(), L"/shared/report");
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnADanglingLinkIsLinkTargetPathNotFound) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/missing"));
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/link", i), kErrorLinkTargetPathNotFound);
+    EXPECT_EQ(i.getItemType(kInfoOriginal), static_cast<unsigned>(kLink));
+    EXPECT_EQ(i.getItemType(kInfoResolved), static_cast<unsigned>(kMissing));
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnACircularLinkIsCircularLink) {
+    catalog->makeLink(Path(L"/shared/self"), Path(L"/shared/self"));
+    catalog->makeLink(Path(L"/shared/a"), Path(L"/shared/b"));
+    catalog->makeLink(Path(L"/shared/b"), Path(L"/shared/a"));
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/self", i), kErrorCircularLink);
+    EXPECT_TRUE(i.getItemType(kInfoResolved) & kCircular);
+    EXPECT_EQ(info(alice, L"/shared/a", i), kErrorCircularLink);
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoOnALinkToAnUnreadableTargetIsLinkTargetAccessDenied) {
+    catalog->putObject(Path(L"/private/x"), L"test1", {}, "x");
+    catalog->setAccess(Path(L"/private"), L"everyone", true, Rights::kNone);
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/private/x"));
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/link", i), kErrorLinkTargetAccessDenied);
+    EXPECT_EQ(info(admin, L"/shared/link", i), kSuccess);
+}
+
+// --- readObject -------------------------------------------------------------
+
+TEST_F(SqliteCatalogTest, ReadObjectHandsTheBodyToTheReader) {
+    RecordingReader r;
+    ItemInfo i;
+    ASSERT_EQ(catalog->readObject(alice, Path(L"/shared/report"), r, i, 0), kSuccess);
+    EXPECT_EQ(r.body, "report body");
+    EXPECT_EQ(i.getObjectSignature(kInfoResolved), L"test1");
+    EXPECT_EQ(r.seenInfo.getPath(kInfoOriginal).toString(), L"/shared/report");
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectSetsTheCatalogUpgradeModeOnTheReader) {
+    RecordingReader r;
+    r.setUpgradeMode(Reader::kUpgradeNone);
+    ASSERT_EQ(read(alice, L"/shared/report", r), kSuccess);
+    EXPECT_EQ(r.modeAtPreInspect, Reader::kUpgradeAuto);
+    catalog->setReaderUpgradeMode(Reader::kUpgradeAbort);
+    ASSERT_EQ(read(alice, L"/shared/report", r), kSuccess);
+    EXPECT_EQ(r.modeAtPreInspect, Reader::kUpgradeAbort);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectStopsWhenPreInspectSaysSo) {
+    RecordingReader r(L"other1");
+    r.stopAtPreInspect = true;
+    EXPECT_EQ(read(alice, L"/shared/report", r), kSuccess);
+    EXPECT_EQ(r.preCalls, 1);
+    EXPECT_EQ(r.readCalls, 0);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectWithAnotherSignatureIsObjectTypeMismatch) {
+    RecordingReader r(L"other1");
+    EXPECT_EQ(read(alice, L"/shared/report", r), kErrorObjectTypeMismatch);
+    EXPECT_EQ(r.readCalls, 0);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectOnAMissingObjectIsPathNotFound) {
+    RecordingReader r;
+    EXPECT_EQ(read(alice, L"/shared/missing", r), kErrorPathNotFound);
+    EXPECT_EQ(r.preCalls, 0);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectOnAFolderIsObjectExpected) {
+    RecordingReader r;
+    EXPECT_EQ(read(alice, L"/shared", r), kErrorObjectExpected);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectOnAnUnreadableObjectIsAccessDenied) {
+    catalog->setAccess(Path(L"/shared/report"), L"finance", true, Rights::kRead);
+    RecordingReader r;
+    EXPECT_EQ(read(alice, L"/shared/report", r), kErrorAccessDenied);
+    EXPECT_EQ(read(bob, L"/shared/report", r), kSuccess);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectOnAnInvalidPathIsPathInvalid) {
+    RecordingReader r;
+    EXPECT_EQ(read(alice, L"no/slash", r), kErrorPathInvalid);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectThroughALinkReadsTheTarget) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
+    RecordingReader r;
+    ASSERT_EQ(read(alice, L"/shared/link", r), kSuccess);
+    EXPECT_EQ(r.body, "report body");
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectOnADanglingLinkIsLinkTargetPathNotFound) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/gone"));
+    RecordingReader r;
+    EXPECT_EQ(read(alice, L"/shared/link", r), kErrorLinkTargetPathNotFound);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectOnACircularLinkIsCircularLink) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/link"));
+    RecordingReader r;
+    EXPECT_EQ(read(alice, L"/shared/link", r), kErrorCircularLink);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectLetsTheReadersExceptionPass) {
+    RecordingReader r;
+    r.throwOnRead = true;
+    EXPECT_THROW(read(alice, L"/shared/report", r), CatalogUpgradeRequired);
+    // The catalog is still usable afterwards.
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/report", i), kSuccess);
+}
+
+TEST_F(SqliteCatalogTest, ReadObjectWhenTheReaderRefusesPrivilegesIsPrivilegeValidationFailed) {
+    RecordingReader r;
+    r.privilegesOk = false;
+    EXPECT_EQ(read(alice, L"/shared/report", r), kErrorPrivilegeValidationFailed);
+    EXPECT_EQ(r.readCalls, 0);
+}
+
+TEST_F(SqliteCatalogTest, ReadersMayUseTheCatalogFromTheirCallbacks) {
+    class NestedReader : public RecordingReader {
+    public:
+        NestedReader(SqliteCatalog& c, const AccountToken& u) : m_catalog(c), m_user(u) {}
+        bool read(const void* data, std::size_t size, const ItemInfo& info) override {
+            ItemInfo other;
+            nested = m_catalog.getItemInfo(m_user, Path(L"/shared"), other, false, false);
+            return RecordingReader::read(data, size, info);
+        }
+        ReturnCode nested = kErrorOther;
+
+    private:
+        SqliteCatalog& m_catalog;
+        AccountToken m_user;
+    } r(*catalog, alice);
+    ASSERT_EQ(read(alice, L"/shared/report", r), kSuccess);
+    EXPECT_EQ(r.nested, kSuccess);
+}
+
+// --- writeObject ------------------------------------------------------------
+
+TEST_F(SqliteCatalogTest, WriteObjectCreatesAnObject) {
+    RecordingWriter w("new body", L"sig1");
+    ASSERT_EQ(write(alice, L"/shared/new", w), kSuccess);
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/new")), "new body");
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/shared/new", i), kSuccess);
+    EXPECT_EQ(i.getObjectSignature(kInfoResolved), L"sig1");
+    EXPECT_EQ(w.postCalls, 1);
+    EXPECT_EQ(w.written.getLastModifiedTime(kInfoResolved), i.getLastModifiedTime(kInfoResolved));
+    EXPECT_EQ(w.written.getPath(kInfoOriginal).toString(), L"/shared/new");
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectReplacesAnObjectAndKeepsItsProperties) {
+    RecordingWriter w("second");
+    ASSERT_EQ(write(alice, L"/shared/report", w), kSuccess);
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "second");
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/shared/report", i), kSuccess);
+    EXPECT_EQ(i.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectWithoutParentFolderIsPathNotFound) {
+    RecordingWriter w("x");
+    EXPECT_EQ(write(alice, L"/shared/nofolder/x", w), kErrorPathNotFound);
+    EXPECT_EQ(w.writeCalls, 0);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectUnderAnObjectIsFolderExpected) {
+    RecordingWriter w("x");
+    EXPECT_EQ(write(alice, L"/shared/report/x", w), kErrorFolderExpected);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectOnAFolderIsObjectExpected) {
+    RecordingWriter w("x");
+    EXPECT_EQ(write(alice, L"/shared", w), kErrorObjectExpected);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectOnALinkIsObjectExpected) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
+    RecordingWriter w("x");
+    EXPECT_EQ(write(alice, L"/shared/link", w), kErrorObjectExpected);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectOnTheRootIsRootSacred) {
+    RecordingWriter w("x");
+    EXPECT_EQ(write(admin, L"/", w), kErrorRootSacred);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectWithAnInvalidNameIsItemNameInvalid) {
+    RecordingWriter w("x");
+    EXPECT_EQ(write(alice, L"/shared/bad\x01name", w), kErrorItemNameInvalid);
+    EXPECT_EQ(write(alice, L"/shared/   ", w), kErrorItemNameInvalid);
+    EXPECT_EQ(write(alice, (L"/shared/" + String(256, L'n')).c_str(), w), kErrorItemNameInvalid);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectWithAnInvalidPathIsPathInvalid) {
+    RecordingWriter w("x");
+    EXPECT_EQ(catalog->writeObject(alice, kpBlank, w, tDefaultReplaceHelper), kErrorPathInvalid);
+    EXPECT_EQ(write(alice, L"shared/x", w), kErrorPathInvalid);
+    EXPECT_EQ(write(alice, L"/sha//red/x", w), kErrorPathInvalid);
+    EXPECT_EQ(write(alice, (L"/" + String(4200, L'a')).c_str(), w), kErrorPathInvalid);
+    EXPECT_EQ(w.writeCalls, 0);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectWithoutWriteRightIsAccessDenied) {
+    catalog->makeFolder(Path(L"/readonly"));
+    RecordingWriter w("x");
+    EXPECT_EQ(write(alice, L"/readonly/new", w), kErrorAccessDenied);
+    catalog->setAccess(Path(L"/shared/report"), L"everyone", true, Rights::kRead);
+    EXPECT_EQ(write(alice, L"/shared/report", w), kErrorAccessDenied);
+    EXPECT_EQ(w.writeCalls, 0);
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "report body");
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectRefusedByTheReplaceHelperIsItemAlreadyExists) {
+    RecordingWriter w("x");
+    NeverReplace never;
+    EXPECT_EQ(catalog->writeObject(alice, Path(L"/shared/report"), w, never), kErrorItemAlreadyExists);
+    EXPECT_EQ(never.calls, 1);
+    EXPECT_EQ(never.seen.getObjectSignature(kInfoOriginal), L"test1");
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "report body");
+    // A new object is created without asking the helper.
+    EXPECT_EQ(catalog->writeObject(alice, Path(L"/shared/fresh"), w, never), kSuccess);
+    EXPECT_EQ(never.calls, 1);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectWhenTheWriterRefusesPrivilegesIsPrivilegeValidationFailed) {
+    RecordingWriter w("x");
+    w.privilegesOk = false;
+    EXPECT_EQ(write(alice, L"/shared/new", w), kErrorPrivilegeValidationFailed);
+    EXPECT_FALSE(catalog->exists(Path(L"/shared/new")));
+    RecordingWriter anonymous("x");
+    EXPECT_EQ(write(AccountToken(), L"/shared/new", anonymous), kErrorPrivilegeValidationFailed);
+}
+
+TEST_F(SqliteCatalogTest, WriteObjectWhenTheWriterThrowsIsCatalogObjectException) {
+    RecordingWriter w("x");
+    w.throwOnWrite = true;
+    EXPECT_EQ(write(alice, L"/shared/report", w), kErrorCatalogObjectException);
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "report body");
+}
+
+TEST_F(SqliteCatalogTest, TwoWritesInATightLoopHaveStrictlyIncreasingTimes) {
+    RecordingWriter w("x");
+    Time previous = 0;
+    for (int n = 0; n < 200; ++n) {
+        ASSERT_EQ(write(alice, L"/shared/report", w), kSuccess);
+        ItemInfo i;
+        ASSERT_EQ(info(alice, L"/shared/report", i), kSuccess);
+        ASSERT_GT(i.getLastModifiedTime(kInfoResolved), previous);
+        previous = i.getLastModifiedTime(kInfoResolved);
+    }
+}
+
+TEST_F(SqliteCatalogTest, AnObjectWrittenAgainAfterDeletionHasALaterTime) {
+    ItemInfo before;
+    ASSERT_EQ(info(alice, L"/shared/report", before), kSuccess);
+    ASSERT_EQ(catalog->deleteObject(alice, Path(L"/shared/report")), kSuccess);
+    RecordingWriter w("again");
+    ASSERT_EQ(write(alice, L"/shared/report", w), kSuccess);
+    ItemInfo after;
+    ASSERT_EQ(info(alice, L"/shared/report", after), kSuccess);
+    EXPECT_GT(after.getLastModifiedTime(kInfoResolved), before.getLastModifiedTime(kInfoResolved));
+}
+
+// --- deleteObject -----------------------------------------------------------
+
+TEST_F(SqliteCatalogTest, DeleteObjectRemovesAnObject) {
+    EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/report")), kSuccess);
+    EXPECT_FALSE(catalog->exists(Path(L"/shared/report")));
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/report", i), kErrorPathNotFound);
+}
+
+TEST_F(SqliteCatalogTest, DeleteObjectRemovesALinkNotItsTarget) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
+    EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/link")), kSuccess);
+    EXPECT_FALSE(catalog->exists(Path(L"/shared/link")));
+    EXPECT_TRUE(catalog->exists(Path(L"/shared/report")));
+}
+
+TEST_F(SqliteCatalogTest, DeleteObjectOnAMissingItemIsPathNotFound) {
+    EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/missing")), kErrorPathNotFound);
+}
+
+TEST_F(SqliteCatalogTest, DeleteObjectOnAFolderIsObjectOrLinkExpected) {
+    EXPECT_EQ(catalog->deleteObject(admin, Path(L"/shared")), kErrorObjectOrLinkExpected);
+    EXPECT_TRUE(catalog->exists(Path(L"/shared")));
+}
+
+TEST_F(SqliteCatalogTest, DeleteObjectOnTheRootIsRootSacred) {
+    EXPECT_EQ(catalog->deleteObject(admin, Path(L"/")), kErrorRootSacred);
+}
+
+TEST_F(SqliteCatalogTest, DeleteObjectWithoutWriteRightIsAccessDenied) {
+    catalog->setAccess(Path(L"/shared/report"), L"everyone", true, Rights::kRead);
+    EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/report")), kErrorAccessDenied);
+    EXPECT_TRUE(catalog->exists(Path(L"/shared/report")));
+}
+
+TEST_F(SqliteCatalogTest, DeleteObjectOnAnInvalidPathIsPathInvalid) {
+    EXPECT_EQ(catalog->deleteObject(alice, kpBlank), kErrorPathInvalid);
+    EXPECT_EQ(catalog->deleteObject(alice, Path(L"/a//b", kUnchecked)), kErrorPathInvalid);
+}
+
+// --- access rights ----------------------------------------------------------
+
+TEST_F(SqliteCatalogTest, ANewCatalogLetsEveryoneReadAndNobodyWrite) {
+    auto fresh = SqliteCatalog::openInMemory();
+    fresh->putObject(Path(L"/a/x"), L"t", {}, "x");
+    EXPECT_EQ(fresh->effectiveRights(alice, Path(L"/a/x")), Rights::kRead);
+    EXPECT_EQ(fresh->effectiveRights(alice, Path(L"/")), Rights::kRead);
+}
+
+TEST_F(SqliteCatalogTest, RightsAreInheritedFromTheNearestAncestorThatSetsThem) {
+    catalog->putObject(Path(L"/shared/deep/er/x"), L"t", {}, "x");
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/deep/er/x")), Rights::kWrite);
+    catalog->setAccess(Path(L"/shared/deep"), L"everyone", true, Rights::kRead);
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/deep/er/x")), Rights::kRead);
+    catalog->setAccess(Path(L"/shared/deep/er"), L"alice", false, Rights::kWrite);
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/deep/er/x")), Rights::kWrite);
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/deep")), Rights::kRead);
+}
+
+TEST_F(SqliteCatalogTest, TheNearestAccessListReplacesTheOnesAbove) {
+    catalog->putObject(Path(L"/shared/team/x"), L"t", {}, "x");
+    catalog->setAccess(Path(L"/shared/team"), L"alice", false, Rights::kWrite);
+    // bob had write on /shared through "everyone", but /shared/team names alice only.
+    EXPECT_EQ(catalog->effectiveRights(bob, Path(L"/shared/team/x")), Rights::kNone);
+    ItemInfo i;
+    EXPECT_EQ(info(bob, L"/shared/team/x", i), kErrorAccessDenied);
+    EXPECT_EQ(info(alice, L"/shared/team/x", i), kSuccess);
+}
+
+TEST_F(SqliteCatalogTest, AUserEntryGrantsToThatUserOnly) {
+    catalog->makeFolder(Path(L"/home"));
+    catalog->setAccess(Path(L"/home"), L"alice", false, Rights::kWrite);
+    RecordingWriter w("x");
+    EXPECT_EQ(write(alice, L"/home/mine", w), kSuccess);
+    EXPECT_EQ(write(bob, L"/home/bobs", w), kErrorAccessDenied);
+    // A group of the same name as the user is another principal.
+    catalog->setAccess(Path(L"/home"), L"bob", true, Rights::kWrite);
+    EXPECT_EQ(write(bob, L"/home/bobs", w), kErrorAccessDenied);
+}
+
+TEST_F(SqliteCatalogTest, AGroupEntryGrantsToItsMembers) {
+    catalog->makeFolder(Path(L"/finance"));
+    catalog->setAccess(Path(L"/finance"), L"finance", true, Rights::kWrite);
+    RecordingWriter w("x");
+    EXPECT_EQ(write(bob, L"/finance/plan", w), kSuccess);
+    EXPECT_EQ(write(alice, L"/finance/plan", w), kErrorAccessDenied);
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/finance/plan", i), kErrorAccessDenied);
+}
+
+TEST_F(SqliteCatalogTest, TheGreatestMatchingEntryWins) {
+    catalog->setAccess(Path(L"/shared"), L"alice", false, Rights::kNone);
+    catalog->setAccess(Path(L"/shared"), L"sales", true, Rights::kRead);
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kWrite);  // everyone: write
+    catalog->setAccess(Path(L"/shared"), L"everyone", true, Rights::kNone);
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kRead);
+}
+
+TEST_F(SqliteCatalogTest, AdministratorsMayDoEverything) {
+    catalog->putObject(Path(L"/locked/x"), L"test1", {}, "x");
+    catalog->setAccess(Path(L"/locked"), L"everyone", true, Rights::kNone);
+    ItemInfo i;
+    EXPECT_EQ(info(admin, L"/locked/x", i), kSuccess);
+    RecordingReader r;
+    EXPECT_EQ(read(admin, L"/locked/x", r), kSuccess);
+    RecordingWriter w("y");
+    EXPECT_EQ(write(admin, L"/locked/x", w), kSuccess);
+    EXPECT_EQ(catalog->deleteObject(admin, Path(L"/locked/x")), kSuccess);
+    EXPECT_EQ(info(alice, L"/locked", i), kErrorAccessDenied);
+}
+
+TEST_F(SqliteCatalogTest, ClearingAnAccessListInheritsAgain) {
+    catalog->setAccess(Path(L"/shared/report"), L"bob", false, Rights::kRead);
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kNone);
+    catalog->clearAccess(Path(L"/shared/report"));
+    EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kWrite);
+}
+
+TEST_F(SqliteCatalogTest, SetAccessOnAMissingItemIsPathNotFound) {
+    try {
+        catalog->setAccess(Path(L"/missing"), L"alice", false, Rights::kRead);
+        FAIL() << "no exception";
+    } catch (const CatalogException& e) {
+        EXPECT_EQ(e.getCode(), kErrorPathNotFound);
+    }
+}
+
+// --- administration ---------------------------------------------------------
+
+TEST_F(SqliteCatalogTest, MakeFolderMakesMissingAncestors) {
+    catalog->makeFolder(Path(L"/a/b/c"));
+    for (const wchar_t* p : {L"/a", L"/a/b", L"/a/b/c"}) {
+        ItemInfo i;
+        ASSERT_EQ(info(admin, p, i), kSuccess) << String(p).toUtf8();
+        EXPECT_EQ(i.getItemType(kInfoOriginal), static_cast<unsigned>(kFolder));
+    }
+    EXPECT_NO_THROW(catalog->makeFolder(Path(L"/a/b")));
+    EXPECT_THROW(catalog->makeFolder(Path(L"/shared/report/x")), CatalogException);
+}
+
+TEST_F(SqliteCatalogTest, ListGivesTheChildrenInOrder) {
+    catalog->putObject(Path(L"/shared/a"), L"s", {}, "");
+    catalog->makeLink(Path(L"/shared/b"), Path(L"/shared/a"));
+    catalog->makeFolder(Path(L"/shared/c"));
+    catalog->putObject(Path(L"/shared/c/inner"), L"s", {}, "");
+    const auto entries = catalog->list(Path(L"/shared"));
+    ASSERT_EQ(entries.size(), 4u);
+    EXPECT_EQ(entries[0].path.toString(), L"/shared/a");
+    EXPECT_EQ(entries[1].type, static_cast<unsigned>(kLink));
+    EXPECT_EQ(entries[1].linkTarget, L"/shared/a");
+    EXPECT_EQ(entries[2].type, static_cast<unsigned>(kFolder));
+    EXPECT_EQ(entries[3].path.toString(), L"/shared/report");
+}
+
+TEST_F(SqliteCatalogTest, TokenForGivesTheRegisteredGroups) {
+    const AccountToken t = catalog->tokenFor(L"alice");
+    EXPECT_EQ(t.getUserName(), L"alice");
+    ASSERT_EQ(t.getGroups().size(), 1u);
+    EXPECT_EQ(t.getGroups()[0], L"sales");
+    catalog->addUser(L"alice", {L"sales", L"finance"});
+    EXPECT_EQ(catalog->tokenFor(L"alice").getGroups().size(), 2u);
+    EXPECT_TRUE(catalog->tokenFor(L"stranger").getGroups().empty());
+}
+
+TEST_F(SqliteCatalogTest, RemoveDeletesAFolderWithEverythingUnderIt) {
+    catalog->putObject(Path(L"/shared/f/x"), L"s", {}, "x");
+    catalog->putObject(Path(L"/shared/f/y/z"), L"s", {}, "z");
+    catalog->putObject(Path(L"/shared/f0"), L"s", {}, "keep");
+    catalog->remove(Path(L"/shared/f"));
+    EXPECT_FALSE(catalog->exists(Path(L"/shared/f")));
+    EXPECT_FALSE(catalog->exists(Path(L"/shared/f/y/z")));
+    EXPECT_TRUE(catalog->exists(Path(L"/shared/f0")));
+    EXPECT_THROW(catalog->remove(Path(L"/")), CatalogException);
+}
+
+TEST_F(SqliteCatalogTest, ReadRawOfAFolderIsObjectExpected) {
+    try {
+        catalog->readRaw(Path(L"/shared"));
+        FAIL() << "no exception";
+    } catch (const CatalogException& e) {
+        EXPECT_EQ(e.getCode(), kErrorObjectExpected);
+    }
+}
+
+TEST_F(SqliteCatalogTest, NamesWithEscapedSlashesAreDistinctItems) {
+    catalog->putObject(Path(L"/shared/a\\/b"), L"s", {}, "escaped");
+    catalog->putObject(Path(L"/shared/a/b"), L"s", {}, "nested");
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/a\\/b")), "escaped");
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/a/b")), "nested");
+    const auto entries = catalog->list(Path(L"/shared"));
+    EXPECT_EQ(entries.size(), 3u);
+}
+
+TEST_F(SqliteCatalogTest, UnicodePathsAndPropertiesRoundTrip) {
+    const Path p(L"/shared/r\u00e9sum\u00e9 \u4e2d\U0001F600");
+    catalog->putObject(p, L"sig\u00e9", {{L"k\u00e9y", L"v\u4e2d"}}, std::string("\0bin\xff", 5));
+    ItemInfo i;
+    ASSERT_EQ(catalog->getItemInfo(alice, p, i, false, true), kSuccess);
+    EXPECT_EQ(i.getObjectSignature(kInfoResolved), L"sig\u00e9");
+    EXPECT_EQ(i.getItemProperty(L"k\u00e9y", L"", kInfoResolved), L"v\u4e2d");
+    EXPECT_EQ(catalog->readRaw(p), std::string("\0bin\xff", 5));
+}
+
+TEST_F(SqliteCatalogTest, InvalidPathTextsNeverCrashTheCatalog) {
+    std::mt19937 rng(3);
+    const wchar_t alphabet[] = {L'/', L'\\', L's', L' ', L'\x01', static_cast<wchar_t>(0xD800),
+                                static_cast<wchar_t>(0x110000), L'\x9F', L'r'};
+    RecordingWriter w("x");
+    RecordingReader r;
+    for (int n = 0; n < 1500; ++n) {
+        std::wstring text(rng() % 12, L'a');
+        for (auto& c : text) c = alphabet[rng() % std::size(alphabet)];
+        const Path p(String(text), kUnchecked);
+        ItemInfo i;
+        const bool valid = Path::checkPath(String(text)) == kItemNameValid;
+        const ReturnCode a = catalog->getItemInfo(alice, p, i, false, true);
+        if (!valid) {
+            EXPECT_EQ(a, kErrorPathInvalid);
+        }
+        const ReturnCode b = catalog->readObject(alice, p, r, i, 0);
+        if (!valid) {
+            EXPECT_EQ(b, kErrorPathInvalid);
+        }
+        const ReturnCode c = catalog->writeObject(alice, p, w, tDefaultReplaceHelper);
+        if (!valid) {
+            EXPECT_TRUE(c == kErrorPathInvalid || c == kErrorItemNameInvalid || c == kErrorRootSacred);
+        }
+        const ReturnCode d = catalog->deleteObject(alice, p);
+        if (!valid) {
+            EXPECT_EQ(d, kErrorPathInvalid);
+        }
+    }
+    EXPECT_EQ(catalog->integrityCheck(), "ok");
+}
+
+// --- files ------------------------------------------------------------------
+
+TEST(SqliteCatalogFileTest, AFileCatalogKeepsItsContentAcrossOpens) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    {
+        SqliteCatalog c(file);
+        c.putObject(Path(L"/x/y"), L"s", {{L"p", L"v"}}, "body");
+        c.addUser(L"u", {L"g"});
+    }
+    SqliteCatalog c(file);
+    EXPECT_EQ(c.readRaw(Path(L"/x/y")), "body");
+    EXPECT_EQ(c.tokenFor(L"u").getGroups().size(), 1u);
+    EXPECT_EQ(c.fileName(), file);
+}
+
+TEST(SqliteCatalogFileTest, AFileCatalogIsInWalModeWithItsSchemaVersion) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    { SqliteCatalog c(file); }
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    auto pragma = [db](const char* sql) {
+        sqlite3_stmt* s = nullptr;
+        sqlite3_prepare_v2(db, sql, -1, &s, nullptr);
+        std::string v;
+        if (sqlite3_step(s) == SQLITE_ROW) v = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+        sqlite3_finalize(s);
+        return v;
+    };
+    EXPECT_EQ(pragma("PRAGMA journal_mode"), "wal");
+    EXPECT_EQ(pragma("PRAGMA user_version"), std::to_string(SqliteCatalog::kSchemaVersion));
+    sqlite3_close(db);
+}
+
+ReturnCode openError(const std::string& file, std::string* message = nullptr) {
+    try {
+        SqliteCatalog c(file);
+        return kSuccess;
+    } catch (const CatalogException& e) {
+        if (message) *message = e.what();
+        return e.getCode();
+    }
+}
+
+TEST(SqliteCatalogFileTest, ANonSqliteFileIsRefusedAndLeftUnchanged) {
+    TempDir dir;
+    const std::string file = dir.file("notes.txt");
+    const std::string bytes = "These are not the bytes of a database.\n" + std::string(5000, 'x');
+    writeFileBytes(file, bytes);
+    std::string message;
+    EXPECT_EQ(openError(file, &message), kErrorLoadingCatalog);
+    EXPECT_NE(message.find(file), std::string::npos) << message;
+    EXPECT_EQ(readFileBytes(file), bytes);
+}
+
+TEST(SqliteCatalogFileTest, AForeignSqliteDatabaseIsRefusedAndLeftUnchanged) {
+    TempDir dir;
+    const std::string file = dir.file("foreign.db");
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE t(a); INSERT INTO t VALUES (1);", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    const std::string bytes = readFileBytes(file);
+    std::string message;
+    EXPECT_EQ(openError(file, &message), kErrorLoadingCatalog);
+    EXPECT_NE(message.find("not a catalog"), std::string::npos) << message;
+    EXPECT_EQ(readFileBytes(file), bytes);
+}
+
+TEST(SqliteCatalogFileTest, ACatalogOfAnotherSchemaVersionIsRefusedAndLeftUnchanged) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    { SqliteCatalog c(file); }
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version = 99; PRAGMA wal_checkpoint(TRUNCATE);", nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+    const std::string bytes = readFileBytes(file);
+    std::string message;
+    EXPECT_EQ(openError(file, &message), kErrorLoadingCatalog);
+    EXPECT_NE(message.find("version 99"), std::string::npos) << message;
+    EXPECT_EQ(readFileBytes(file), bytes);
+}
+
+TEST(SqliteCatalogFileTest, ACorruptCatalogFileIsRefusedAndLeftUnchanged) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    {
+        SqliteCatalog c(file);
+        c.putObject(Path(L"/x"), L"s", {}, "body");
+    }
+    std::string bytes = readFileBytes(file);
+    ASSERT_GT(bytes.size(), 100u);
+    for (std::size_t i = 16; i < 100; ++i) bytes[i] = static_cast<char>(0xA5);
+    writeFileBytes(file, bytes);
+    EXPECT_EQ(openError(file), kErrorLoadingCatalog);
+    EXPECT_EQ(readFileBytes(file), bytes);
+}
+
+TEST(SqliteCatalogFileTest, AnEmptyFileBecomesANewCatalog) {
+    TempDir dir;
+    const std::string file = dir.file("empty.db");
+    writeFileBytes(file, "");
+    SqliteCatalog c(file);
+    EXPECT_TRUE(c.exists(Path(L"/")));
+}
+
+TEST(SqliteCatalogFileTest, AMissingFileWithoutCreateIsCatalogNotFound) {
+    TempDir dir;
+    SqliteCatalog::Options options;
+    options.create = false;
+    try {
+        SqliteCatalog c(dir.file("missing.db"), options);
+        FAIL() << "no exception";
+    } catch (const CatalogException& e) {
+        EXPECT_EQ(e.getCode(), kErrorCatalogNotFound);
+    }
+}
+
+TEST(SqliteCatalogFileTest, AccessChangesMadeThroughAnotherCatalogObjectAreSeen) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    SqliteCatalog first(file);
+    SqliteCatalog second(file);
+    first.putObject(Path(L"/x"), L"s", {}, "body");
+    const AccountToken user(L"u");
+    ItemInfo i;
+    ASSERT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
+    first.setAccess(Path(L"/x"), L"everyone", true, Rights::kNone);
+    EXPECT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kErrorAccessDenied);
+    first.clearAccess(Path(L"/x"));
+    EXPECT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
+}
+
+TEST(SqliteCatalogFileTest, WritesThroughTwoCatalogObjectsOnOneFileHaveIncreasingTimes) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    SqliteCatalog first(file);
+    SqliteCatalog second(file);
+    first.putObject(Path(L"/x"), L"s", {}, "0");
+    const AccountToken admin(L"root", {L"administrators"});
+    RecordingWriter w("body");
+    Time previous = 0;
+    for (int n = 0; n < 50; ++n) {
+        SqliteCatalog& c = n % 2 ? first : second;
+        ASSERT_EQ(c.writeObject(admin, Path(L"/x"), w, tDefaultReplaceHelper), kSuccess);
+        ASSERT_GT(w.written.getLastModifiedTime(kInfoResolved), previous);
+        previous = w.written.getLastModifiedTime(kInfoResolved);
+    }
+}
+
+}  // namespace
+}  // namespace kiv::catalog
+
+namespace kiv::catalog {
+namespace {
+
+TEST(SqliteCatalogAdminTest, PutObjectsStoresEveryObjectInOneGo) {
+    auto catalog = SqliteCatalog::openInMemory();
+    std::vector<SqliteCatalog::ObjectSpec> batch;
+    for (int n = 0; n < 20; ++n)
+        batch.push_back({Path(L"/batch/f" + std::to_wstring(n % 3) + L"/o" + std::to_wstring(n)), L"s", {}, "b"});
+    catalog->putObjects(batch);
+    EXPECT_EQ(catalog->list(Path(L"/batch")).size(), 3u);
+    EXPECT_EQ(catalog->readRaw(Path(L"/batch/f1/o19")), "b");
+}
+
+TEST(SqliteCatalogAdminTest, PutObjectsStoresNothingWhenOneObjectIsRefused) {
+    auto catalog = SqliteCatalog::openInMemory();
+    catalog->makeFolder(Path(L"/f"));
+    std::vector<SqliteCatalog::ObjectSpec> batch{{Path(L"/a/x"), L"s", {}, "x"}, {Path(L"/f"), L"s", {}, "y"}};
+    EXPECT_THROW(catalog->putObjects(batch), CatalogException);
+    EXPECT_FALSE(catalog->exists(Path(L"/a/x")));
+}
+
+}  // namespace
+}  // namespace kiv::catalog
