@@ -199,6 +199,7 @@ enum StmtId {
     kStDeleteItem,
     kStDeleteBody,
     kStDeleteAclOf,
+    kStSetProps,
     kStCount
 };
 
@@ -223,6 +224,7 @@ const char* const kStmtSql[kStCount] = {
     "DELETE FROM items WHERE path = ?1",
     "DELETE FROM bodies WHERE id = ?1",
     "DELETE FROM acl WHERE path = ?1",
+    "UPDATE items SET props = ?2, mtime = ?3 WHERE path = ?1",
 };
 
 const char* const kSchemaSql =
@@ -1091,6 +1093,19 @@ void SqliteCatalog::putObjects(const std::vector<ObjectSpec>& objects) {
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
         for (const ObjectSpec& o : objects) putOne(*m_impl, *c, o.path, o.signature, o.properties, o.body);
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::setProperties(const Path& path, const std::map<String, String>& properties) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        const std::string p = toUtf8(path.view());
+        if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
+        const std::int64_t t = Impl::nextTime(*c, mtimeAt(*c, p));
+        Query(*c, kStSetProps).text(1, p).blob(2, encodeProperties(properties)).integer(3, t).run();
         txn.commit();
     });
 }

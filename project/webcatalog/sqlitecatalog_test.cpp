@@ -62,6 +62,29 @@ TEST_F(SqliteCatalogTest, GetItemInfoOnAnObjectGivesItsTypeSignatureTimeAndPrope
     }
 }
 
+TEST_F(SqliteCatalogTest, SetPropertiesGivesAFolderItsPropertiesAndANewerTime) {
+    catalog->makeFolder(Path(L"/shared/dash"));
+    ItemInfo before;
+    ASSERT_EQ(info(alice, L"/shared/dash", before), kSuccess);
+    EXPECT_EQ(before.getItemProperty(L"compositeSignature", L"none", kInfoResolved), L"none");
+    catalog->setProperties(Path(L"/shared/dash"), {{L"compositeSignature", L"dashboardfolder1"}});
+    ItemInfo after;
+    ASSERT_EQ(info(alice, L"/shared/dash", after), kSuccess);
+    EXPECT_EQ(after.getItemType(kInfoResolved), static_cast<unsigned>(kFolder));
+    EXPECT_EQ(after.getItemProperty(L"compositeSignature", L"", kInfoResolved), L"dashboardfolder1");
+    EXPECT_GT(after.getLastModifiedTime(kInfoResolved), before.getLastModifiedTime(kInfoResolved));
+    // Replaces, does not merge.
+    catalog->setProperties(Path(L"/shared/report"), {{L"x", L"1"}});
+    ItemInfo report;
+    ASSERT_EQ(info(alice, L"/shared/report", report), kSuccess);
+    EXPECT_EQ(report.getItemProperty(L"owner", L"gone", kInfoResolved), L"gone");
+    EXPECT_EQ(report.getItemProperty(L"x", L"", kInfoResolved), L"1");
+}
+
+TEST_F(SqliteCatalogTest, SetPropertiesOnAMissingItemRaises) {
+    EXPECT_THROW(catalog->setProperties(Path(L"/shared/none"), {}), CatalogException);
+}
+
 TEST_F(SqliteCatalogTest, GetItemInfoOnTheRootIsAFolder) {
     ItemInfo i;
     ASSERT_EQ(info(alice, L"/", i), kSuccess);

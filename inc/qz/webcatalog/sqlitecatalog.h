@@ -130,6 +130,9 @@ public:
     };
     // putObject for many objects in one transaction (imports, test set-up).
     void putObjects(const std::vector<ObjectSpec>& objects);
+    // Replaces the properties of an existing item (a folder too; a dashboard
+    // folder carries compositeSignature = dashboardfolder1).
+    void setProperties(const Path& path, const std::map<String, String>& properties);
     // Creates or replaces a link to `target` (which need not exist).
     void makeLink(const Path& path, const Path& target);
     // Sets one entry of the item's access list (kNone is stored and denies).
