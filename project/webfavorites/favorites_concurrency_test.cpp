@@ -49,7 +49,9 @@ TEST(FavoritesConcurrencyTest, IsFavoriteFromManyThreadsWhileOneThreadEditsAndRe
         m->createFavoriteCatalogObject(toggled.toString(), String(L"/root/Sales"), h);
         ASSERT_EQ(m->addItem(h), favorites::kSuccess);
         ASSERT_EQ(m->deleteItem(h, false), favorites::kSuccess);
-        if (round % 5 == 0) ASSERT_EQ(FavoritesManagerTestPeer::load(*m), catalog::kSuccess);
+        if (round % 5 == 0) {
+            ASSERT_EQ(FavoritesManagerTestPeer::load(*m), catalog::kSuccess);
+        }
     }
     stop = true;
     for (auto& t : readers) t.join();
@@ -78,7 +80,9 @@ TEST(FavoritesConcurrencyTest, FolderReadersAndWritersOnOneFolder) {
     for (int i = 0; i < 300; ++i) {
         Handle<FavoritesItem> item(new FavoriteCatalogItem(root->getPath(), Path(String(L"/shared/r") + std::to_wstring(i))));
         ASSERT_EQ(root->addChild(item), favorites::kSuccess);
-        if (i % 3 == 0) ASSERT_EQ(root->removeChild(item), favorites::kSuccess);
+        if (i % 3 == 0) {
+            ASSERT_EQ(root->removeChild(item), favorites::kSuccess);
+        }
     }
     stop = true;
     for (auto& t : readers) t.join();
