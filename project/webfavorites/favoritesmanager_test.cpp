@@ -285,7 +285,8 @@ TEST_F(FavoritesManagerTest, ElementWithARelativeCatalogPathStopsTheBuild) {
 
 TEST_F(FavoritesManagerTest, BuildingOntoANullParentRaisesInvalidHandle) {
     auto m = manager();
-    auto doc = XmlDocument::fromBuffer("<a><b name=\"x\" type=\"category\"/></a>", 38);
+    const std::string xml = "<a><b name=\"x\" type=\"category\"/></a>";
+    auto doc = XmlDocument::fromBuffer(xml.data(), xml.size());
     EXPECT_THROW(Peer::build(*m, doc->getRootElement(), Handle<FavoritesItem>()), InvalidHandleException);
     EXPECT_NO_THROW(Peer::build(*m, nullptr, Handle<FavoritesItem>()));  // a null element returns first
 }

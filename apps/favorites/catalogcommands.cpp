@@ -1,0 +1,398 @@
+// The catalog administration commands. They act as an administrator through
+// the SQLite catalog's administration API (no access checks), except `info`,
+// which also shows what --user may do with the item.
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "democatalog.h"
+#include "jsonwriter.h"
+#include "qz/webcatalog/catalog.h"
+#include "textinput.h"
+#include "toolerrors.h"
+
+namespace kiv::tool {
+
+namespace {
+
+using catalog::SqliteCatalog;
+
+const char* itemTypeName(unsigned type) noexcept {
+    if (type & catalog::kLink) return "link";
+    if (type & catalog::kFolder) return "folder";
+    if (type & catalog::kObject) return "object";
+    return "unknown";
+}
+
+const char* rightsName(catalog::Rights r) noexcept {
+    switch (r) {
+        case catalog::Rights::kWrite: return "write";
+        case catalog::Rights::kRead: return "read";
+        default: return "none";
+    }
+}
+
+// Catalog time (microseconds since the epoch) as "YYYY-MM-DD HH:MM:SS" UTC.
+std::string timeText(catalog::Time t) {
+    const std::time_t secs = static_cast<std::time_t>(t / 1000000);
+    std::tm tm{};
+    gmtime_r(&secs, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+    return buf;
+}
+
+std::string u8(const String& s) { return s.toUtf8(); }
+
+void printDone(const GlobalOptions& options, const std::string& what, const catalog::Path& path) {
+    if (options.json) {
+        JsonWriter w;
+        w.beginObject().member("result", "ok").member("action", what).member("path", path.toString()).endObject();
+        print(w.str() + "\n");
+    } else {
+        print(what + " " + u8(path.toString()) + "\n");
+    }
+}
+
+void writeEntryJson(JsonWriter& w, const SqliteCatalog::Entry& e) {
+    w.beginObject();
+    w.member("path", e.path.toString()).member("type", itemTypeName(e.type));
+    w.member("modified", static_cast<std::int64_t>(e.lastModified));
+    if (e.type & catalog::kLink) w.member("target", e.linkTarget);
+    if (e.type & catalog::kObject) w.member("signature", e.signature);
+    w.endObject();
+}
+
+std::string entryLine(const SqliteCatalog::Entry& e) {
+    std::string line = itemTypeName(e.type);
+    line.resize(8, ' ');
+    line += timeText(e.lastModified) + "  " + u8(e.path.toString());
+    if (e.type & catalog::kLink) line += " -> " + u8(e.linkTarget);
+    if (e.type & catalog::kObject) line += "  (" + u8(e.signature) + ")";
+    return line + "\n";
+}
+
+void collect(SqliteCatalog& c, const catalog::Path& folder, bool recursive, std::vector<SqliteCatalog::Entry>& out) {
+    for (SqliteCatalog::Entry& e : c.list(folder)) {
+        const bool descend = recursive && (e.type & catalog::kFolder) && !(e.type & catalog::kLink);
+        const catalog::Path child = e.path;
+        out.push_back(std::move(e));
+        if (descend) collect(c, child, true, out);
+    }
+}
+
+void addInit(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    CLI::App* cmd = parent.add_subcommand("init", "Create the catalog file (if missing) with the folders /shared and /users");
+    commands.add(cmd, [&options] {
+        auto c = openCatalog(options, OpenMode::kCreate);
+        c->makeFolder(catalog::Path(String(L"/shared")));
+        c->makeFolder(catalog::Path(String(L"/users")));
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", "ok").member("catalog", options.catalogFile).endObject();
+            print(w.str() + "\n");
+        } else {
+            print("initialised catalog " + options.catalogFile + "\n");
+        }
+    });
+}
+
+void addDemo(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    CLI::App* cmd = parent.add_subcommand("demo", "Create the catalog file (if missing) and write a sample into it");
+    cmd->footer("The sample: /shared/Common (everyone may read), /shared/Sales, /shared/Finance and\n"
+                "/shared/HR (readable by the groups sales, finance and hr) with reports and dashboards\n"
+                "(folders of pages); users alice (sales), bob (finance), carol (hr, sales), dave (sales)\n"
+                "and admin (administrators), each with a home folder /users/NAME; favorites for alice\n"
+                "and bob; and an old mobile favorites object for dave, upgraded on his first use.\n"
+                "Running it again restores the sample's items and keeps everything else.");
+    commands.add(cmd, [&options] {
+        auto c = openCatalog(options, OpenMode::kCreate);
+        const DemoSummary s = buildDemoCatalog(*c);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", "ok").member("catalog", options.catalogFile);
+            w.key("users").beginArray();
+            for (const std::string& u : s.users) w.value(u);
+            w.endArray();
+            w.member("folders", s.folders).member("objects", s.objects).member("links", s.links).endObject();
+            print(w.str() + "\n");
+        } else {
+            std::string users;
+            for (const std::string& u : s.users) users += (users.empty() ? "" : ", ") + u;
+            print("wrote the demo catalog to " + options.catalogFile + ": " + std::to_string(s.folders) +
+                  " folders, " + std::to_string(s.objects) + " objects, " + std::to_string(s.links) +
+                  " link; users " + users + "\n");
+        }
+    });
+}
+
+void addMkdir(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto path = std::make_shared<std::string>();
+    CLI::App* cmd = parent.add_subcommand("mkdir", "Make a folder and any missing parent folders");
+    cmd->add_option("PATH", *path, "Catalog path of the folder")->required();
+    commands.add(cmd, [&options, path] {
+        const catalog::Path p = catalogPathArgument(*path, "PATH");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        c->makeFolder(p);
+        printDone(options, "made folder", p);
+    });
+}
+
+struct PutArgs {
+    std::string path;
+    std::string signature;
+    std::vector<std::string> properties;
+    std::string body;
+};
+
+void addPut(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<PutArgs>();
+    CLI::App* cmd = parent.add_subcommand("put", "Create or replace an object (missing parent folders are made)");
+    cmd->add_option("PATH", args->path, "Catalog path of the object")->required();
+    cmd->add_option("--signature", args->signature, "Object signature, such as report1 or dashboardpage1")->required();
+    cmd->add_option("--property", args->properties, "A property NAME=VALUE (repeatable)");
+    cmd->add_option("--body", args->body, "File holding the object's body, or - for standard input (default: empty)");
+    commands.add(cmd, [&options, args] {
+        const catalog::Path p = catalogPathArgument(args->path, "PATH");
+        const String signature = argumentText(args->signature, "--signature");
+        if (signature.empty()) throw UsageError("--signature must not be empty");
+        std::map<String, String> props;
+        for (const std::string& nv : args->properties) {
+            const auto eq = nv.find('=');
+            if (eq == std::string::npos || eq == 0) throw UsageError("--property '" + nv + "' is not NAME=VALUE");
+            props[argumentText(nv.substr(0, eq), "--property")] = argumentText(nv.substr(eq + 1), "--property");
+        }
+        const std::string body = args->body.empty() ? std::string() : readInput(args->body);
+        auto c = openCatalog(options, OpenMode::kExisting);
+        c->putObject(p, signature, props, body);
+        printDone(options, "put object", p);
+    });
+}
+
+void addLink(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App* cmd = parent.add_subcommand("link", "Create or replace a link (the target need not exist)");
+    cmd->add_option("PATH", args->first, "Catalog path of the link")->required();
+    cmd->add_option("TARGET", args->second, "Catalog path the link points to")->required();
+    commands.add(cmd, [&options, args] {
+        const catalog::Path p = catalogPathArgument(args->first, "PATH");
+        const catalog::Path target = catalogPathArgument(args->second, "TARGET");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        c->makeLink(p, target);
+        printDone(options, "made link", p);
+    });
+}
+
+void addRm(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto path = std::make_shared<std::string>();
+    CLI::App* cmd = parent.add_subcommand("rm", "Remove an item; a folder with everything under it");
+    cmd->add_option("PATH", *path, "Catalog path of the item")->required();
+    commands.add(cmd, [&options, path] {
+        const catalog::Path p = catalogPathArgument(*path, "PATH");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        if (!c->exists(p)) throw catalog::CatalogException(catalog::kErrorPathNotFound, p.toString());
+        c->remove(p);
+        printDone(options, "removed", p);
+    });
+}
+
+struct GrantArgs {
+    std::string path;
+    std::string principal;
+    std::string rights;
+    bool group = false;
+};
+
+void addGrant(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<GrantArgs>();
+    CLI::App* cmd = parent.add_subcommand("grant", "Set one entry of an item's access list");
+    cmd->footer("An item's own access list replaces the one it would inherit from its folders; 'none'\n"
+                "is stored and denies. everyone and administrators are always groups.");
+    cmd->add_option("PATH", args->path, "Catalog path of the item")->required();
+    cmd->add_option("PRINCIPAL", args->principal, "User name (or group name with --group)")->required();
+    cmd->add_option("RIGHTS", args->rights, "read, write or none")
+        ->required()
+        ->check(CLI::IsMember({"read", "write", "none"}));
+    cmd->add_flag("--group", args->group, "PRINCIPAL names a group");
+    commands.add(cmd, [&options, args] {
+        const catalog::Path p = catalogPathArgument(args->path, "PATH");
+        const String principal = itemNameArgument(args->principal, "PRINCIPAL");
+        const bool isGroup = args->group || principal == SqliteCatalog::ksEveryoneGroup ||
+                             principal == SqliteCatalog::ksAdministratorsGroup;
+        const catalog::Rights r = args->rights == "write" ? catalog::Rights::kWrite
+                                  : args->rights == "read" ? catalog::Rights::kRead
+                                                           : catalog::Rights::kNone;
+        auto c = openCatalog(options, OpenMode::kExisting);
+        if (!c->exists(p)) throw catalog::CatalogException(catalog::kErrorPathNotFound, p.toString());
+        c->setAccess(p, principal, isGroup, r);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", "ok").member("path", p.toString());
+            w.member(isGroup ? "group" : "user", principal).member("rights", args->rights).endObject();
+            print(w.str() + "\n");
+        } else {
+            print("granted " + args->rights + " on " + u8(p.toString()) + " to " + (isGroup ? "group " : "user ") +
+                  args->principal + "\n");
+        }
+    });
+}
+
+struct AddUserArgs {
+    std::string name;
+    std::vector<std::string> groups;
+};
+
+void addAddUser(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<AddUserArgs>();
+    CLI::App* cmd = parent.add_subcommand("add-user", "Register a user and make the user's home folder");
+    cmd->footer("Registers the user (or replaces the user's groups) and makes /users/NAME, writable by\n"
+                "the user only; the user's favorites object is created there on first use.");
+    cmd->add_option("NAME", args->name, "User name")->required();
+    cmd->add_option("--group", args->groups, "A group the user belongs to (repeatable)");
+    commands.add(cmd, [&options, args] {
+        const String name = itemNameArgument(args->name, "NAME");
+        std::vector<String> groups;
+        for (const std::string& g : args->groups) groups.push_back(itemNameArgument(g, "--group"));
+        auto c = openCatalog(options, OpenMode::kExisting);
+        c->addUser(name, groups);
+        const catalog::Path home = catalog::Path(String(L"/users")) + catalog::ItemName(name, catalog::ItemName::kNone);
+        c->makeFolder(home);
+        c->clearAccess(home);
+        c->setAccess(home, name, false, catalog::Rights::kWrite);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", "ok").member("user", name).member("home", home.toString());
+            w.key("groups").beginArray();
+            for (const String& g : groups) w.value(g);
+            w.endArray().endObject();
+            print(w.str() + "\n");
+        } else {
+            std::string text = "added user " + args->name + " (home " + u8(home.toString()) + ")";
+            if (!groups.empty()) {
+                text += ", groups:";
+                for (const std::string& g : args->groups) text += " " + g;
+            }
+            print(text + "\n");
+        }
+    });
+}
+
+void addLs(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<std::pair<std::string, bool>>("/", false);
+    CLI::App* cmd = parent.add_subcommand("ls", "List the items of a folder: type, modified time (UTC), path");
+    cmd->add_option("PATH", args->first, "Catalog path of the folder (default: /)");
+    cmd->add_flag("-R,--recursive", args->second, "List every folder below too");
+    commands.add(cmd, [&options, args] {
+        const catalog::Path p = catalogPathArgument(args->first, "PATH");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        if (!c->exists(p)) throw catalog::CatalogException(catalog::kErrorPathNotFound, p.toString());
+        std::vector<SqliteCatalog::Entry> entries;
+        collect(*c, p, args->second, entries);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("path", p.toString()).key("entries").beginArray();
+            for (const auto& e : entries) writeEntryJson(w, e);
+            w.endArray().endObject();
+            print(w.str() + "\n");
+        } else {
+            std::string out;
+            for (const auto& e : entries) out += entryLine(e);
+            print(out);
+        }
+    });
+}
+
+void addInfo(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto path = std::make_shared<std::string>();
+    CLI::App* cmd = parent.add_subcommand("info", "Show an item's type, time, signature and properties");
+    cmd->footer("For a link, also its target; with --user, the rights that user has on the item.");
+    cmd->add_option("PATH", *path, "Catalog path of the item")->required();
+    commands.add(cmd, [&options, path] {
+        const catalog::Path p = catalogPathArgument(*path, "PATH");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        const AccountToken admin = administratorToken();
+        catalog::ItemInfo info;
+        const catalog::ReturnCode rc = c->getItemInfo(admin, p, info, true, true);
+        catalog::errorCodeToException(rc, p.toString(), String(), String(), KIV_FILE_LOCATION(__FILE__, __LINE__));
+        const catalog::ItemInfo::Entry& e = info.entry(catalog::kInfoOriginal);
+        String target;
+        catalog::ReturnCode targetRc = catalog::kSuccess;
+        if (e.type & catalog::kLink) {
+            catalog::ItemInfo resolved;
+            targetRc = c->getItemInfo(admin, p, resolved, false, false);
+            for (const SqliteCatalog::Entry& le : c->list(p.getParentPath()))
+                if (le.path == p) target = le.linkTarget;
+        }
+        std::string rights;
+        if (!options.user.empty()) {
+            const String user = itemNameArgument(options.user, "--user");
+            rights = rightsName(c->effectiveRights(c->tokenFor(user), p));
+        }
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("path", p.toString()).member("type", itemTypeName(e.type));
+            w.member("modified", static_cast<std::int64_t>(e.lastModified));
+            if (e.type & catalog::kObject) w.member("signature", e.signature);
+            if (e.type & catalog::kLink) {
+                w.member("target", target).member("targetStatus", catalog::returnCodeName(targetRc));
+            }
+            w.key("properties").beginObject();
+            for (const auto& [k, v] : e.properties) w.member(u8(k), v);
+            w.endObject();
+            if (!rights.empty()) w.member("user", options.user).member("rights", rights);
+            w.endObject();
+            print(w.str() + "\n");
+        } else {
+            std::string out = "path:       " + u8(p.toString()) + "\n";
+            out += "type:       " + std::string(itemTypeName(e.type)) + "\n";
+            out += "modified:   " + timeText(e.lastModified) + " UTC\n";
+            if (e.type & catalog::kObject) out += "signature:  " + u8(e.signature) + "\n";
+            if (e.type & catalog::kLink)
+                out += "target:     " + u8(target) + " (" + catalog::returnCodeName(targetRc) + ")\n";
+            for (const auto& [k, v] : e.properties) out += "property:   " + u8(k) + "=" + u8(v) + "\n";
+            if (!rights.empty()) out += "rights:     " + options.user + " may " + rights + "\n";
+            print(out);
+        }
+    });
+}
+
+void addCat(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto path = std::make_shared<std::string>();
+    CLI::App* cmd = parent.add_subcommand("cat", "Print the stored body of an object");
+    cmd->add_option("PATH", *path, "Catalog path of the object")->required();
+    commands.add(cmd, [&options, path] {
+        const catalog::Path p = catalogPathArgument(*path, "PATH");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        const std::string body = c->readRaw(p);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("path", p.toString()).member("body", inputText(body, "the body")).endObject();
+            print(w.str() + "\n");
+        } else {
+            print(body);
+        }
+    });
+}
+
+}  // namespace
+
+void addCatalogCommands(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    CLI::App* catalogCmd = app.add_subcommand(
+        "catalog", "Administer the catalog file, acting as an administrator (no access checks)");
+    catalogCmd->require_subcommand(1);
+    addInit(*catalogCmd, options, commands);
+    addDemo(*catalogCmd, options, commands);
+    addMkdir(*catalogCmd, options, commands);
+    addPut(*catalogCmd, options, commands);
+    addLink(*catalogCmd, options, commands);
+    addRm(*catalogCmd, options, commands);
+    addGrant(*catalogCmd, options, commands);
+    addAddUser(*catalogCmd, options, commands);
+    addLs(*catalogCmd, options, commands);
+    addInfo(*catalogCmd, options, commands);
+    addCat(*catalogCmd, options, commands);
+}
+
+}  // namespace kiv::tool

@@ -1,0 +1,735 @@
+// Tests of the favorites tool: each one runs the built binary as a user
+// would, in a temporary directory of its own, and checks its exit status,
+// its output (JSON output is parsed) and what it left in the catalog file.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <simdjson.h>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using simdjson::dom::array;
+using simdjson::dom::element;
+using simdjson::dom::object;
+
+constexpr const char* kTool = KIV_FAVORITES_TOOL;
+const fs::path kTestData = KIV_CLI_TESTDATA;
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::ostream& operator<<(std::ostream& os, const Result& r) {
+    return os << "status " << r.status << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
+}
+
+std::string readFile(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void writeFile(const fs::path& p, const std::string& content) {
+    std::ofstream out(p, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+class FavoritesTool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/favorites-cli-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        m_dir = tmpl;
+        m_catalog = (m_dir / "catalog.db").string();
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(m_dir, ec);
+    }
+
+    // Runs the tool in the test's directory with `args`, standard input from
+    // `input`, and the environment of the test minus KIV_CATALOG and KIV_USER
+    // plus `env` ("NAME=value" entries).
+    Result runRaw(const std::vector<std::string>& args, const std::string& input = std::string(),
+                  const std::vector<std::string>& env = {}) {
+        const fs::path inFile = m_dir / ".stdin", outFile = m_dir / ".stdout", errFile = m_dir / ".stderr";
+        writeFile(inFile, input);
+
+        std::vector<std::string> envStrings;
+        for (char** e = environ; *e; ++e) {
+            const std::string entry(*e);
+            if (entry.rfind("KIV_CATALOG=", 0) == 0 || entry.rfind("KIV_USER=", 0) == 0) continue;
+            envStrings.push_back(entry);
+        }
+        envStrings.insert(envStrings.end(), env.begin(), env.end());
+        std::vector<char*> envp;
+        for (std::string& s : envStrings) envp.push_back(s.data());
+        envp.push_back(nullptr);
+
+        std::vector<std::string> argStrings{kTool};
+        argStrings.insert(argStrings.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& s : argStrings) argv.push_back(s.data());
+        argv.push_back(nullptr);
+
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, inFile.c_str(), O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addchdir_np(&actions, m_dir.c_str());
+        pid_t pid = 0;
+        const int rc = posix_spawn(&pid, kTool, &actions, nullptr, argv.data(), envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        Result r;
+        if (rc != 0) {
+            r.err = std::string("spawn failed: ") + std::strerror(rc);
+            return r;
+        }
+        int wstatus = 0;
+        while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
+        }
+        r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+        r.out = readFile(outFile);
+        r.err = readFile(errFile);
+        return r;
+    }
+
+    // Runs the tool on the test's catalog file.
+    Result run(std::vector<std::string> args, const std::string& input = std::string()) {
+        args.insert(args.begin(), {"--catalog", m_catalog});
+        return runRaw(args, input);
+    }
+    Result as(const std::string& user, std::vector<std::string> args, const std::string& input = std::string()) {
+        args.insert(args.begin(), {"--user", user});
+        return run(args, input);
+    }
+
+    void makeDemo() {
+        const Result r = run({"catalog", "demo"});
+        ASSERT_EQ(r.status, 0) << r;
+    }
+
+    // Parses JSON output; the document lives until the next parse.
+    element json(const Result& r) {
+        m_json = simdjson::padded_string(r.out);
+        return m_parser.parse(m_json);
+    }
+
+    // The user's tree in a short notation: a category as Name[ ... ], a
+    // catalog object as its catalog path, separated by blanks.
+    std::string tree(const std::string& user, std::vector<std::string> extra = {}) {
+        extra.insert(extra.begin(), {"--json", "tree"});
+        const Result r = as(user, extra);
+        EXPECT_EQ(r.status, 0) << r;
+        if (r.status != 0) return "<failed>";
+        return notation(json(r)["items"].get_array());
+    }
+
+    static std::string notation(array items) {
+        std::string out;
+        for (element item : items) {
+            if (!out.empty()) out += " ";
+            const std::string_view type = item["type"].get_string();
+            if (type == "category") {
+                out += std::string(item["name"].get_string().value()) + "[";
+                const std::string inner = notation(item["children"].get_array());
+                out += inner.empty() ? "]" : " " + inner + " ]";
+            } else {
+                out += std::string(item["catalogPath"].get_string().value());
+            }
+        }
+        return out;
+    }
+
+    std::string stored(const std::string& path) {
+        const Result r = run({"catalog", "cat", path});
+        EXPECT_EQ(r.status, 0) << r;
+        return r.out;
+    }
+
+    fs::path m_dir;
+    std::string m_catalog;
+    simdjson::dom::parser m_parser;
+    simdjson::padded_string m_json;
+};
+
+const std::string kAliceDemoTree =
+    "Sales[ /shared/Sales/Reports/Revenue by Region /shared/Sales/Dashboards/Sales Overview/Summary ] "
+    "/shared/Common/Company KPIs";
+
+// --- help and usage ---------------------------------------------------------
+
+TEST_F(FavoritesTool, HelpIsShownOnEveryLevelAndExitsZero) {
+    const std::vector<std::vector<std::string>> levels = {
+        {},           {"tree"},      {"ls"},     {"is"},           {"add"},          {"mkcat"},
+        {"rm"},       {"rmcat"},     {"export"}, {"replace-json"}, {"replace-soap"}, {"catalog"},
+        {"catalog", "init"}, {"catalog", "demo"}, {"catalog", "mkdir"}, {"catalog", "put"},
+        {"catalog", "link"}, {"catalog", "rm"},   {"catalog", "grant"}, {"catalog", "add-user"},
+        {"catalog", "ls"},   {"catalog", "info"}, {"catalog", "cat"},
+    };
+    for (std::vector<std::string> args : levels) {
+        std::string expected = "Usage: favorites";
+        for (const std::string& a : args) expected += " " + a;
+        args.push_back("--help");
+        const Result r = runRaw(args);
+        EXPECT_EQ(r.status, 0) << r;
+        EXPECT_NE(r.out.find(expected), std::string::npos) << r;
+    }
+}
+
+TEST_F(FavoritesTool, TopLevelHelpListsTheExitStatuses) {
+    const Result r = runRaw({"--help"});
+    ASSERT_EQ(r.status, 0) << r;
+    for (const char* line : {"2   usage error", "3   catalog error", "4   input error", "10  kErrorItemAlreadyExists",
+                             "15  kErrorItemNotFound", "17  kErrorInvalidFavoritesPath",
+                             "19  kErrorInvalidFavoritesJson"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line;
+}
+
+TEST_F(FavoritesTool, UsageErrorsExitTwo) {
+    makeDemo();
+    const std::vector<std::vector<std::string>> bad = {
+        {},
+        {"frobnicate"},
+        {"tree", "--no-such-option"},
+        {"--user", "alice", "add"},
+        {"--user", "alice", "add", "relative/path"},
+        {"--user", "alice", "is", "/shared//x"},
+        {"--user", "alice", "mkcat", "   "},
+        {"--user", "alice", "rm", "/shared/Common/Company KPIs", "--everywhere", "--category", "Sales"},
+        {"--user", "alice", "rmcat", "/root"},
+        {"--user", "alice", "export", "--format", "yaml"},
+        {"--user", "", "tree"},
+        {"tree"},
+        {"catalog"},
+        {"catalog", "grant", "/shared", "alice", "admin"},
+        {"catalog", "put", "/shared/x"},
+        {"catalog", "put", "/shared/x", "--signature", "report1", "--property", "novalue"},
+    };
+    for (const auto& args : bad) {
+        const Result r = run(args);
+        EXPECT_EQ(r.status, 2) << ::testing::PrintToString(args) << "\n" << r;
+        EXPECT_FALSE(r.err.empty());
+    }
+}
+
+TEST_F(FavoritesTool, ArgumentsThatAreNotUtf8AreRefusedClearly) {
+    makeDemo();
+    Result r = as("alice", {"add", "/shared/\xff\xfe"});
+    EXPECT_EQ(r.status, 2) << r;
+    EXPECT_NE(r.err.find("not valid UTF-8"), std::string::npos) << r;
+    r = as("al\xc3", {"tree"});
+    EXPECT_EQ(r.status, 2) << r;
+    EXPECT_NE(r.err.find("--user is not valid UTF-8"), std::string::npos) << r;
+}
+
+// --- catalog file -------------------------------------------------------------
+
+TEST_F(FavoritesTool, InitCreatesTheDefaultCatalogFileInTheCurrentDirectory) {
+    const Result r = runRaw({"catalog", "init"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_TRUE(fs::exists(m_dir / "catalog.db"));
+    const Result ls = runRaw({"--json", "catalog", "ls"});
+    ASSERT_EQ(ls.status, 0) << ls;
+    std::vector<std::string> paths;
+    for (element e : json(ls)["entries"].get_array()) {
+        paths.emplace_back(e["path"].get_string().value());
+        EXPECT_EQ(std::string_view(e["type"].get_string()), "folder");
+    }
+    EXPECT_EQ(paths, (std::vector<std::string>{"/shared", "/users"}));
+}
+
+TEST_F(FavoritesTool, TheCatalogFileComesFromTheEnvironmentWhenNotGiven) {
+    const std::string file = (m_dir / "fromenv.db").string();
+    ASSERT_EQ(runRaw({"catalog", "demo"}, "", {"KIV_CATALOG=" + file}).status, 0);
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_FALSE(fs::exists(m_dir / "catalog.db"));
+    const Result r = runRaw({"tree"}, "", {"KIV_CATALOG=" + file, "KIV_USER=alice"});
+    EXPECT_EQ(r.status, 0) << r;
+    EXPECT_NE(r.out.find("Company KPIs -> /shared/Common/Company KPIs"), std::string::npos) << r;
+}
+
+TEST_F(FavoritesTool, AMissingCatalogFileIsReportedAndNotCreated) {
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--user", "alice", "tree"}, {"--user", "alice", "add", "/shared/x"}, {"catalog", "ls"},
+             {"catalog", "mkdir", "/shared/x"}}) {
+        const Result r = run(args);
+        EXPECT_EQ(r.status, 3) << r;
+        EXPECT_NE(r.err.find("kErrorCatalogNotFound"), std::string::npos) << r;
+        EXPECT_NE(r.err.find(m_catalog), std::string::npos) << r;
+        EXPECT_FALSE(fs::exists(m_catalog));
+    }
+}
+
+TEST_F(FavoritesTool, ACorruptCatalogFileIsReportedAndLeftUntouched) {
+    std::string garbage = "SQLite format 3";
+    for (int i = 0; i < 4096; ++i) garbage += static_cast<char>((i * 7919) % 251);
+    writeFile(m_catalog, garbage);
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--user", "alice", "tree"}, {"--user", "alice", "mkcat", "X"}, {"catalog", "ls"}, {"catalog", "demo"},
+             {"catalog", "init"}}) {
+        const Result r = run(args);
+        EXPECT_EQ(r.status, 3) << r;
+        EXPECT_NE(r.err.find("kErrorLoadingCatalog"), std::string::npos) << r;
+        EXPECT_EQ(readFile(m_catalog), garbage);
+    }
+}
+
+// --- demo and the mobile upgrade ------------------------------------------------
+
+TEST_F(FavoritesTool, DemoWritesUsersContentAndFavorites) {
+    const Result r = run({"--json", "catalog", "demo"});
+    ASSERT_EQ(r.status, 0) << r;
+    std::vector<std::string> users;
+    for (element u : json(r)["users"].get_array()) users.emplace_back(u.get_string().value());
+    EXPECT_EQ(users, (std::vector<std::string>{"alice", "bob", "carol", "dave", "admin"}));
+    EXPECT_EQ(tree("alice"), kAliceDemoTree);
+    EXPECT_EQ(tree("bob"), "Month end[ /shared/Finance/Reports/Profit and Loss /shared/Finance/Reports/Cash Flow ]");
+    EXPECT_EQ(tree("carol"), "");
+}
+
+TEST_F(FavoritesTool, OldMobileFavoritesAreUpgradedOnFirstUseAndTheOldObjectDeleted) {
+    makeDemo();
+    Result ls = run({"--json", "catalog", "ls", "/users/dave"});
+    ASSERT_EQ(ls.status, 0) << ls;
+    ASSERT_EQ(json(ls)["entries"].get_array().size(), 1u);
+    EXPECT_EQ(std::string_view(json(ls)["entries"].at(0)["path"].get_string()), "/users/dave/mobile-favoritelist");
+
+    // The Cash Flow report is not readable by dave and is dropped.
+    const std::string expected =
+        "Mobile Favorites[ /shared/Sales/Reports/Pipeline /shared/Sales/Dashboards/Sales Overview/Regions ]";
+    EXPECT_EQ(tree("dave"), expected);
+
+    ls = run({"--json", "catalog", "ls", "/users/dave"});
+    ASSERT_EQ(ls.status, 0) << ls;
+    ASSERT_EQ(json(ls)["entries"].get_array().size(), 1u);
+    EXPECT_EQ(std::string_view(json(ls)["entries"].at(0)["path"].get_string()), "/users/dave/favorites");
+    EXPECT_NE(stored("/users/dave/favorites").find("Mobile Favorites"), std::string::npos);
+    EXPECT_EQ(tree("dave"), expected);  // done once
+}
+
+// --- queries ----------------------------------------------------------------------
+
+TEST_F(FavoritesTool, LsListsTheRootOrOneCategory) {
+    makeDemo();
+    Result r = as("alice", {"--json", "ls"});
+    ASSERT_EQ(r.status, 0) << r;
+    element doc = json(r);
+    EXPECT_EQ(std::string_view(doc["category"].get_string()), "/root");
+    array items = doc["items"].get_array();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(std::string_view(items.at(0)["type"].get_string()), "category");
+    EXPECT_EQ(std::string_view(items.at(0)["favoritesPath"].get_string()), "/root/Sales");
+    EXPECT_EQ(std::string_view(items.at(1)["type"].get_string()), "catalogObject");
+    EXPECT_EQ(std::string_view(items.at(1)["name"].get_string()), "Company KPIs");
+    EXPECT_EQ(std::string_view(items.at(1)["catalogPath"].get_string()), "/shared/Common/Company KPIs");
+
+    for (const char* category : {"Sales", "/root/Sales", "Sales/"}) {
+        r = as("alice", {"--json", "ls", category});
+        ASSERT_EQ(r.status, 0) << r;
+        items = json(r)["items"].get_array();
+        ASSERT_EQ(items.size(), 2u) << category;
+        EXPECT_EQ(std::string_view(items.at(0)["favoritesPath"].get_string()), "/root/Sales/Revenue by Region");
+    }
+
+    r = as("alice", {"ls", "Sales"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_NE(r.out.find("object    /root/Sales/Revenue by Region  -> /shared/Sales/Reports/Revenue by Region"),
+              std::string::npos)
+        << r;
+}
+
+TEST_F(FavoritesTool, LsFilterAdmitsOnlyMatchingObjects) {
+    makeDemo();
+    const Result r = as("alice", {"--json", "ls", "Sales", "--filter", "reports"});
+    ASSERT_EQ(r.status, 0) << r;
+    element doc = json(r);
+    EXPECT_EQ(std::string_view(doc["filter"].get_string()), "reports");
+    array items = doc["items"].get_array();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(std::string_view(items.at(0)["catalogPath"].get_string()), "/shared/Sales/Reports/Revenue by Region");
+}
+
+TEST_F(FavoritesTool, LsOfAMissingCategoryFailsWithItsOwnStatus) {
+    makeDemo();
+    const Result r = as("alice", {"ls", "Nowhere"});
+    EXPECT_EQ(r.status, 16) << r;
+    EXPECT_NE(r.err.find("The item '/root/Nowhere' does not exist."), std::string::npos) << r;
+    EXPECT_TRUE(r.out.empty());
+}
+
+TEST_F(FavoritesTool, IsAnswersOncePerPath) {
+    makeDemo();
+    Result r = as("alice", {"--json", "is", "/shared/Common/Company KPIs", "/shared/HR/Reports/Headcount",
+                            "/shared/Sales/Dashboards/Sales Overview/Summary"});
+    ASSERT_EQ(r.status, 0) << r;
+    array results = json(r)["results"].get_array();
+    ASSERT_EQ(results.size(), 3u);
+    EXPECT_TRUE(results.at(0)["favorite"].get_bool().value());
+    EXPECT_FALSE(results.at(1)["favorite"].get_bool().value());
+    EXPECT_TRUE(results.at(2)["favorite"].get_bool().value());
+    EXPECT_EQ(std::string_view(results.at(1)["path"].get_string()), "/shared/HR/Reports/Headcount");
+
+    r = as("alice", {"is", "/shared/Common/Company KPIs", "/shared/HR/Reports/Headcount"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out, "yes  /shared/Common/Company KPIs\nno   /shared/HR/Reports/Headcount\n");
+}
+
+// --- edits ------------------------------------------------------------------------
+
+TEST_F(FavoritesTool, AddPutsACatalogObjectIntoACategoryAndStoresIt) {
+    makeDemo();
+    const Result r = as("alice", {"--json", "add", "/shared/Sales/Reports/Pipeline", "--category", "Sales"});
+    ASSERT_EQ(r.status, 0) << r;
+    element doc = json(r);
+    EXPECT_EQ(std::string_view(doc["result"].get_string()), "kSuccess");
+    EXPECT_EQ(std::string_view(doc["item"]["favoritesPath"].get_string()), "/root/Sales/Pipeline");
+    EXPECT_NE(stored("/users/alice/favorites").find("catalogpath=\"/shared/Sales/Reports/Pipeline\""),
+              std::string::npos);
+    EXPECT_EQ(tree("alice"),
+              "Sales[ /shared/Sales/Reports/Revenue by Region /shared/Sales/Dashboards/Sales Overview/Summary "
+              "/shared/Sales/Reports/Pipeline ] /shared/Common/Company KPIs");
+    const Result is = as("alice", {"is", "/shared/Sales/Reports/Pipeline"});
+    EXPECT_EQ(is.out, "yes  /shared/Sales/Reports/Pipeline\n");
+}
+
+TEST_F(FavoritesTool, AddingTheSameFavoriteTwiceFailsWithItsStatusAndMessage) {
+    makeDemo();
+    const Result r = as("alice", {"add", "/shared/Common/Company KPIs"});
+    EXPECT_EQ(r.status, 10) << r;
+    EXPECT_NE(r.err.find("The favorite '/shared/Common/Company KPIs' already exists."), std::string::npos) << r;
+    EXPECT_EQ(tree("alice"), kAliceDemoTree);
+}
+
+TEST_F(FavoritesTool, AddingToAMissingCategoryFails) {
+    makeDemo();
+    const Result r = as("alice", {"add", "/shared/Common/Holiday Calendar", "--category", "Nowhere"});
+    EXPECT_EQ(r.status, 17) << r;
+    EXPECT_NE(r.err.find("The favorites path '/root/Nowhere' is not valid."), std::string::npos) << r;
+    EXPECT_EQ(tree("alice"), kAliceDemoTree);
+}
+
+TEST_F(FavoritesTool, AFavoriteOfAnObjectTheUserMayNotReadIsRefused) {
+    makeDemo();
+    const std::string before = stored("/users/alice/favorites");
+    const Result r = as("alice", {"add", "/shared/HR/Reports/Headcount"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("kErrorAccessDenied"), std::string::npos) << r;
+    EXPECT_NE(r.err.find("/shared/HR/Reports/Headcount"), std::string::npos) << r;
+    EXPECT_EQ(stored("/users/alice/favorites"), before);
+    // carol is in hr and may.
+    EXPECT_EQ(as("carol", {"add", "/shared/HR/Reports/Headcount"}).status, 0);
+    EXPECT_EQ(tree("carol"), "/shared/HR/Reports/Headcount");
+}
+
+TEST_F(FavoritesTool, AFavoriteOfAMissingObjectIsRefused) {
+    makeDemo();
+    const Result r = as("alice", {"add", "/shared/Common/Gone"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("kErrorPathNotFound at '/shared/Common/Gone'"), std::string::npos) << r;
+}
+
+TEST_F(FavoritesTool, MkcatMakesNestedCategories) {
+    makeDemo();
+    Result r = as("alice", {"--json", "mkcat", "Q1 Review", "--category", "Sales"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["item"]["favoritesPath"].get_string()), "/root/Sales/Q1 Review");
+    EXPECT_EQ(std::string_view(json(r)["item"]["type"].get_string()), "category");
+    ASSERT_EQ(as("alice", {"add", "/shared/Sales/Reports/Pipeline", "--category", "Sales/Q1 Review"}).status, 0);
+    EXPECT_EQ(tree("alice"),
+              "Sales[ /shared/Sales/Reports/Revenue by Region /shared/Sales/Dashboards/Sales Overview/Summary "
+              "Q1 Review[ /shared/Sales/Reports/Pipeline ] ] /shared/Common/Company KPIs");
+
+    r = as("alice", {"mkcat", "Q1 Review", "--category", "/root/Sales"});
+    EXPECT_EQ(r.status, 10) << r;
+    EXPECT_NE(r.err.find("The favorite '/root/Sales/Q1 Review' already exists."), std::string::npos) << r;
+    r = as("alice", {"mkcat", "Deep", "--category", "Nowhere"});
+    EXPECT_EQ(r.status, 17) << r;
+}
+
+TEST_F(FavoritesTool, RmRemovesFromOneCategory) {
+    makeDemo();
+    Result r = as("alice", {"--json", "rm", "/shared/Sales/Reports/Revenue by Region", "--category", "Sales"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["category"].get_string()), "/root/Sales");
+    EXPECT_EQ(tree("alice"),
+              "Sales[ /shared/Sales/Dashboards/Sales Overview/Summary ] /shared/Common/Company KPIs");
+    EXPECT_EQ(as("alice", {"is", "/shared/Sales/Reports/Revenue by Region"}).out,
+              "no   /shared/Sales/Reports/Revenue by Region\n");
+
+    // Not in the root: not found there.
+    r = as("alice", {"rm", "/shared/Sales/Dashboards/Sales Overview/Summary"});
+    EXPECT_EQ(r.status, 15) << r;
+    EXPECT_NE(r.err.find("does not exist"), std::string::npos) << r;
+    r = as("alice", {"rm", "/shared/Common/Company KPIs", "--category", "Nowhere"});
+    EXPECT_EQ(r.status, 17) << r;
+}
+
+TEST_F(FavoritesTool, RmEverywhereRemovesFromEveryCategory) {
+    makeDemo();
+    ASSERT_EQ(as("alice", {"add", "/shared/Common/Company KPIs", "--category", "Sales"}).status, 0);
+    ASSERT_EQ(as("alice", {"mkcat", "Deeper", "--category", "Sales"}).status, 0);
+    ASSERT_EQ(as("alice", {"add", "/shared/Common/Company KPIs", "--category", "Sales/Deeper"}).status, 0);
+    const Result r = as("alice", {"rm", "/shared/Common/Company KPIs", "--everywhere"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(tree("alice"),
+              "Sales[ /shared/Sales/Reports/Revenue by Region /shared/Sales/Dashboards/Sales Overview/Summary "
+              "Deeper[] ]");
+    EXPECT_EQ(as("alice", {"is", "/shared/Common/Company KPIs"}).out, "no   /shared/Common/Company KPIs\n");
+    EXPECT_EQ(as("alice", {"rm", "/shared/Common/Company KPIs", "--everywhere"}).status, 15);
+}
+
+TEST_F(FavoritesTool, RmcatRemovesACategoryWithItsContent) {
+    makeDemo();
+    Result r = as("alice", {"--json", "rmcat", "Sales"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["category"].get_string()), "/root/Sales");
+    EXPECT_EQ(tree("alice"), "/shared/Common/Company KPIs");
+    EXPECT_EQ(as("alice", {"is", "/shared/Sales/Reports/Revenue by Region"}).out,
+              "no   /shared/Sales/Reports/Revenue by Region\n");
+    r = as("alice", {"rmcat", "Sales"});
+    EXPECT_EQ(r.status, 15) << r;
+    EXPECT_NE(r.err.find("The item '/root/Sales' does not exist."), std::string::npos) << r;
+}
+
+// --- replacement and export -----------------------------------------------------------
+
+TEST_F(FavoritesTool, ReplaceJsonReplacesTheWholeTreeFromAFileOrStandardInput) {
+    makeDemo();
+    Result r = as("alice", {"--json", "replace-json", (kTestData / "replace.json").string()});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(json(r)["categories"].get_int64().value(), 2);
+    EXPECT_EQ(json(r)["catalogObjects"].get_int64().value(), 3);
+    EXPECT_EQ(tree("alice"),
+              "Weekly[ /shared/Sales/Reports/Pipeline Dashboards[ /shared/Sales/Dashboards/Sales Overview/Trends ] ] "
+              "/shared/Common/Holiday Calendar");
+
+    r = as("alice", {"replace-json", "-"}, R"([{"type":"0","path":"/shared/Common/Company KPIs"}])");
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(tree("alice"), "/shared/Common/Company KPIs");
+    EXPECT_EQ(as("alice", {"is", "/shared/Sales/Reports/Pipeline"}).out, "no   /shared/Sales/Reports/Pipeline\n");
+
+    r = as("alice", {"replace-json", "-"}, "[]");
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(tree("alice"), "");
+}
+
+TEST_F(FavoritesTool, ReplaceJsonRefusesBadInputAndKeepsTheFavorites) {
+    makeDemo();
+    const std::string before = stored("/users/alice/favorites");
+    struct Case {
+        std::string input;
+        int status;
+        const char* message;
+    };
+    const std::vector<Case> cases = {
+        {"not json at all", 4, "not a JSON array"},
+        {R"({"type":"0","path":"/shared/Common/Company KPIs"})", 4, "not a JSON array"},
+        {"[{\"type\":\"1\",\"name\":\"Bad\xff\"}]", 4, "not valid UTF-8"},
+        {R"([{"type":"0","path":"/shared/Common/Company KPIs"},{"type":"0","path":"/shared/Common/Company KPIs"}])",
+         10, "already exists"},
+        {R"([{"path":"/shared/Common/Company KPIs"}])", 19, "not valid"},
+    };
+    for (const Case& c : cases) {
+        const Result r = as("alice", {"replace-json", "-"}, c.input);
+        EXPECT_EQ(r.status, c.status) << c.input << "\n" << r;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r;
+        EXPECT_EQ(stored("/users/alice/favorites"), before);
+    }
+    const Result missing = as("alice", {"replace-json", (m_dir / "nope.json").string()});
+    EXPECT_EQ(missing.status, 4) << missing;
+    EXPECT_NE(missing.err.find("cannot read"), std::string::npos) << missing;
+}
+
+TEST_F(FavoritesTool, ReplaceSoapReplacesTheWholeTree) {
+    makeDemo();
+    Result r = as("alice", {"--json", "replace-soap", (kTestData / "replace-soap.xml").string()});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(json(r)["categories"].get_int64().value(), 1);
+    EXPECT_EQ(tree("alice"), "Team[ /shared/Sales/Reports/Top Customers ] /shared/Common/Company KPIs");
+
+    r = as("alice", {"replace-soap", "-"}, readFile(kTestData / "replace-soap.xml"));
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(tree("alice"), "Team[ /shared/Sales/Reports/Top Customers ] /shared/Common/Company KPIs");
+}
+
+TEST_F(FavoritesTool, ReplaceSoapRefusesWhatIsNotAnEnvelope) {
+    makeDemo();
+    const std::string before = stored("/users/alice/favorites");
+    for (const std::string& input : {std::string("<favorites/>"), std::string("[1,2]"), std::string("<a><b></a>")}) {
+        const Result r = as("alice", {"replace-soap", "-"}, input);
+        EXPECT_EQ(r.status, 4) << r;
+        EXPECT_NE(r.err.find("SOAP"), std::string::npos) << r;
+    }
+    EXPECT_EQ(stored("/users/alice/favorites"), before);
+}
+
+TEST_F(FavoritesTool, ExportWritesXmlOrTheJsonThatReplaceJsonReads) {
+    makeDemo();
+    Result r = as("alice", {"export"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_NE(r.out.find("<fav:favoritelist xmlns:fav=\"urn:kiv-web:favorites/v1\">"), std::string::npos) << r;
+    EXPECT_NE(r.out.find("<favorite name=\"Sales\" type=\"category\">"), std::string::npos) << r;
+    EXPECT_NE(r.out.find("<favorite name=\"Company KPIs\" catalogpath=\"/shared/Common/Company KPIs\" "
+                         "type=\"catalogitem\"/>"),
+              std::string::npos)
+        << r;
+
+    r = as("alice", {"export", "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r;
+    array items = json(r).get_array();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(std::string_view(items.at(0)["type"].get_string()), "1");
+    EXPECT_EQ(std::string_view(items.at(0)["name"].get_string()), "Sales");
+    EXPECT_EQ(items.at(0)["children"].get_array().size(), 2u);
+    EXPECT_EQ(std::string_view(items.at(1)["type"].get_string()), "0");
+    EXPECT_EQ(std::string_view(items.at(1)["path"].get_string()), "/shared/Common/Company KPIs");
+    EXPECT_EQ(as("alice", {"--json", "export"}).out, r.out);
+
+    // Alice's export read back as carol's favorites (carol may read Sales and Common).
+    ASSERT_EQ(as("carol", {"replace-json", "-"}, r.out).status, 0);
+    EXPECT_EQ(tree("carol"), kAliceDemoTree);
+    EXPECT_EQ(as("carol", {"export", "--format", "json"}).out, r.out);
+}
+
+// --- access rights on favorites objects ----------------------------------------------------
+
+TEST_F(FavoritesTool, AnotherUsersFavoritesCanNeitherBeReadNorChanged) {
+    makeDemo();
+    const std::string before = stored("/users/bob/favorites");
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--favorites", "/users/bob/favorites", "tree"},
+             {"--favorites", "/users/bob/favorites", "export"},
+             {"--favorites", "/users/bob/favorites", "is", "/shared/Common/Company KPIs"},
+             {"--favorites", "/users/bob/favorites", "add", "/shared/Common/Company KPIs"},
+             {"--favorites", "/users/bob/favorites", "replace-json", "-"},
+             {"--favorites", "/users/bob/newfavorites", "tree"}}) {
+        const Result r = as("alice", args, "[]");
+        EXPECT_EQ(r.status, 3) << r;
+        EXPECT_NE(r.err.find("kErrorAccessDenied"), std::string::npos) << r;
+        EXPECT_NE(r.err.find("'/users/bob"), std::string::npos) << r;
+        EXPECT_TRUE(r.out.empty()) << r;
+    }
+    EXPECT_EQ(stored("/users/bob/favorites"), before);
+    EXPECT_EQ(run({"catalog", "ls", "/users/bob"}).out.find("newfavorites"), std::string::npos);
+}
+
+TEST_F(FavoritesTool, ReadableButNotWritableFavoritesCanBeReadButNotChanged) {
+    makeDemo();
+    ASSERT_EQ(run({"catalog", "grant", "/users/bob", "alice", "read"}).status, 0);
+    const std::string before = stored("/users/bob/favorites");
+    // Read with alice's rights: the finance reports are not hers to see.
+    EXPECT_EQ(tree("alice", {"--favorites", "/users/bob/favorites"}), "Month end[]");
+    const Result r = as("alice", {"--favorites", "/users/bob/favorites", "mkcat", "Mine"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("kErrorAccessDenied"), std::string::npos) << r;
+    EXPECT_EQ(stored("/users/bob/favorites"), before);
+}
+
+TEST_F(FavoritesTool, AUserWithoutAHomeFolderGetsACatalogError) {
+    makeDemo();
+    const Result r = as("zed", {"tree"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("kErrorPathNotFound at '/users/zed'"), std::string::npos) << r;
+}
+
+// --- catalog administration -----------------------------------------------------------
+
+TEST_F(FavoritesTool, AddUserMakesAHomeWhereTheFavoritesAreCreatedOnFirstUse) {
+    ASSERT_EQ(run({"catalog", "init"}).status, 0);
+    Result r = run({"--json", "catalog", "add-user", "erin", "--group", "sales", "--group", "hr"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["home"].get_string()), "/users/erin");
+    EXPECT_EQ(json(r)["groups"].get_array().size(), 2u);
+    r = as("erin", {"tree"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out, "(no favorites)\n");
+    r = run({"--json", "catalog", "info", "/users/erin/favorites"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["signature"].get_string()), "mobilefavorites1");
+}
+
+TEST_F(FavoritesTool, CatalogCommandsBuildAndShowItems) {
+    ASSERT_EQ(run({"catalog", "init"}).status, 0);
+    ASSERT_EQ(run({"catalog", "mkdir", "/shared/Ops"}).status, 0);
+    Result r = run({"catalog", "put", "/shared/Ops/Uptime", "--signature", "report1", "--property", "owner=ops team",
+                    "--body", "-"},
+                   "<report>uptime</report>");
+    ASSERT_EQ(r.status, 0) << r;
+    ASSERT_EQ(run({"catalog", "link", "/shared/Ops/Latest", "/shared/Ops/Uptime"}).status, 0);
+
+    r = run({"catalog", "cat", "/shared/Ops/Uptime"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out, "<report>uptime</report>");
+
+    r = run({"--json", "catalog", "info", "/shared/Ops/Uptime"});
+    ASSERT_EQ(r.status, 0) << r;
+    element info = json(r);
+    EXPECT_EQ(std::string_view(info["type"].get_string()), "object");
+    EXPECT_EQ(std::string_view(info["signature"].get_string()), "report1");
+    EXPECT_EQ(std::string_view(info["properties"]["owner"].get_string()), "ops team");
+    EXPECT_GT(info["modified"].get_int64().value(), 0);
+
+    r = run({"--json", "catalog", "info", "/shared/Ops/Latest"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["type"].get_string()), "link");
+    EXPECT_EQ(std::string_view(json(r)["target"].get_string()), "/shared/Ops/Uptime");
+
+    r = run({"--json", "catalog", "ls", "/shared", "--recursive"});
+    ASSERT_EQ(r.status, 0) << r;
+    std::vector<std::string> listed;
+    for (element e : json(r)["entries"].get_array()) listed.emplace_back(e["path"].get_string().value());
+    EXPECT_EQ(listed, (std::vector<std::string>{"/shared/Ops", "/shared/Ops/Latest", "/shared/Ops/Uptime"}));
+
+    ASSERT_EQ(run({"catalog", "rm", "/shared/Ops/Latest"}).status, 0);
+    r = run({"catalog", "info", "/shared/Ops/Latest"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("kErrorPathNotFound"), std::string::npos) << r;
+    EXPECT_EQ(run({"catalog", "rm", "/shared/Ops/Latest"}).status, 3);
+    EXPECT_EQ(run({"catalog", "cat", "/shared/Nope"}).status, 3);
+}
+
+TEST_F(FavoritesTool, GrantChangesWhatAUserMayReadAndAdd) {
+    makeDemo();
+    Result r = run({"--json", "--user", "alice", "catalog", "info", "/shared/HR/Reports/Headcount"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["rights"].get_string()), "none");
+
+    ASSERT_EQ(run({"catalog", "grant", "/shared/HR/Reports/Headcount", "alice", "read"}).status, 0);
+    r = run({"--json", "--user", "alice", "catalog", "info", "/shared/HR/Reports/Headcount"});
+    EXPECT_EQ(std::string_view(json(r)["rights"].get_string()), "read");
+    EXPECT_EQ(as("alice", {"add", "/shared/HR/Reports/Headcount"}).status, 0);
+
+    // Denied again: the favorite drops out of the tree on the next load.
+    ASSERT_EQ(run({"catalog", "grant", "/shared/HR/Reports/Headcount", "alice", "none"}).status, 0);
+    EXPECT_EQ(tree("alice"), kAliceDemoTree);
+}
+
+TEST_F(FavoritesTool, DemoCanBeRunAgainAndRestoresTheMobileObject) {
+    makeDemo();
+    ASSERT_EQ(as("dave", {"tree"}).status, 0);
+    makeDemo();
+    const Result ls = run({"catalog", "ls", "/users/dave"});
+    EXPECT_NE(ls.out.find("/users/dave/mobile-favoritelist"), std::string::npos) << ls;
+    EXPECT_EQ(tree("alice"), kAliceDemoTree);
+}
+
+}  // namespace

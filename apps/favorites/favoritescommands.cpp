@@ -1,0 +1,340 @@
+// The favorites commands. Each one opens the user's favorites as a host does
+// (FavoritesSession: a FavoritesManager over the user's favorites object) and
+// calls the manager's public operations only.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "jsonwriter.h"
+#include "output.h"
+#include "qz/platform/gd.h"
+#include "qz/platform/soap.h"
+#include "textinput.h"
+#include "toolerrors.h"
+
+namespace kiv::tool {
+
+namespace {
+
+std::string u8(const String& s) { return s.toUtf8(); }
+
+// Raises FavoritesFailure for a code other than kSuccess; `arg` is the
+// message's insert.
+void check(favorites::ReturnCode rc, const String& arg) {
+    if (rc != favorites::kSuccess) throw FavoritesFailure(rc, u8(arg));
+}
+
+FavoritesItems topLevelItems(FavoritesSession& s) {
+    FavoritesItems items;
+    check(s.manager().getFavorites(items, String(), String()), FavoritesManager::getRootFolderPath().toString());
+    return items;
+}
+
+struct Counts {
+    int categories = 0;
+    int catalogObjects = 0;
+};
+
+void count(const FavoritesItems& items, Counts& c) {
+    for (const Handle<FavoritesItem>& item : items) {
+        if (isCategory(*item)) {
+            ++c.categories;
+            count(childrenOf(item), c);
+        } else {
+            ++c.catalogObjects;
+        }
+    }
+}
+
+// The result line of an edit: text, or {"result":"kSuccess",<extra>}.
+void printEdit(const GlobalOptions& options, const std::string& text, const std::function<void(JsonWriter&)>& extra) {
+    if (options.json) {
+        JsonWriter w;
+        w.beginObject().member("result", favorites::returnCodeName(favorites::kSuccess));
+        extra(w);
+        w.endObject();
+        print(w.str() + "\n");
+    } else {
+        print(text + "\n");
+    }
+}
+
+std::string counted(int n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+void printReplaced(const GlobalOptions& options, FavoritesSession& s) {
+    Counts c;
+    count(topLevelItems(s), c);
+    printEdit(options,
+              "replaced the favorites of " + u8(s.user().getUserName()) + ": " +
+                  counted(c.categories, "category", "categories") + ", " +
+                  counted(c.catalogObjects, "catalog object", "catalog objects"),
+              [&](JsonWriter& w) { w.member("categories", c.categories).member("catalogObjects", c.catalogObjects); });
+}
+
+void addTree(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    CLI::App* cmd = app.add_subcommand("tree", "Show the user's whole favorites tree");
+    commands.add(cmd, [&options] {
+        FavoritesSession s(options);
+        const FavoritesItems items = topLevelItems(s);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("user", s.user().getUserName()).member("favorites", s.favoritesPath().toString());
+            w.key("items").beginArray();
+            for (const Handle<FavoritesItem>& item : items) writeItemJson(w, item, true);
+            w.endArray().endObject();
+            print(w.str() + "\n");
+        } else {
+            print(items.empty() ? std::string("(no favorites)\n") : treeText(items));
+        }
+    });
+}
+
+struct LsArgs {
+    std::string category;
+    std::string filter;
+};
+
+void addLs(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<LsArgs>();
+    CLI::App* cmd = app.add_subcommand("ls", "List the items of one category");
+    cmd->footer("Filters: reports (signature report1), dashboards (dashboard folders and pages), readable.\n"
+                "Without --filter every object the user may read is listed; categories are always listed.");
+    cmd->add_option("CATEGORY", args->category,
+                    "The category: a name or path relative to the root (Sales, Sales/Q1) or a favorites path "
+                    "(/root/Sales); default: the root");
+    cmd->add_option("--filter", args->filter, "Name of a catalog object filter");
+    commands.add(cmd, [&options, args] {
+        const String filter = argumentText(args->filter, "--filter");
+        String category;
+        if (!args->category.empty()) category = categoryArgument(args->category, "CATEGORY").toString();
+        FavoritesSession s(options);
+        FavoritesItems items;
+        check(s.manager().getFavorites(items, category, filter), category);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("category", category.empty() ? FavoritesManager::getRootFolderPath().toString()
+                                                                : category);
+            w.member("filter", filter).key("items").beginArray();
+            for (const Handle<FavoritesItem>& item : items) writeItemJson(w, item, false);
+            w.endArray().endObject();
+            print(w.str() + "\n");
+        } else {
+            print(listText(items));
+        }
+    });
+}
+
+void addIs(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto paths = std::make_shared<std::vector<std::string>>();
+    CLI::App* cmd = app.add_subcommand("is", "Tell for each catalog path whether it is a favorite");
+    cmd->footer("One line per path, \"yes\" or \"no\"; the exit status is 0 either way.");
+    cmd->add_option("PATH", *paths, "Catalog paths")->required();
+    commands.add(cmd, [&options, paths] {
+        std::vector<catalog::Path> checked;
+        for (const std::string& p : *paths) checked.push_back(catalogPathArgument(p, "PATH"));
+        FavoritesSession s(options);
+        JsonWriter w;
+        std::string text;
+        w.beginObject().key("results").beginArray();
+        for (const catalog::Path& p : checked) {
+            const bool fav = s.manager().isFavorite(p);
+            w.beginObject().member("path", p.toString()).member("favorite", fav).endObject();
+            text += (fav ? "yes  " : "no   ") + u8(p.toString()) + "\n";
+        }
+        w.endArray().endObject();
+        print(options.json ? w.str() + "\n" : text);
+    });
+}
+
+struct AddArgs {
+    std::string catalogPath;
+    std::string category;
+};
+
+void addAdd(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<AddArgs>();
+    CLI::App* cmd = app.add_subcommand("add", "Add a catalog object to a category");
+    cmd->footer("The user must be able to read the object; the category must exist (see mkcat).");
+    cmd->add_option("CATALOGPATH", args->catalogPath, "Catalog path of the object")->required();
+    cmd->add_option("--category", args->category, "The category (default: the root)");
+    commands.add(cmd, [&options, args] {
+        const catalog::Path path = catalogPathArgument(args->catalogPath, "CATALOGPATH");
+        const catalog::Path category = categoryArgument(args->category, "--category");
+        FavoritesSession s(options);
+        Handle<FavoritesItem> item;
+        check(s.manager().createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
+        const favorites::ReturnCode rc = s.manager().addItem(item);
+        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? category.toString() : path.toString());
+        printEdit(options, "added " + u8(path.toString()) + " to " + u8(category.toString()),
+                  [&](JsonWriter& w) { writeItemJson(w.key("item"), item, false); });
+    });
+}
+
+struct MkcatArgs {
+    std::string name;
+    std::string category;
+};
+
+void addMkcat(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<MkcatArgs>();
+    CLI::App* cmd = app.add_subcommand("mkcat", "Make a category inside another one");
+    cmd->add_option("NAME", args->name, "Name of the new category")->required();
+    cmd->add_option("--category", args->category, "The category that holds it (default: the root)");
+    commands.add(cmd, [&options, args] {
+        const String name = itemNameArgument(args->name, "NAME");
+        const catalog::Path parent = categoryArgument(args->category, "--category");
+        FavoritesSession s(options);
+        Handle<FavoritesItem> item;
+        check(s.manager().createFavoriteCategory(parent.toString(), name, item), name);
+        const favorites::ReturnCode rc = s.manager().addItem(item);
+        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : item->getPath().toString());
+        printEdit(options, "made category " + u8(item->getPath().toString()),
+                  [&](JsonWriter& w) { writeItemJson(w.key("item"), item, false); });
+    });
+}
+
+struct RmArgs {
+    std::string catalogPath;
+    std::string category;
+    bool everywhere = false;
+};
+
+void addRm(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto args = std::make_shared<RmArgs>();
+    CLI::App* cmd = app.add_subcommand("rm", "Remove a catalog object from a category, or from every category");
+    cmd->add_option("CATALOGPATH", args->catalogPath, "Catalog path of the object")->required();
+    CLI::Option* cat = cmd->add_option("--category", args->category, "The category (default: the root)");
+    cmd->add_flag("--everywhere", args->everywhere, "Remove it from every category of the tree")->excludes(cat);
+    commands.add(cmd, [&options, args] {
+        const catalog::Path path = catalogPathArgument(args->catalogPath, "CATALOGPATH");
+        const catalog::Path category = categoryArgument(args->category, "--category");
+        FavoritesSession s(options);
+        // The category must be there: deleting below a missing one is not a
+        // request the manager can answer.
+        if (!args->everywhere && s.manager().findCategory(category).isNull())
+            throw FavoritesFailure(favorites::kErrorInvalidFavoritesPath, u8(category.toString()));
+        Handle<FavoritesItem> item;
+        check(s.manager().createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
+        check(s.manager().deleteItem(item, args->everywhere), path.toString());
+        printEdit(options,
+                  "removed " + u8(path.toString()) + " from " +
+                      (args->everywhere ? std::string("every category") : u8(category.toString())),
+                  [&](JsonWriter& w) {
+                      w.member("catalogPath", path.toString());
+                      if (args->everywhere) w.member("everywhere", true);
+                      else w.member("category", category.toString());
+                  });
+    });
+}
+
+void addRmcat(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto arg = std::make_shared<std::string>();
+    CLI::App* cmd = app.add_subcommand("rmcat", "Remove a category with everything in it");
+    cmd->add_option("CATEGORY", *arg, "The category (Sales, Sales/Q1 or /root/Sales)")->required();
+    commands.add(cmd, [&options, arg] {
+        const catalog::Path category = categoryArgument(*arg, "CATEGORY");
+        if (category == FavoritesManager::getRootFolderPath())
+            throw UsageError("the root category cannot be removed (use replace-json with [] to empty the favorites)");
+        const catalog::Path parent = category.getParentPath();
+        FavoritesSession s(options);
+        Handle<FavoritesItem> item;
+        check(s.manager().createFavoriteCategory(parent.toString(), category.getItemName().toString(), item),
+              category.toString());
+        const favorites::ReturnCode rc = s.manager().deleteItem(item, false);
+        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : category.toString());
+        printEdit(options, "removed category " + u8(category.toString()),
+                  [&](JsonWriter& w) { w.member("category", category.toString()); });
+    });
+}
+
+// The insert of a message about an item of a replacement input.
+String inputItemLabel(const std::string& file) {
+    return argumentText("an item of " + (file == "-" ? std::string("standard input") : file), "FILE");
+}
+
+// True when `text` is a JSON array: replace-json refuses anything else rather
+// than let the whole tree be replaced by nothing.
+bool isJsonArray(const String& text) {
+    GDExpressionEvaluator evaluator;
+    GDVariant value;
+    if (!evaluator.evaluateExpression(text, text.size(), value, GDExpressionEvaluator::kJsonLiteral)) return false;
+    GDValue* v = value.getValue();
+    if (v) v = v->resolveReferences();
+    return v && dynamic_cast<IGDRandomAccessContainer*>(v) != nullptr;
+}
+
+void addReplaceJson(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto file = std::make_shared<std::string>();
+    CLI::App* cmd = app.add_subcommand("replace-json", "Replace the whole favorites tree from a JSON file");
+    cmd->footer("The file holds a JSON array of items, each a category\n"
+                "  {\"type\":\"1\",\"name\":NAME,\"children\":[ITEMS...]}\n"
+                "or a catalog object\n"
+                "  {\"type\":\"0\",\"path\":CATALOGPATH}\n"
+                "Text that is not a JSON array is refused and the favorites are left as they are.\n"
+                "'export --format json' writes this format.");
+    cmd->add_option("FILE", *file, "The JSON file, or - for standard input")->required();
+    commands.add(cmd, [&options, file] {
+        const String text = inputText(readInput(*file), *file == "-" ? "standard input" : *file);
+        if (!isJsonArray(text)) throw InputError((*file == "-" ? std::string("standard input") : *file) +
+                                                 ": not a JSON array of favorites items");
+        FavoritesSession s(options);
+        check(s.manager().updateAll(text), inputItemLabel(*file));
+        printReplaced(options, s);
+    });
+}
+
+void addReplaceSoap(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto file = std::make_shared<std::string>();
+    CLI::App* cmd = app.add_subcommand("replace-soap", "Replace the whole favorites tree from a SOAP request");
+    cmd->footer("The file holds a SOAP 1.1 request envelope whose operation element (updateFavorites)\n"
+                "holds favoriteItem structures: name, path, type (0: catalog object, else category),\n"
+                "then catalogPath for a catalog object or nested favoriteItem elements for a category.");
+    cmd->add_option("FILE", *file, "The envelope file, or - for standard input")->required();
+    commands.add(cmd, [&options, file] {
+        const std::string name = *file == "-" ? std::string("standard input") : *file;
+        const std::string bytes = readInput(*file);
+        std::unique_ptr<SoapRequest> request;
+        try {
+            request = SoapRequest::parse(bytes);
+        } catch (const SoapException& e) {
+            throw InputError(name + ": not a usable SOAP request envelope (" + e.getMessageText().toUtf8() + ")");
+        }
+        FavoritesSession s(options);
+        check(s.manager().updateAll(request->getFavoriteItems()), inputItemLabel(*file));
+        printReplaced(options, s);
+    });
+}
+
+void addExport(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto format = std::make_shared<std::string>();
+    CLI::App* cmd = app.add_subcommand("export", "Print the whole favorites tree as XML or JSON");
+    cmd->footer("XML: the favorites document format. JSON: the format replace-json reads.");
+    cmd->add_option("--format", *format, "xml or json (default: xml, or json with --json)")
+        ->check(CLI::IsMember({"xml", "json"}));
+    commands.add(cmd, [&options, format] {
+        FavoritesSession s(options);
+        const FavoritesItems items = topLevelItems(s);
+        const bool json = format->empty() ? options.json : *format == "json";
+        print(json ? exportJson(items) : exportXml(items));
+    });
+}
+
+}  // namespace
+
+void addFavoritesCommands(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    addTree(app, options, commands);
+    addLs(app, options, commands);
+    addIs(app, options, commands);
+    addAdd(app, options, commands);
+    addMkcat(app, options, commands);
+    addRm(app, options, commands);
+    addRmcat(app, options, commands);
+    addReplaceJson(app, options, commands);
+    addReplaceSoap(app, options, commands);
+    addExport(app, options, commands);
+}
+
+}  // namespace kiv::tool

@@ -1,0 +1,104 @@
+#include "jsonwriter.h"
+
+#include <cstdio>
+
+namespace kiv::tool {
+
+std::string JsonWriter::quote(std::string_view utf8) {
+    std::string out;
+    out.reserve(utf8.size() + 2);
+    out += '"';
+    for (const char ch : utf8) {
+        const auto c = static_cast<unsigned char>(ch);
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\b': out += "\\b"; break;
+            case '\f': out += "\\f"; break;
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (c < 0x20 || c == 0x7f) {
+                    char buf[8];
+                    std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                    out += buf;
+                } else {
+                    out += ch;
+                }
+        }
+    }
+    out += '"';
+    return out;
+}
+
+void JsonWriter::beforeValue() {
+    if (m_afterKey) {
+        m_afterKey = false;
+        return;
+    }
+    if (!m_hasItems.empty()) {
+        if (m_hasItems.back()) m_out += ',';
+        m_hasItems.back() = true;
+    }
+}
+
+JsonWriter& JsonWriter::beginObject() {
+    beforeValue();
+    m_out += '{';
+    m_hasItems.push_back(false);
+    return *this;
+}
+
+JsonWriter& JsonWriter::endObject() {
+    m_out += '}';
+    m_hasItems.pop_back();
+    return *this;
+}
+
+JsonWriter& JsonWriter::beginArray() {
+    beforeValue();
+    m_out += '[';
+    m_hasItems.push_back(false);
+    return *this;
+}
+
+JsonWriter& JsonWriter::endArray() {
+    m_out += ']';
+    m_hasItems.pop_back();
+    return *this;
+}
+
+JsonWriter& JsonWriter::key(std::string_view name) {
+    beforeValue();
+    m_out += quote(name);
+    m_out += ':';
+    m_afterKey = true;
+    return *this;
+}
+
+JsonWriter& JsonWriter::value(std::string_view utf8) {
+    beforeValue();
+    m_out += quote(utf8);
+    return *this;
+}
+
+JsonWriter& JsonWriter::value(bool b) {
+    beforeValue();
+    m_out += b ? "true" : "false";
+    return *this;
+}
+
+JsonWriter& JsonWriter::value(std::int64_t n) {
+    beforeValue();
+    m_out += std::to_string(n);
+    return *this;
+}
+
+JsonWriter& JsonWriter::null() {
+    beforeValue();
+    m_out += "null";
+    return *this;
+}
+
+}  // namespace kiv::tool

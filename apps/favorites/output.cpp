@@ -1,0 +1,145 @@
+#include "output.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "qz/webcatalog/catalog.h"
+#include "qz/webfavorites/favoritefolder.h"
+
+namespace kiv::tool {
+
+namespace {
+
+std::string utf8(const String& s) { return s.toUtf8(); }
+
+void treeLines(const FavoritesItems& items, int depth, std::string& out) {
+    for (const Handle<FavoritesItem>& item : items) {
+        out.append(static_cast<std::size_t>(depth) * 2, ' ');
+        out += utf8(item->getName().toString());
+        if (isCategory(*item)) {
+            out += "/\n";
+            treeLines(childrenOf(item), depth + 1, out);
+        } else {
+            out += " -> " + utf8(item->getCatalogPath().toString()) + "\n";
+        }
+    }
+}
+
+void exportItemJson(JsonWriter& w, const Handle<FavoritesItem>& item) {
+    w.beginObject();
+    if (isCategory(*item)) {
+        w.member("type", "1").member("name", item->getName().toString());
+        w.key("children").beginArray();
+        for (const Handle<FavoritesItem>& child : childrenOf(item)) exportItemJson(w, child);
+        w.endArray();
+    } else {
+        w.member("type", "0").member("path", item->getCatalogPath().toString());
+    }
+    w.endObject();
+}
+
+std::string xmlAttribute(const String& value) {
+    std::string out;
+    for (const char ch : value.toUtf8()) {
+        switch (ch) {
+            case '&': out += "&amp;"; break;
+            case '<': out += "&lt;"; break;
+            case '>': out += "&gt;"; break;
+            case '"': out += "&quot;"; break;
+            case '\t': out += "&#9;"; break;
+            case '\n': out += "&#10;"; break;
+            case '\r': out += "&#13;"; break;
+            default: out += ch;
+        }
+    }
+    return out;
+}
+
+void exportItemXml(const Handle<FavoritesItem>& item, int depth, std::string& out) {
+    const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
+    out += indent + "<favorite name=\"" + xmlAttribute(item->getName().toString()) + "\"";
+    if (isCategory(*item)) {
+        const FavoritesItems children = childrenOf(item);
+        if (children.empty()) {
+            out += " type=\"category\"/>\n";
+            return;
+        }
+        out += " type=\"category\">\n";
+        for (const Handle<FavoritesItem>& child : children) exportItemXml(child, depth + 1, out);
+        out += indent + "</favorite>\n";
+    } else {
+        out += " catalogpath=\"" + xmlAttribute(item->getCatalogPath().toString()) + "\" type=\"catalogitem\"/>\n";
+    }
+}
+
+}  // namespace
+
+FavoritesItems childrenOf(const Handle<FavoritesItem>& item) {
+    FavoritesItems out;
+    item->getChildren(out, NonOwningPtr<catalog::CatalogObjectFilter>());
+    return out;
+}
+
+bool isCategory(const FavoritesItem& item) noexcept { return item.getType() == favorites::kCategory; }
+
+const char* typeName(const FavoritesItem& item) noexcept {
+    return isCategory(item) ? "category" : "catalogObject";
+}
+
+void writeItemJson(JsonWriter& w, const Handle<FavoritesItem>& item, bool recursive) {
+    w.beginObject();
+    w.member("type", typeName(*item));
+    w.member("name", item->getName().toString());
+    w.member("favoritesPath", item->getPath().toString());
+    if (isCategory(*item)) {
+        if (recursive) {
+            w.key("children").beginArray();
+            for (const Handle<FavoritesItem>& child : childrenOf(item)) writeItemJson(w, child, true);
+            w.endArray();
+        }
+    } else {
+        w.member("catalogPath", item->getCatalogPath().toString());
+    }
+    w.endObject();
+}
+
+std::string treeText(const FavoritesItems& items) {
+    std::string out;
+    treeLines(items, 0, out);
+    return out;
+}
+
+std::string listText(const FavoritesItems& items) {
+    std::size_t width = 0;
+    for (const Handle<FavoritesItem>& item : items) width = std::max(width, utf8(item->getPath().toString()).size());
+    std::string out;
+    for (const Handle<FavoritesItem>& item : items) {
+        std::string line = isCategory(*item) ? "category  " : "object    ";
+        std::string path = utf8(item->getPath().toString());
+        line += path;
+        if (!isCategory(*item)) {
+            line.append(width - path.size() + 2, ' ');
+            line += "-> " + utf8(item->getCatalogPath().toString());
+        }
+        out += line + "\n";
+    }
+    return out;
+}
+
+std::string exportJson(const FavoritesItems& items) {
+    JsonWriter w;
+    w.beginArray();
+    for (const Handle<FavoritesItem>& item : items) exportItemJson(w, item);
+    w.endArray();
+    return w.str() + "\n";
+}
+
+std::string exportXml(const FavoritesItems& items) {
+    std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+    if (items.empty()) return out + "<fav:favoritelist xmlns:fav=\"urn:kiv-web:favorites/v1\"/>\n";
+    out += "<fav:favoritelist xmlns:fav=\"urn:kiv-web:favorites/v1\">\n";
+    for (const Handle<FavoritesItem>& item : items) exportItemXml(item, 1, out);
+    return out + "</fav:favoritelist>\n";
+}
+
+}  // namespace kiv::tool

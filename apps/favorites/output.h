@@ -1,0 +1,42 @@
+// Rendering favorites items for the tool's output: plain text for people,
+// JSON for programs (--json), and the two export formats.
+//
+// JSON item (tree, ls, add, mkcat):
+//   {"type":"category","name":N,"favoritesPath":P,"children":[...]}
+//   {"type":"catalogObject","name":N,"favoritesPath":P,"catalogPath":C}
+//   ("children" only where the command shows a subtree).
+// Export JSON is the replacement format read by replace-json:
+//   [{"type":"1","name":N,"children":[...]}, {"type":"0","path":C}, ...]
+// Export XML is the stored favorites document format.
+#pragma once
+
+#include <string>
+
+#include "jsonwriter.h"
+#include "qz/webfavorites/favoritesitem.h"
+
+namespace kiv::tool {
+
+// The direct children of a category, unfiltered.
+FavoritesItems childrenOf(const Handle<FavoritesItem>& item);
+
+bool isCategory(const FavoritesItem& item) noexcept;
+// "category" or "catalogObject".
+const char* typeName(const FavoritesItem& item) noexcept;
+
+// One item as JSON; with `recursive`, categories carry their subtree.
+void writeItemJson(JsonWriter& w, const Handle<FavoritesItem>& item, bool recursive);
+
+// The items and their subtrees, one line per item, indented two blanks per
+// level: categories as "Name/", catalog objects as "Name -> /catalog/path".
+std::string treeText(const FavoritesItems& items);
+// One line per item: type, favorites path and, for catalog objects, the
+// catalog path.
+std::string listText(const FavoritesItems& items);
+
+// The items in the replacement format of replace-json.
+std::string exportJson(const FavoritesItems& items);
+// The items as a favorites XML document.
+std::string exportXml(const FavoritesItems& items);
+
+}  // namespace kiv::tool

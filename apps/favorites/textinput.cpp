@@ -1,0 +1,97 @@
+#include "textinput.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "qz/platform/exception.h"
+#include "qz/webcatalog/itemname.h"
+#include "qz/webfavorites/favoritesmanager.h"
+#include "toolerrors.h"
+
+namespace kiv::tool {
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* f) const noexcept { std::fclose(f); }
+};
+
+std::string readAll(std::FILE* f, const std::string& name) {
+    std::string data;
+    char buf[65536];
+    for (;;) {
+        const std::size_t n = std::fread(buf, 1, sizeof buf, f);
+        if (n > 0) {
+            if (data.size() + n > kMaxInputBytes)
+                throw InputError(name + ": larger than " + std::to_string(kMaxInputBytes / (1024 * 1024)) + " MiB");
+            data.append(buf, n);
+        }
+        if (n < sizeof buf) {
+            if (std::ferror(f)) throw InputError(name + ": " + std::strerror(errno));
+            break;
+        }
+    }
+    return data;
+}
+
+std::string quoted(const std::string& s) { return "'" + s + "'"; }
+
+}  // namespace
+
+std::string readInput(const std::string& fileOrDash) {
+    if (fileOrDash == "-") return readAll(stdin, "standard input");
+    std::unique_ptr<std::FILE, FileCloser> f(std::fopen(fileOrDash.c_str(), "rb"));
+    if (!f) throw InputError("cannot read " + quoted(fileOrDash) + ": " + std::strerror(errno));
+    return readAll(f.get(), fileOrDash);
+}
+
+String argumentText(const std::string& utf8, std::string_view what) {
+    try {
+        return String::fromUtf8(utf8);
+    } catch (const Utf8Error& e) {
+        throw UsageError(std::string(what) + " is not valid UTF-8 (" + e.what() + ")");
+    }
+}
+
+String inputText(const std::string& utf8, std::string_view what) {
+    try {
+        return String::fromUtf8(utf8);
+    } catch (const Utf8Error& e) {
+        throw InputError(std::string(what) + " is not valid UTF-8 (" + e.what() + ")");
+    }
+}
+
+catalog::Path catalogPathArgument(const std::string& utf8, std::string_view what) {
+    const String text = argumentText(utf8, what);
+    const catalog::EItemNameValidity v = catalog::Path::checkPath(text);
+    if (v != catalog::kItemNameValid)
+        throw UsageError(std::string(what) + " " + quoted(utf8) + " is not a valid catalog path (" +
+                         catalog::validityName(v) + ")");
+    return catalog::Path(text);
+}
+
+String itemNameArgument(const std::string& utf8, std::string_view what) {
+    const String text = argumentText(utf8, what);
+    const catalog::EItemNameValidity v = catalog::ItemName::checkItemName(text, catalog::ItemName::kOnErrorReturn);
+    if (v != catalog::kItemNameValid)
+        throw UsageError(std::string(what) + " " + quoted(utf8) + " is not a valid name (" +
+                         catalog::validityName(v) + ")");
+    return text;
+}
+
+catalog::Path categoryArgument(const std::string& utf8, std::string_view what) {
+    const String root = FavoritesManager::getRootFolderPath().toString();
+    String text = argumentText(utf8, what);
+    if (text.empty()) return FavoritesManager::getRootFolderPath();
+    if (text.front() != L'/') text = root + L"/" + text;
+    while (text.size() > 1 && text.back() == L'/' && text[text.size() - 2] != L'\\') text.pop_back();
+    const catalog::EItemNameValidity v = catalog::Path::checkPath(text);
+    if (v != catalog::kItemNameValid)
+        throw UsageError(std::string(what) + " " + quoted(utf8) + " is not a valid category path (" +
+                         catalog::validityName(v) + ")");
+    return catalog::Path(text);
+}
+
+}  // namespace kiv::tool

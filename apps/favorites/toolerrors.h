@@ -1,0 +1,59 @@
+// Failures of the favorites tool and the exit status each one ends with.
+//
+// Commands report failures by throwing one of the exceptions below; main()
+// turns each into a message on standard error and its exit status. Failures
+// of the catalog arrive as catalog::CatalogException and map to
+// kExitCatalogError; a favorites return code other than kSuccess maps to
+// kExitFavoritesBase + code, so that every code has a status of its own.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "qz/webfavorites/favoritestypes.h"
+
+namespace kiv::tool {
+
+enum ExitStatus : int {
+    kExitOk = 0,
+    kExitInternalError = 1,    // an unexpected failure
+    kExitUsage = 2,            // bad command line: unknown option, bad path or name, missing --user
+    kExitCatalogError = 3,     // the catalog refused or failed (missing or corrupt file, access denied, ...)
+    kExitInputError = 4,       // an input file that cannot be read, is not UTF-8, or is not a SOAP envelope
+    kExitFavoritesBase = 10,   // + favorites return code (kErrorItemAlreadyExists = 0 gives 10)
+};
+
+// The exit status of a favorites return code other than kSuccess.
+constexpr int exitStatusFor(favorites::ReturnCode code) noexcept { return kExitFavoritesBase + static_cast<int>(code); }
+
+// The list of exit statuses shown at the end of the tool's --help.
+std::string exitStatusHelp();
+
+// A bad command line that the option parser cannot see (a malformed path, a
+// missing user, text that is not UTF-8).
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// An input file that cannot be used.
+class InputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A favorites operation answered a code other than kSuccess; `arg` is the
+// insert of its message (a path or a name).
+class FavoritesFailure : public std::exception {
+public:
+    FavoritesFailure(favorites::ReturnCode code, std::string arg) : m_code(code), m_arg(std::move(arg)) {}
+    favorites::ReturnCode code() const noexcept { return m_code; }
+    const std::string& arg() const noexcept { return m_arg; }
+    const char* what() const noexcept override { return favorites::returnCodeName(m_code); }
+
+private:
+    favorites::ReturnCode m_code;
+    std::string m_arg;
+};
+
+}  // namespace kiv::tool
