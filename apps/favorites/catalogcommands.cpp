@@ -128,14 +128,35 @@ void addDemo(CLI::App& parent, const GlobalOptions& options, CommandSet& command
     });
 }
 
+// Properties given as repeated --property NAME=VALUE.
+std::map<String, String> propertyArguments(const std::vector<std::string>& properties) {
+    std::map<String, String> props;
+    for (const std::string& nv : properties) {
+        const auto eq = nv.find('=');
+        if (eq == std::string::npos || eq == 0) throw UsageError("--property '" + nv + "' is not NAME=VALUE");
+        props[argumentText(nv.substr(0, eq), "--property")] = argumentText(nv.substr(eq + 1), "--property");
+    }
+    return props;
+}
+
+struct MkdirArgs {
+    std::string path;
+    std::vector<std::string> properties;
+};
+
 void addMkdir(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
-    auto path = std::make_shared<std::string>();
+    auto args = std::make_shared<MkdirArgs>();
     CLI::App* cmd = parent.add_subcommand("mkdir", "Make a folder and any missing parent folders");
-    cmd->add_option("PATH", *path, "Catalog path of the folder")->required();
-    commands.add(cmd, [&options, path] {
-        const catalog::Path p = catalogPathArgument(*path, "PATH");
+    cmd->add_option("PATH", args->path, "Catalog path of the folder")->required();
+    cmd->add_option("--property", args->properties,
+                    "A property NAME=VALUE of the folder (repeatable); a dashboard folder has "
+                    "compositeSignature=dashboardfolder1");
+    commands.add(cmd, [&options, args] {
+        const catalog::Path p = catalogPathArgument(args->path, "PATH");
+        const std::map<String, String> props = propertyArguments(args->properties);
         auto c = openCatalog(options, OpenMode::kExisting);
         c->makeFolder(p);
+        if (!props.empty()) c->setProperties(p, props);
         printDone(options, "made folder", p);
     });
 }
@@ -158,12 +179,7 @@ void addPut(CLI::App& parent, const GlobalOptions& options, CommandSet& commands
         const catalog::Path p = catalogPathArgument(args->path, "PATH");
         const String signature = argumentText(args->signature, "--signature");
         if (signature.empty()) throw UsageError("--signature must not be empty");
-        std::map<String, String> props;
-        for (const std::string& nv : args->properties) {
-            const auto eq = nv.find('=');
-            if (eq == std::string::npos || eq == 0) throw UsageError("--property '" + nv + "' is not NAME=VALUE");
-            props[argumentText(nv.substr(0, eq), "--property")] = argumentText(nv.substr(eq + 1), "--property");
-        }
+        const std::map<String, String> props = propertyArguments(args->properties);
         const std::string body = args->body.empty() ? std::string() : readInput(args->body);
         auto c = openCatalog(options, OpenMode::kExisting);
         c->putObject(p, signature, props, body);

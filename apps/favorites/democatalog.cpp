@@ -26,6 +26,7 @@ public:
     }
     void dashboard(std::string_view path, std::initializer_list<std::string_view> pages) {
         folder(path);
+        m_c.setProperties(P(path), {{S("compositeSignature"), S("dashboardfolder1")}});
         for (std::string_view page : pages) {
             m_c.putObject(P(std::string(path) + "/" + std::string(page)), S("dashboardpage1"), {}, "<page/>");
             ++m_summary.objects;
@@ -81,14 +82,16 @@ const char* const kBobFavorites = R"(<?xml version="1.0" encoding="UTF-8"?>
 </fav:favoritelist>
 )";
 
-// The old mobile client's list: a page of a dashboard, a report, and a report
-// dave may not read (dropped by the upgrade).
+// The old mobile client's list: a page of a dashboard, a report, a report
+// dave may not read (dropped silently by the upgrade) and a dashboard named
+// without a page (dropped with a logged message).
 const char* const kDaveMobileFavorites = R"(<?xml version="1.0" encoding="UTF-8"?>
 <mobilefavorites>
   <favoritelist>
     <favorite path="/shared/Sales/Reports/Pipeline"/>
     <favorite path="/shared/Sales/Dashboards/Sales Overview" page="Regions"/>
     <favorite path="/shared/Finance/Reports/Cash Flow"/>
+    <favorite path="/shared/Sales/Dashboards/Sales Overview"/>
   </favoritelist>
 </mobilefavorites>
 )";

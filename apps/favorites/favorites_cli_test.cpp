@@ -368,6 +368,27 @@ TEST_F(FavoritesTool, LsFilterAdmitsOnlyMatchingObjects) {
     EXPECT_EQ(std::string_view(items.at(0)["catalogPath"].get_string()), "/shared/Sales/Reports/Revenue by Region");
 }
 
+TEST_F(FavoritesTool, LsDashboardsFilterAdmitsDashboardPages) {
+    makeDemo();
+    const Result r = as("alice", {"--json", "ls", "Sales", "--filter", "dashboards"});
+    ASSERT_EQ(r.status, 0) << r;
+    array items = json(r)["items"].get_array();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(std::string_view(items.at(0)["catalogPath"].get_string()),
+              "/shared/Sales/Dashboards/Sales Overview/Summary");
+}
+
+TEST_F(FavoritesTool, MkdirPropertyMarksADashboardFolder) {
+    ASSERT_EQ(run({"catalog", "init"}).status, 0);
+    Result r = run({"catalog", "mkdir", "/shared/Board", "--property", "compositeSignature=dashboardfolder1"});
+    ASSERT_EQ(r.status, 0) << r;
+    r = run({"--json", "catalog", "info", "/shared/Board"});
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(std::string_view(json(r)["type"].get_string()), "folder");
+    EXPECT_EQ(std::string_view(json(r)["properties"]["compositeSignature"].get_string()), "dashboardfolder1");
+    EXPECT_EQ(run({"catalog", "mkdir", "/shared/Bad", "--property", "novalue"}).status, 2);
+}
+
 TEST_F(FavoritesTool, LsOfAMissingCategoryFailsWithItsOwnStatus) {
     makeDemo();
     const Result r = as("alice", {"ls", "Nowhere"});

@@ -1,0 +1,679 @@
+// FavoritesManager benchmarks, each beside the irreducible work it stands on,
+// measured in the same run so that the ratio holds on a noisy machine.
+//
+//   cmake --build build/bench --target favorites_bench && build/bench/bench/favorites_bench
+//   scripts/bench.sh   (release build, repetitions, ratios against the goals)
+//
+// Workloads (deterministic pseudo-random, one catalog file in a temporary
+// directory):
+//   spread N   N favorites, 10 per leaf category, 3 levels of categories,
+//              catalog paths of 40 to 90 characters (N = 1,000 and 10,000)
+//   flat       10,000 favorites in one category, same paths as spread 10,000
+//   mem        10,000 favorites spread as above, catalog paths of 64 characters
+//
+// Pairs (figure / baseline):
+//   BM_IsFavorite/N          / BM_IsFavoriteStdMap/N and BM_IsFavoriteSqlite/N
+//   BM_IsFavoriteThreads     threads:2 / threads:1 (items_per_second); beside it
+//                              BM_IsFavoriteStdMapThreads, the scaling an unlocked
+//                              map reaches on this machine in the same run
+//   BM_Load/N                / BM_LoadBaseline/N: xmlReadMemory, XSD validation
+//                              with a precompiled schema, one prepared SQLite
+//                              metadata look-up per leaf (BM_LoadParts* split it)
+//   BM_Persist/N             / BM_PersistBaseline/N: xmlNewDoc/xmlNewDocNode/
+//                              xmlNewProp, xmlDocDumpMemory, one UPDATE in a
+//                              transaction (WAL, synchronous=FULL)
+//   BM_LoadFlat              / BM_Load/10000
+//   BM_MemoryPerFavorite     counter bytes_per_favorite (heap held by the tree
+//                              and the index, the document already freed)
+#include <benchmark/benchmark.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <libxml/xmlschemas.h>
+#include <malloc.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "qz/platform/config.h"
+#include "qz/platform/memalloc.h"
+#include "qz/webcatalog/sqlitecatalog.h"
+#include "qz/webfavorites/favoritesmanager.h"
+
+namespace kiv {
+
+// Reaches the manager's loading, its index and its dirty flag.
+class FavoritesManagerTestPeer {
+public:
+    static catalog::ReturnCode load(FavoritesManager& m) { return m.loadFavorites(); }
+    static bool& dirty(FavoritesManager& m) { return m.m_bIsDirty; }
+    static std::size_t indexSize(FavoritesManager& m) { return m.m_catalogItemsPath.size(); }
+    // Drops the tree and the index, leaving an empty root.
+    static void drop(FavoritesManager& m) {
+        m.m_hRootFolder = new FavoriteFolder(catalog::Path(String(L"/")),
+                                             catalog::ItemName(String(L"root"), catalog::ItemName::kNone));
+        m.m_catalogItemsPath.clear();
+    }
+};
+
+}  // namespace kiv
+
+namespace {
+
+using namespace kiv;
+using Peer = FavoritesManagerTestPeer;
+
+constexpr const char* kNamespace = "urn:kiv-web:favorites/v1";
+constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
+
+void fail(const std::string& what) {
+    std::fprintf(stderr, "favorites_bench: %s\n", what.c_str());
+    std::abort();
+}
+
+void check(sqlite3* db, int rc, const char* what) {
+    if (rc != SQLITE_OK && rc != SQLITE_DONE && rc != SQLITE_ROW)
+        fail(std::string(what) + ": " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc)));
+}
+
+void exec(sqlite3* db, const char* sql) { check(db, sqlite3_exec(db, sql, nullptr, nullptr, nullptr), sql); }
+
+sqlite3* openDb(const std::string& file) {
+    sqlite3* db = nullptr;
+    check(db, sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr), "open");
+    return db;
+}
+
+struct Stmt {
+    Stmt(sqlite3* db, const char* sql) { check(db, sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr), sql); }
+    ~Stmt() { sqlite3_finalize(s); }
+    Stmt(const Stmt&) = delete;
+    Stmt& operator=(const Stmt&) = delete;
+    sqlite3_stmt* s = nullptr;
+};
+
+// A favorites tree as plain data: what the document holds.
+struct Node {
+    std::string name;
+    std::string catalogPath;  // empty for a category
+    std::vector<Node> children;
+};
+
+// A catalog path of exactly `length` characters, unique through `serial`.
+std::string makeCatalogPath(const char* root, int serial, std::size_t length, std::mt19937& rng) {
+    std::string p = std::string("/") + root + "/dept" + std::to_string(10 + serial % 37) + "/area" +
+                    std::to_string(serial % 7) + "/r" + std::to_string(100000 + serial) + "-";
+    std::uniform_int_distribution<int> letter(0, 25);
+    while (p.size() < length) p += static_cast<char>('a' + letter(rng));
+    return p;
+}
+
+// N leaves, 10 per leaf category, 3 levels of categories (a x b x c leaf
+// categories; the leaves take the paths in order).
+Node spreadTree(const std::vector<std::string>& paths) {
+    const std::size_t leafCategories = (paths.size() + 9) / 10;
+    const auto side = static_cast<std::size_t>(std::lround(std::cbrt(static_cast<double>(leafCategories))));
+    const std::size_t b = std::max<std::size_t>(side, 1), c = b;
+    const std::size_t a = (leafCategories + b * c - 1) / (b * c);
+    Node root;
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < a && next < paths.size(); ++i) {
+        Node& l1 = root.children.emplace_back(Node{"Group " + std::to_string(i), {}, {}});
+        for (std::size_t j = 0; j < b && next < paths.size(); ++j) {
+            Node& l2 = l1.children.emplace_back(Node{"Topic " + std::to_string(j), {}, {}});
+            for (std::size_t k = 0; k < c && next < paths.size(); ++k) {
+                Node& l3 = l2.children.emplace_back(Node{"Reports " + std::to_string(k), {}, {}});
+                for (int n = 0; n < 10 && next < paths.size(); ++n, ++next) {
+                    const std::string& p = paths[next];
+                    l3.children.push_back(Node{p.substr(p.rfind('/') + 1), p, {}});
+                }
+            }
+        }
+    }
+    return root;
+}
+
+Node flatTree(const std::vector<std::string>& paths) {
+    Node root;
+    Node& all = root.children.emplace_back(Node{"Everything", {}, {}});
+    for (const std::string& p : paths) all.children.push_back(Node{p.substr(p.rfind('/') + 1), p, {}});
+    return root;
+}
+
+void appendNodes(std::string& out, const Node& parent) {
+    for (const Node& n : parent.children) {
+        if (n.catalogPath.empty()) {
+            out += "<favorite name=\"" + n.name + "\" type=\"category\">";
+            appendNodes(out, n);
+            out += "</favorite>";
+        } else {
+            out += "<favorite name=\"" + n.name + "\" catalogpath=\"" + n.catalogPath + "\" type=\"catalogitem\"/>";
+        }
+    }
+}
+
+std::string documentOf(const Node& root) {
+    std::string out = "<?xml version=\"1.0\"?>\n<f:favoritelist xmlns:f=\"urn:kiv-web:favorites/v1\">";
+    appendNodes(out, root);
+    return out + "</f:favoritelist>\n";
+}
+
+catalog::Path favoritesPath(const std::string& user) {
+    return catalog::Path(String(L"/users")) + catalog::ItemName(String::fromUtf8(user), catalog::ItemName::kNone) +
+           catalog::ItemName(String(L"favorites"), catalog::ItemName::kNone);
+}
+
+// One user's favorites: the stored document, the tree it holds, a manager.
+struct Workload {
+    std::string user;
+    AccountToken token;
+    Node tree;
+    std::string stored;                 // the document as the catalog holds it
+    std::vector<std::string> leafPaths; // UTF-8, document order
+    Handle<FavoritesManager> manager;
+};
+
+struct Fixture {
+    std::string dir;
+    std::unique_ptr<catalog::SqliteCatalog> catalog;
+    std::vector<std::string> paths;    // 40 to 90 characters
+    std::vector<std::string> paths64;  // 64 characters
+    std::mutex workloadsLock;
+    std::map<std::string, Workload> workloads;  // guarded by workloadsLock
+    sqlite3* metaDb = nullptr;    // path TEXT PRIMARY KEY, type, mtime, signature, properties
+    sqlite3* indexDb = nullptr;   // one row per favorite, per N
+    sqlite3* writeDb = nullptr;   // one body, rewritten by the persist baseline
+    xmlSchemaPtr schema = nullptr;
+
+    Fixture() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "kivfavbench.XXXXXX").string();
+        if (!::mkdtemp(pattern.data())) fail("mkdtemp");
+        dir = pattern;
+
+        std::mt19937 rng(20240611);
+        std::uniform_int_distribution<std::size_t> length(40, 90);
+        for (int i = 0; i < 10000; ++i) paths.push_back(makeCatalogPath("shared", i, length(rng), rng));
+        for (int i = 0; i < 10000; ++i) paths64.push_back(makeCatalogPath("library", i, 64, rng));
+
+        catalog::SqliteCatalog::Options options;  // as a host opens it: synchronous=FULL
+        catalog = std::make_unique<catalog::SqliteCatalog>(dir + "/catalog.db", options);
+        {
+            std::vector<catalog::SqliteCatalog::ObjectSpec> batch;
+            for (const auto* pool : {&paths, &paths64})
+                for (const std::string& p : *pool)
+                    batch.push_back({catalog::Path(String::fromUtf8(p)), String(L"report1"), {}, "<report/>"});
+            catalog->putObjects(batch);
+        }
+        buildMetaDb();
+        buildIndexDb();
+        buildWriteDb();
+
+        const std::string xsd = std::string(KIV_BUILD_DATA_DIR) + "/schemas/favorites.xsd";
+        xmlSchemaParserCtxtPtr pctxt = xmlSchemaNewParserCtxt(xsd.c_str());
+        schema = xmlSchemaParse(pctxt);
+        xmlSchemaFreeParserCtxt(pctxt);
+        if (!schema) fail("cannot compile " + xsd);
+    }
+
+    ~Fixture() {
+        workloads.clear();
+        catalog.reset();
+        xmlSchemaFree(schema);
+        for (sqlite3* db : {metaDb, indexDb, writeDb}) sqlite3_close_v2(db);
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
+    }
+
+    void addWorkload(const std::string& user, Node tree) {
+        Workload& w = workloads[user];
+        w.user = user;
+        const String name = String::fromUtf8(user);
+        catalog->addUser(name, {});
+        const catalog::Path home =
+            catalog::Path(String(L"/users")) + catalog::ItemName(name, catalog::ItemName::kNone);
+        catalog->makeFolder(home);
+        catalog->setAccess(home, name, false, catalog::Rights::kWrite);
+        w.token = catalog->tokenFor(name);
+        catalog->putObject(favoritesPath(user), String(L"mobilefavorites1"), {}, documentOf(tree));
+        w.stored = catalog->readRaw(favoritesPath(user));
+        collectLeaves(tree, w.leafPaths);
+        w.tree = std::move(tree);
+        w.manager = Handle<FavoritesManager>(new FavoritesManager(*catalog, w.token, favoritesPath(user)));
+        const std::size_t distinct = std::set<std::string>(w.leafPaths.begin(), w.leafPaths.end()).size();
+        if (Peer::indexSize(*w.manager) != distinct)
+            fail(user + ": the manager loaded " + std::to_string(Peer::indexSize(*w.manager)) + " of " +
+                 std::to_string(distinct) + " favorites");
+    }
+
+    static void collectLeaves(const Node& n, std::vector<std::string>& out) {
+        for (const Node& c : n.children) {
+            if (c.catalogPath.empty())
+                collectLeaves(c, out);
+            else
+                out.push_back(c.catalogPath);
+        }
+    }
+
+    // The raw metadata table: the rows the catalog holds for the favorites.
+    void buildMetaDb() {
+        metaDb = openDb(dir + "/meta.db");
+        exec(metaDb, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+                     "CREATE TABLE objects(path TEXT PRIMARY KEY NOT NULL, type INTEGER NOT NULL, mtime INTEGER "
+                     "NOT NULL, signature TEXT, properties TEXT);"
+                     "BEGIN");
+        Stmt ins(metaDb, "INSERT INTO objects VALUES (?1, 3, ?2, 'report1', '{}')");
+        std::int64_t mtime = 1700000000000000;
+        for (const auto* pool : {&paths, &paths64}) {
+            for (const std::string& p : *pool) {
+                sqlite3_bind_text(ins.s, 1, p.data(), static_cast<int>(p.size()), SQLITE_STATIC);
+                sqlite3_bind_int64(ins.s, 2, ++mtime);
+                check(metaDb, sqlite3_step(ins.s), "insert object");
+                sqlite3_reset(ins.s);
+            }
+        }
+        exec(metaDb, "COMMIT");
+    }
+
+    // One indexed row per favorite, a table per N.
+    void buildIndexDb() {
+        indexDb = openDb(dir + "/index.db");
+        exec(indexDb, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+                      "CREATE TABLE fav1000(id INTEGER PRIMARY KEY, path TEXT NOT NULL, count INTEGER NOT NULL);"
+                      "CREATE UNIQUE INDEX fav1000_path ON fav1000(path);"
+                      "CREATE TABLE fav10000(id INTEGER PRIMARY KEY, path TEXT NOT NULL, count INTEGER NOT NULL);"
+                      "CREATE UNIQUE INDEX fav10000_path ON fav10000(path);"
+                      "BEGIN");
+        for (int n : {1000, 10000}) {
+            const std::string sql = "INSERT INTO fav" + std::to_string(n) + "(path, count) VALUES (?1, 1)";
+            Stmt ins(indexDb, sql.c_str());
+            for (int i = 0; i < n; ++i) {
+                const std::string& p = paths[static_cast<std::size_t>(i)];
+                sqlite3_bind_text(ins.s, 1, p.data(), static_cast<int>(p.size()), SQLITE_STATIC);
+                check(indexDb, sqlite3_step(ins.s), "insert favorite");
+                sqlite3_reset(ins.s);
+            }
+        }
+        exec(indexDb, "COMMIT");
+    }
+
+    // Opened as the catalog opens its file: WAL, synchronous=FULL.
+    void buildWriteDb() {
+        writeDb = openDb(dir + "/write.db");
+        exec(writeDb, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;"
+                      "CREATE TABLE bodies(id INTEGER PRIMARY KEY, data BLOB NOT NULL);"
+                      "INSERT INTO bodies(id, data) VALUES (1, x'00');");
+    }
+
+    // The workload of a user, made on first use (only the ones a run selects).
+    Workload& workload(const std::string& user) {
+        std::lock_guard<std::mutex> lock(workloadsLock);
+        if (auto it = workloads.find(user); it != workloads.end()) return it->second;
+        const std::vector<std::string> first1000(paths.begin(), paths.begin() + 1000);
+        if (user == "spread1000" || user == "persist1000")
+            addWorkload(user, spreadTree(first1000));
+        else if (user == "spread10000" || user == "persist10000")
+            addWorkload(user, spreadTree(paths));
+        else if (user == "flat10000")
+            addWorkload(user, flatTree(paths));
+        else if (user == "mem10000")
+            addWorkload(user, spreadTree(paths64));
+        else
+            fail("no workload " + user);
+        return workloads.at(user);
+    }
+
+    static Fixture& get() {
+        static Fixture fixture;
+        return fixture;
+    }
+};
+
+// The keys of the first n paths, in a shuffled look-up order.
+std::vector<std::size_t> lookupOrder(std::size_t n) {
+    std::vector<std::size_t> order(n);
+    for (std::size_t i = 0; i < n; ++i) order[i] = i;
+    std::mt19937 rng(7);
+    std::shuffle(order.begin(), order.end(), rng);
+    return order;
+}
+
+const std::string& spreadUser(std::int64_t n) {
+    static const std::string k1("spread1000"), k10("spread10000");
+    return n == 1000 ? k1 : k10;
+}
+
+// --- isFavorite ------------------------------------------------------------------
+
+void BM_IsFavorite(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    const auto n = static_cast<std::size_t>(state.range(0));
+    const FavoritesManager& m = *f.workload(spreadUser(state.range(0))).manager;
+    std::vector<catalog::Path> keys;
+    for (std::size_t i : lookupOrder(n)) keys.emplace_back(String::fromUtf8(f.paths[i]));
+    std::size_t i = 0, hits = 0;
+    for (auto _ : state) {
+        hits += m.isFavorite(keys[i]);
+        if (++i == n) i = 0;
+    }
+    benchmark::DoNotOptimize(hits);
+    if (hits != static_cast<std::size_t>(state.iterations())) state.SkipWithError("a favorite was not found");
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_IsFavoriteStdMap(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    const auto n = static_cast<std::size_t>(state.range(0));
+    std::map<std::wstring, unsigned> map;
+    for (std::size_t i = 0; i < n; ++i) map.emplace(String::fromUtf8(f.paths[i]), 1u);
+    std::vector<std::wstring> keys;
+    for (std::size_t i : lookupOrder(n)) keys.push_back(String::fromUtf8(f.paths[i]));
+    std::size_t i = 0, hits = 0;
+    for (auto _ : state) {
+        hits += map.find(keys[i]) != map.end();
+        if (++i == n) i = 0;
+    }
+    benchmark::DoNotOptimize(hits);
+    if (hits != static_cast<std::size_t>(state.iterations())) state.SkipWithError("a key was not found");
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_IsFavoriteSqlite(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    const auto n = static_cast<std::size_t>(state.range(0));
+    const std::string sql = "SELECT count FROM fav" + std::to_string(n) + " WHERE path = ?1";
+    Stmt q(f.indexDb, sql.c_str());
+    std::vector<std::string> keys;
+    for (std::size_t i : lookupOrder(n)) keys.push_back(f.paths[i]);
+    std::size_t i = 0, hits = 0;
+    for (auto _ : state) {
+        const std::string& k = keys[i];
+        sqlite3_bind_text(q.s, 1, k.data(), static_cast<int>(k.size()), SQLITE_STATIC);
+        hits += sqlite3_step(q.s) == SQLITE_ROW && sqlite3_column_int(q.s, 0) > 0;
+        sqlite3_reset(q.s);
+        if (++i == n) i = 0;
+    }
+    if (hits != static_cast<std::size_t>(state.iterations())) state.SkipWithError("a row was not found");
+    state.SetItemsProcessed(state.iterations());
+}
+
+// Every thread asks about all 10,000 favorites, each from its own offset.
+void BM_IsFavoriteThreads(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    const FavoritesManager& m = *f.workload("spread10000").manager;
+    static const std::vector<catalog::Path> keys = [&] {
+        std::vector<catalog::Path> k;
+        for (std::size_t i : lookupOrder(10000)) k.emplace_back(String::fromUtf8(f.paths[i]));
+        return k;
+    }();
+    std::size_t i = static_cast<std::size_t>(state.thread_index()) * 4999 % keys.size(), hits = 0;
+    for (auto _ : state) {
+        hits += m.isFavorite(keys[i]);
+        if (++i == keys.size()) i = 0;
+    }
+    benchmark::DoNotOptimize(hits);
+    if (hits != static_cast<std::size_t>(state.iterations())) state.SkipWithError("a favorite was not found");
+    state.SetItemsProcessed(state.iterations());
+}
+
+// The same threads over one unlocked std::map read concurrently: how far two
+// threads can scale on this machine at all, measured in the same run.
+void BM_IsFavoriteStdMapThreads(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    static const std::map<std::wstring, unsigned> map = [&] {
+        std::map<std::wstring, unsigned> m;
+        for (const std::string& p : f.paths) m.emplace(String::fromUtf8(p), 1u);
+        return m;
+    }();
+    static const std::vector<std::wstring> keys = [&] {
+        std::vector<std::wstring> k;
+        for (std::size_t i : lookupOrder(10000)) k.push_back(String::fromUtf8(f.paths[i]));
+        return k;
+    }();
+    std::size_t i = static_cast<std::size_t>(state.thread_index()) * 4999 % keys.size(), hits = 0;
+    for (auto _ : state) {
+        hits += map.find(keys[i]) != map.end();
+        if (++i == keys.size()) i = 0;
+    }
+    benchmark::DoNotOptimize(hits);
+    state.SetItemsProcessed(state.iterations());
+}
+
+// --- Loading -----------------------------------------------------------------------
+
+void runLoad(benchmark::State& state, Workload& w) {
+    FavoritesManager& m = *w.manager;
+    const std::size_t expected = std::set<std::string>(w.leafPaths.begin(), w.leafPaths.end()).size();
+    for (auto _ : state) {
+        if (Peer::load(m) != catalog::kSuccess) {
+            state.SkipWithError("loading failed");
+            break;
+        }
+    }
+    if (Peer::indexSize(m) != expected) state.SkipWithError("the index misses favorites");
+    state.counters["favorites"] = static_cast<double>(expected);
+    state.counters["document_bytes"] = static_cast<double>(w.stored.size());
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(expected));
+}
+
+void BM_Load(benchmark::State& state) { runLoad(state, Fixture::get().workload(spreadUser(state.range(0)))); }
+
+void BM_LoadFlat(benchmark::State& state) { runLoad(state, Fixture::get().workload("flat10000")); }
+
+xmlDocPtr parse(const std::string& body) {
+    return xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, "UTF-8", kParseOptions);
+}
+
+bool validate(xmlSchemaPtr schema, xmlDocPtr doc) {
+    xmlSchemaValidCtxtPtr v = xmlSchemaNewValidCtxt(schema);
+    const int rc = xmlSchemaValidateDoc(v, doc);
+    xmlSchemaFreeValidCtxt(v);
+    return rc == 0;
+}
+
+// One metadata look-up per catalog item element of the document.
+std::size_t lookUpLeaves(sqlite3_stmt* q, xmlNodePtr parent) {
+    std::size_t found = 0;
+    for (xmlNodePtr e = parent->children; e; e = e->next) {
+        if (e->type != XML_ELEMENT_NODE) continue;
+        xmlChar* path = xmlGetNoNsProp(e, BAD_CAST "catalogpath");
+        if (path) {
+            sqlite3_bind_text(q, 1, reinterpret_cast<const char*>(path), -1, SQLITE_STATIC);
+            if (sqlite3_step(q) == SQLITE_ROW) {
+                benchmark::DoNotOptimize(sqlite3_column_int(q, 0));
+                benchmark::DoNotOptimize(sqlite3_column_int64(q, 1));
+                benchmark::DoNotOptimize(sqlite3_column_text(q, 2));
+                benchmark::DoNotOptimize(sqlite3_column_text(q, 3));
+                ++found;
+            }
+            sqlite3_reset(q);
+            xmlFree(path);
+        } else {
+            found += lookUpLeaves(q, e);
+        }
+    }
+    return found;
+}
+
+constexpr const char* kMetaQuery = "SELECT type, mtime, signature, properties FROM objects WHERE path = ?1";
+
+// Parse, validate, and one raw look-up per leaf: the sum of the parts a load
+// cannot avoid.
+void BM_LoadBaseline(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    const Workload& w = f.workload(spreadUser(state.range(0)));
+    Stmt q(f.metaDb, kMetaQuery);
+    for (auto _ : state) {
+        xmlDocPtr doc = parse(w.stored);
+        if (!doc || !validate(f.schema, doc)) {
+            state.SkipWithError("the document does not validate");
+            xmlFreeDoc(doc);
+            break;
+        }
+        const std::size_t found = lookUpLeaves(q.s, xmlDocGetRootElement(doc));
+        xmlFreeDoc(doc);
+        if (found != w.leafPaths.size()) {
+            state.SkipWithError("a leaf was not found");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(w.leafPaths.size()));
+}
+
+// The parts of the baseline on their own, to see where a load's time goes.
+void BM_LoadPartParse(benchmark::State& state) {
+    const Workload& w = Fixture::get().workload(spreadUser(state.range(0)));
+    for (auto _ : state) xmlFreeDoc(parse(w.stored));
+}
+
+void BM_LoadPartValidate(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    xmlDocPtr doc = parse(f.workload(spreadUser(state.range(0))).stored);
+    for (auto _ : state) benchmark::DoNotOptimize(validate(f.schema, doc));
+    xmlFreeDoc(doc);
+}
+
+void BM_LoadPartLookups(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    const Workload& w = f.workload(spreadUser(state.range(0)));
+    Stmt q(f.metaDb, kMetaQuery);
+    for (auto _ : state) {
+        for (const std::string& p : w.leafPaths) {
+            sqlite3_bind_text(q.s, 1, p.data(), static_cast<int>(p.size()), SQLITE_STATIC);
+            benchmark::DoNotOptimize(sqlite3_step(q.s));
+            sqlite3_reset(q.s);
+        }
+    }
+}
+
+// --- Persisting ----------------------------------------------------------------------
+
+void BM_Persist(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    Workload& w = f.workload(state.range(0) == 1000 ? "persist1000" : "persist10000");
+    FavoritesManager& m = *w.manager;
+    for (auto _ : state) {
+        Peer::dirty(m) = true;
+        if (m.persist() != favorites::kSuccess) {
+            state.SkipWithError("persist failed");
+            break;
+        }
+    }
+    state.counters["document_bytes"] = static_cast<double>(f.catalog->readRaw(favoritesPath(w.user)).size());
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(w.leafPaths.size()));
+}
+
+void appendElements(xmlDocPtr doc, xmlNodePtr parent, const Node& node) {
+    for (const Node& c : node.children) {
+        xmlNodePtr e = xmlNewDocNode(doc, nullptr, BAD_CAST "favorite", nullptr);
+        xmlAddChild(parent, e);
+        xmlNewProp(e, BAD_CAST "name", BAD_CAST c.name.c_str());
+        if (c.catalogPath.empty()) {
+            xmlNewProp(e, BAD_CAST "type", BAD_CAST "category");
+            appendElements(doc, e, c);
+        } else {
+            xmlNewProp(e, BAD_CAST "catalogpath", BAD_CAST c.catalogPath.c_str());
+            xmlNewProp(e, BAD_CAST "type", BAD_CAST "catalogitem");
+        }
+    }
+}
+
+// Build the same document with libxml2, serialise it, and write it as one
+// row update in a transaction on a WAL file with synchronous=FULL.
+void BM_PersistBaseline(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    const Workload& w = f.workload(state.range(0) == 1000 ? "persist1000" : "persist10000");
+    Stmt begin(f.writeDb, "BEGIN IMMEDIATE");
+    Stmt update(f.writeDb, "UPDATE bodies SET data = ?1 WHERE id = 1");
+    Stmt commit(f.writeDb, "COMMIT");
+    int bytes = 0;
+    for (auto _ : state) {
+        xmlDocPtr doc = xmlNewDoc(BAD_CAST "1.0");
+        xmlNodePtr root = xmlNewDocNode(doc, nullptr, BAD_CAST "favoritelist", nullptr);
+        xmlSetNs(root, xmlNewNs(root, BAD_CAST kNamespace, BAD_CAST "f"));
+        xmlDocSetRootElement(doc, root);
+        appendElements(doc, root, w.tree);
+        xmlChar* text = nullptr;
+        xmlDocDumpMemory(doc, &text, &bytes);
+        xmlFreeDoc(doc);
+
+        check(f.writeDb, sqlite3_step(begin.s), "begin");
+        sqlite3_reset(begin.s);
+        sqlite3_bind_blob(update.s, 1, text, bytes, SQLITE_STATIC);
+        check(f.writeDb, sqlite3_step(update.s), "update");
+        sqlite3_reset(update.s);
+        check(f.writeDb, sqlite3_step(commit.s), "commit");
+        sqlite3_reset(commit.s);
+        xmlFree(text);
+    }
+    state.counters["document_bytes"] = bytes;
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(w.leafPaths.size()));
+}
+
+// --- Memory ---------------------------------------------------------------------------
+
+std::size_t heapInUse() {
+    const struct mallinfo2 mi = mallinfo2();
+    return mi.uordblks + mi.hblkhd;  // small blocks and mmapped ones
+}
+
+// Heap held after a load (the document is freed when loading returns) minus
+// the heap held with an empty tree and index, per favorite.
+void BM_MemoryPerFavorite(benchmark::State& state) {
+    Workload& w = Fixture::get().workload("mem10000");
+    FavoritesManager& m = *w.manager;
+    const std::string tag = "project/webfavorites/favoritesmanager";
+    double perFavorite = 0, trackedPerFavorite = 0;
+    for (auto _ : state) {
+        Peer::drop(m);
+        Peer::load(m);  // warm every cache once more
+        Peer::drop(m);
+        const std::size_t before = heapInUse();
+        const memalloc::Counts tBefore = memalloc::MemoryAllocatorGateway::liveCounts(tag);
+        Peer::load(m);
+        const std::size_t after = heapInUse();
+        const memalloc::Counts tAfter = memalloc::MemoryAllocatorGateway::liveCounts(tag);
+        const double n = static_cast<double>(Peer::indexSize(m));
+        perFavorite = (static_cast<double>(after) - static_cast<double>(before)) / n;
+        trackedPerFavorite = (static_cast<double>(tAfter.bytes) - static_cast<double>(tBefore.bytes)) / n;
+    }
+    state.counters["bytes_per_favorite"] = perFavorite;
+    state.counters["tracked_item_bytes_per_favorite"] = trackedPerFavorite;
+    state.counters["favorites"] = static_cast<double>(Peer::indexSize(m));
+}
+
+BENCHMARK(BM_IsFavorite)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_IsFavoriteStdMap)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_IsFavoriteSqlite)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_IsFavoriteThreads)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_IsFavoriteStdMapThreads)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_Load)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadBaseline)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadPartParse)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadPartValidate)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadPartLookups)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadFlat)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Persist)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PersistBaseline)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemoryPerFavorite)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    kiv::config::setCurrent(std::make_shared<kiv::ConfigReader>(
+        std::map<int, kiv::String>{{kiv::ConfigReader::kDataDirectory, kiv::String::fromUtf8(KIV_BUILD_DATA_DIR)}}, 1.0));
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,205 @@
+#!/usr/bin/env bash
+# Builds the release preset, runs the benchmark binaries and prints every
+# figure beside its baseline measured in the same run, as a ratio, against
+# its goal.
+#
+#   scripts/bench.sh                  build, then run every benchmark binary
+#   scripts/bench.sh --no-build       run what build/release holds
+#   KIV_BENCH_REPETITIONS=3 scripts/bench.sh
+#   KIV_BENCH_ARGS=--benchmark_min_time=0.1 scripts/bench.sh --no-build
+#   KIV_BENCH_BIN_DIR=build/bench/bench KIV_BENCH_OUT_DIR=/tmp/r scripts/bench.sh --no-build
+#
+# Figures are medians over the repetitions of real time, and PASS/MISS is
+# judged on them; "cpu ratio" is the same ratio of CPU times (steadier on a
+# loaded machine, blind to waiting for fsync). The JSON results are kept in
+# build/release/bench-results/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=1
+for arg in "$@"; do
+  case "$arg" in
+    --no-build) build=0 ;;
+    *) echo "usage: scripts/bench.sh [--no-build]" >&2; exit 2 ;;
+  esac
+done
+
+if [ "$build" = 1 ]; then
+  bash scripts/build.sh release
+fi
+
+bin="${KIV_BENCH_BIN_DIR:-build/release/bench}"
+out="${KIV_BENCH_OUT_DIR:-build/release/bench-results}"
+reps="${KIV_BENCH_REPETITIONS:-5}"
+mkdir -p "$out"
+
+run() {
+  local name="$1"; shift
+  if [ ! -x "$bin/$name" ]; then
+    echo "skipping $name: $bin/$name was not built" >&2
+    return 0
+  fi
+  local cmd=("$bin/$name" --benchmark_format=json "--benchmark_repetitions=$reps"
+             --benchmark_report_aggregates_only=true --benchmark_enable_random_interleaving=true
+             ${KIV_BENCH_ARGS:-} "$@")
+  echo "+ ${cmd[*]} > $out/$name.json" >&2
+  "${cmd[@]}" > "$out/$name.json"
+}
+
+run favorites_bench
+run catalog_bench
+
+python3 - "$out" <<'PY'
+import json, os, sys
+
+out = sys.argv[1]
+
+def load(name):
+    path = os.path.join(out, name + ".json")
+    if not os.path.exists(path):
+        return None, {}
+    with open(path) as f:
+        data = json.load(f)
+    runs = {}
+    for b in data["benchmarks"]:
+        if b.get("run_type") == "aggregate":
+            runs.setdefault(b["run_name"], {})[b["aggregate_name"]] = b
+        else:
+            # A single repetition reports no aggregates: take the run itself.
+            runs.setdefault(b["run_name"], {}).setdefault("median", b)
+    return data.get("context", {}), runs
+
+SCALE = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+def ns(runs, name, key="real_time"):
+    b = runs[name]["median"]
+    return b[key] * SCALE[b["time_unit"]]
+
+def cpu(runs, name):
+    return ns(runs, name, "cpu_time")
+
+def cv(runs, name):
+    b = runs[name].get("cv")
+    return b["real_time"] if b else float("nan")
+
+def fmt_time(v):
+    for unit, f in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
+        if v >= f:
+            return "%.3g %s" % (v / f, unit)
+    return "%.3g ns" % v
+
+rows = []
+notes = []
+missing = []
+
+def row(what, value, baseline, ratio, goal, ok, cpu_ratio=None):
+    rows.append((what, value, baseline, "%.2f" % ratio, "-" if cpu_ratio is None else "%.2f" % cpu_ratio, goal,
+                 "PASS" if ok else "MISS"))
+
+def get(runs, name):
+    if name not in runs:
+        missing.append(name)
+        return None
+    return runs[name]
+
+context, fav = load("favorites_bench")
+if fav:
+    for n in (1000, 10000):
+        a, b = "BM_IsFavorite/%d" % n, "BM_IsFavoriteStdMap/%d" % n
+        if get(fav, a) and get(fav, b):
+            r = ns(fav, a) / ns(fav, b)
+            row("isFavorite, %d favorites vs std::map look-up" % n, fmt_time(ns(fav, a)), fmt_time(ns(fav, b)),
+                r, "<= 1.2", r <= 1.2, cpu(fav, a) / cpu(fav, b))
+    for n in (1000, 10000):
+        a, b = "BM_IsFavorite/%d" % n, "BM_IsFavoriteSqlite/%d" % n
+        if get(fav, a) and get(fav, b):
+            r = ns(fav, b) / ns(fav, a)
+            row("isFavorite, %d favorites: SQLite row look-up / isFavorite" % n, fmt_time(ns(fav, a)),
+                fmt_time(ns(fav, b)), r, ">= 20 (faster)", r >= 20, cpu(fav, b) / cpu(fav, a))
+    t1, t2 = "BM_IsFavoriteThreads/real_time/threads:1", "BM_IsFavoriteThreads/real_time/threads:2"
+    if get(fav, t1) and get(fav, t2):
+        i1 = fav[t1]["median"]["items_per_second"]
+        i2 = fav[t2]["median"]["items_per_second"]
+        row("isFavorite throughput, 2 threads / 1 thread", "%.3g/s" % i2, "%.3g/s" % i1, i2 / i1, ">= 1.3",
+            i2 / i1 >= 1.3)
+    m1, m2 = "BM_IsFavoriteStdMapThreads/real_time/threads:1", "BM_IsFavoriteStdMapThreads/real_time/threads:2"
+    if m1 in fav and m2 in fav:
+        j1 = fav[m1]["median"]["items_per_second"]
+        j2 = fav[m2]["median"]["items_per_second"]
+        notes.append("two-thread scaling this machine allowed in the same run (unlocked std::map, no goal): "
+                     "%.3g/s / %.3g/s = %.2f" % (j2, j1, j2 / j1))
+    for n in (1000, 10000):
+        a, b = "BM_Load/%d" % n, "BM_LoadBaseline/%d" % n
+        if get(fav, a) and get(fav, b):
+            r = ns(fav, a) / ns(fav, b)
+            row("load %d favorites vs parse+validate+look-ups" % n, fmt_time(ns(fav, a)), fmt_time(ns(fav, b)), r,
+                "<= 1.5", r <= 1.5, cpu(fav, a) / cpu(fav, b))
+    for n in (1000, 10000):
+        a, b = "BM_Persist/%d" % n, "BM_PersistBaseline/%d" % n
+        if get(fav, a) and get(fav, b):
+            r = ns(fav, a) / ns(fav, b)
+            row("persist %d favorites vs build+serialise+write" % n, fmt_time(ns(fav, a)), fmt_time(ns(fav, b)), r,
+                "<= 1.5", r <= 1.5, cpu(fav, a) / cpu(fav, b))
+    a, b = "BM_LoadFlat", "BM_Load/10000"
+    if get(fav, a) and get(fav, b):
+        r = ns(fav, a) / ns(fav, b)
+        row("load 10000 in one category vs spread over categories of 10", fmt_time(ns(fav, a)),
+            fmt_time(ns(fav, b)), r, "<= 3", r <= 3, cpu(fav, a) / cpu(fav, b))
+    m = "BM_MemoryPerFavorite/iterations:1"
+    if get(fav, m):
+        v = fav[m]["median"]["bytes_per_favorite"]
+        row("heap per favorite (tree + index, 64-char paths)", "%.0f B" % v, "600 B", v / 600.0, "<= 600 B",
+            v <= 600)
+
+cat_context, cat = load("catalog_bench")
+
+headers = ("figure", "value", "baseline", "ratio", "cpu ratio", "goal", "result")
+widths = [max(len(str(r[i])) for r in rows + [headers]) for i in range(len(headers))]
+line = lambda r: "  ".join(str(c).ljust(w) for c, w in zip(r, widths))
+print()
+if context:
+    print("host: %s CPUs at %s MHz, load average %s; medians of %s repetitions (real time)" % (
+        context.get("num_cpus"), context.get("mhz_per_cpu"), " ".join("%.1f" % x for x in context.get("load_avg", [])),
+        next(iter(fav.values()))["median"].get("repetitions", "?") if fav else "?"))
+print(line(headers))
+print(line(["-" * w for w in widths]))
+for r in rows:
+    print(line(r))
+
+for n in notes:
+    print(n)
+
+if fav:
+    print()
+    print("parts of a load (each measured on its own):")
+    for n in (1000, 10000):
+        parts = ["BM_LoadPartParse/%d" % n, "BM_LoadPartValidate/%d" % n, "BM_LoadPartLookups/%d" % n]
+        if all(p in fav for p in parts) and "BM_LoadBaseline/%d" % n in fav:
+            total = sum(ns(fav, p) for p in parts)
+            print("  N=%-6d parse %s, validate %s, look-ups %s; sum %s (combined baseline %s), load %s" % (
+                n, fmt_time(ns(fav, parts[0])), fmt_time(ns(fav, parts[1])), fmt_time(ns(fav, parts[2])),
+                fmt_time(total), fmt_time(ns(fav, "BM_LoadBaseline/%d" % n)), fmt_time(ns(fav, "BM_Load/%d" % n))))
+    m = "BM_MemoryPerFavorite/iterations:1"
+    if m in fav:
+        print("  heap per favorite counted by the tracking allocator (items only): %.0f B" %
+              fav[m]["median"]["tracked_item_bytes_per_favorite"])
+    print()
+    print("variation (coefficient of variation of real time over the repetitions):")
+    for name in sorted(fav):
+        print("  %-48s median %-10s cv %.1f%%" % (name, fmt_time(ns(fav, name)), 100 * cv(fav, name)))
+
+if cat:
+    print()
+    print("catalog_bench (for information, no goal here):")
+    for name in sorted(cat):
+        print("  %-48s median %s" % (name, fmt_time(ns(cat, name))))
+    first = lambda prefix: next((n for n in sorted(cat) if n.split("/")[0] == prefix), None)
+    a, b = first("BM_CatalogGetItemInfo"), first("BM_RawSqliteLookup")
+    if a and b:
+        print("  getItemInfo / raw SQLite look-up: %.2f" % (ns(cat, a) / ns(cat, b)))
+
+if missing:
+    print()
+    print("missing from the results: " + ", ".join(sorted(set(missing))))
+    sys.exit(1)
+PY
