@@ -12,29 +12,6 @@ namespace kiv::catalog {
 
 // Header and characters live in one allocation: the characters (and a
 // terminating zero) follow the header directly.
-struct Path::Rep {
-    std::atomic<std::uint32_t> refs;
-    std::uint32_t size;
-
-    wchar_t* chars() noexcept { return reinterpret_cast<wchar_t*>(this + 1); }
-
-    static Rep* make(std::wstring_view text) {
-        void* mem = ::operator new(sizeof(Rep) + (text.size() + 1) * sizeof(wchar_t));
-        Rep* rep = new (mem) Rep{{1}, static_cast<std::uint32_t>(text.size())};
-        if (!text.empty()) std::memcpy(rep->chars(), text.data(), text.size() * sizeof(wchar_t));
-        rep->chars()[text.size()] = L'\0';
-        return rep;
-    }
-    static void acquire(Rep* rep) noexcept {
-        if (rep) rep->refs.fetch_add(1, std::memory_order_relaxed);
-    }
-    static void release(Rep* rep) noexcept {
-        if (rep && rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            rep->~Rep();
-            ::operator delete(rep);
-        }
-    }
-};
 static_assert(sizeof(Path) == sizeof(void*));
 
 const Path kpBlank;
@@ -95,10 +72,6 @@ void Path::assign(std::wstring_view text) {
     Rep::release(m_rep);
     m_rep = rep;
 }
-
-std::size_t Path::size() const noexcept { return m_rep ? m_rep->size : 0; }
-
-const wchar_t* Path::data() const noexcept { return m_rep ? m_rep->chars() : L""; }
 
 EItemNameValidity Path::checkPath(const String& text) { return detail::checkPathText(text); }
 

@@ -12,8 +12,11 @@
 // Thread safety: an immutable value; copies may cross threads.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <new>
 #include <functional>
 #include <string_view>
 
@@ -70,8 +73,8 @@ public:
     EPathRelationship relationship(const Path& other) const noexcept;
 
     bool isBlank() const noexcept { return size() == 0; }
-    std::size_t size() const noexcept;
-    const wchar_t* data() const noexcept;
+    std::size_t size() const noexcept { return m_rep ? m_rep->size : 0; }
+    const wchar_t* data() const noexcept { return m_rep ? m_rep->chars() : L""; }
     std::wstring_view view() const noexcept { return {data(), size()}; }
     String toString() const { return String(view()); }
 
@@ -82,7 +85,32 @@ public:
     friend bool operator<(const Path& a, const Path& b) noexcept { return a.view() < b.view(); }
 
 private:
-    struct Rep;
+    // The shared text: a count, the length, then the characters and a NUL,
+    // in one block. Defined here so the accessors above inline: paths are
+    // compared on every look-up of the favorites index.
+    struct Rep {
+        std::atomic<std::uint32_t> refs;
+        std::uint32_t size;
+
+        wchar_t* chars() noexcept { return reinterpret_cast<wchar_t*>(this + 1); }
+
+        static Rep* make(std::wstring_view text) {
+            void* mem = ::operator new(sizeof(Rep) + (text.size() + 1) * sizeof(wchar_t));
+            Rep* rep = new (mem) Rep{{1}, static_cast<std::uint32_t>(text.size())};
+            if (!text.empty()) std::memcpy(rep->chars(), text.data(), text.size() * sizeof(wchar_t));
+            rep->chars()[text.size()] = L'\0';
+            return rep;
+        }
+        static void acquire(Rep* rep) noexcept {
+            if (rep) rep->refs.fetch_add(1, std::memory_order_relaxed);
+        }
+        static void release(Rep* rep) noexcept {
+            if (rep && rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+                rep->~Rep();
+                ::operator delete(rep);
+            }
+        }
+    };
     void assign(std::wstring_view text);
     Rep* m_rep = nullptr;
 };
