@@ -1,5 +1,7 @@
 #include "qz/platform/string.h"
 
+#include <cstdint>
+
 #include <algorithm>
 #include <clocale>
 #include <cwctype>
@@ -120,6 +122,8 @@ locale_t foldingLocale() noexcept {
 }
 
 wchar_t foldCase(wchar_t c) noexcept {
+    // ASCII needs no locale (and is most of what is compared).
+    if (static_cast<std::uint32_t>(c) < 0x80) return (c >= L'A' && c <= L'Z') ? static_cast<wchar_t>(c + 32) : c;
     const locale_t loc = foldingLocale();
     const wint_t w = static_cast<wint_t>(c);
     return static_cast<wchar_t>(loc ? towlower_l(w, loc) : std::towlower(w));

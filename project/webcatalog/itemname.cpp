@@ -120,6 +120,8 @@ ItemName::ItemName(const String& name, Options options) {
 ItemName ItemName::fromEscaped(const String& escaped) {
     const EItemNameValidity validity = detail::checkEscapedComponent(escaped);
     if (validity != kItemNameValid) throw CatalogNameException(validity, escaped);
+    // Most names hold no escape: nothing to undo.
+    if (escaped.find(L'\\') == String::npos) return ItemName(escaped, Unchecked{});
     return ItemName(detail::unescape(escaped), Unchecked{});
 }
 

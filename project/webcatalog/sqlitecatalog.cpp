@@ -200,6 +200,7 @@ enum StmtId {
     kStDeleteBody,
     kStDeleteAclOf,
     kStSetProps,
+    kStBeginRead,
     kStCount
 };
 
@@ -225,6 +226,7 @@ const char* const kStmtSql[kStCount] = {
     "DELETE FROM bodies WHERE id = ?1",
     "DELETE FROM acl WHERE path = ?1",
     "UPDATE items SET props = ?2, mtime = ?3 WHERE path = ?1",
+    "BEGIN",
 };
 
 const char* const kSchemaSql =
@@ -439,16 +441,40 @@ struct SqliteCatalog::Impl {
     std::atomic<int> upgradeMode{Reader::kUpgradeAuto};
 
     // Borrowed connection, returned to the pool on scope exit.
+    // The connection a read batch of this thread holds (see beginReadBatch).
+    struct Pinned {
+        const Impl* impl = nullptr;
+        Conn* conn = nullptr;
+    };
+    static Pinned& pinned() noexcept {
+        thread_local Pinned t_pinned;
+        return t_pinned;
+    }
+
+    // A connection for one operation: from the pool, or for reads the one a
+    // read batch of this thread has pinned.
     class Lease {
     public:
-        explicit Lease(Impl& impl) : m_impl(impl), m_conn(impl.acquire()) {}
-        ~Lease() { m_impl.release(std::move(m_conn)); }
-        Conn& operator*() const { return *m_conn; }
-        Conn* operator->() const { return m_conn.get(); }
+        enum EUse { kAny, kRead };
+        explicit Lease(Impl& impl, EUse use = kAny) : m_impl(impl) {
+            const Pinned& p = pinned();
+            if (use == kRead && p.impl == &impl) {
+                m_pConn = p.conn;
+            } else {
+                m_conn = impl.acquire();
+                m_pConn = m_conn.get();
+            }
+        }
+        ~Lease() {
+            if (m_conn) m_impl.release(std::move(m_conn));
+        }
+        Conn& operator*() const { return *m_pConn; }
+        Conn* operator->() const { return m_pConn; }
 
     private:
         Impl& m_impl;
         std::unique_ptr<Conn> m_conn;
+        Conn* m_pConn = nullptr;
     };
 
     std::unique_ptr<Conn> acquire() {
@@ -698,7 +724,7 @@ struct SqliteCatalog::Impl {
         if (!isValidPathText(path)) return kErrorPathInvalid;
         try {
             const std::uint64_t localGen = localAclGen.load(std::memory_order_acquire);
-            Lease c(*this);
+            Lease c(*this, Lease::kRead);
             c->pathBuf.clear();
             appendUtf8(c->pathBuf, path.view());
             Query q(*c, kStLookup);
@@ -838,6 +864,55 @@ const std::string& SqliteCatalog::fileName() const noexcept { return m_impl->fil
 int SqliteCatalog::getReaderUpgradeMode() const noexcept { return m_impl->upgradeMode.load(); }
 
 void SqliteCatalog::setReaderUpgradeMode(int mode) noexcept { m_impl->upgradeMode.store(mode); }
+
+namespace {
+
+// Pins one pooled connection to the calling thread and opens a read
+// transaction on it, so that the reads of the batch share one snapshot and
+// skip the pool and the per-statement transaction. Writes still take a
+// connection of their own.
+class SqliteReadBatch : public ReadBatch {
+public:
+    explicit SqliteReadBatch(SqliteCatalog::Impl& impl) : m_impl(impl), m_conn(impl.acquire()) {
+        try {
+            Query(*m_conn, kStBeginRead).run();
+        } catch (const SqlError& e) {
+            logSqlError(e, impl.file);
+            impl.release(std::move(m_conn));
+            return;  // no batch: reads go through the pool as usual
+        }
+        SqliteCatalog::Impl::pinned() = {&impl, m_conn.get()};
+    }
+    ~SqliteReadBatch() override {
+        if (!m_conn) return;
+        SqliteCatalog::Impl::pinned() = {};
+        try {
+            Query(*m_conn, kStCommit).run();
+        } catch (const SqlError& e) {
+            logSqlError(e, m_impl.file);
+        }
+        m_impl.release(std::move(m_conn));
+    }
+
+private:
+    SqliteCatalog::Impl& m_impl;
+    std::unique_ptr<Conn> m_conn;
+};
+
+}  // namespace
+
+std::unique_ptr<ReadBatch> SqliteCatalog::beginReadBatch() {
+    // A batch already open on this thread serves the nested one. An
+    // in-memory catalog has a single connection, which a batch must not take
+    // from the writers.
+    if (Impl::pinned().impl == m_impl.get() || m_impl->maxOpen <= 1) return nullptr;
+    try {
+        return std::make_unique<SqliteReadBatch>(*m_impl);
+    } catch (const SqlError& e) {
+        logSqlError(e, m_impl->file);
+        return nullptr;
+    }
+}
 
 ReturnCode SqliteCatalog::getItemInfo(const AccountToken& user, const Path& path, ItemInfo& info, bool bOriginalOnly,
                                       bool bWithProperties) {

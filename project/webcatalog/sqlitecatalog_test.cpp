@@ -1,6 +1,8 @@
 #include "qz/webcatalog/sqlitecatalog.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
 #include <sqlite3.h>
 
 #include <random>
@@ -83,6 +85,86 @@ TEST_F(SqliteCatalogTest, SetPropertiesGivesAFolderItsPropertiesAndANewerTime) {
 
 TEST_F(SqliteCatalogTest, SetPropertiesOnAMissingItemRaises) {
     EXPECT_THROW(catalog->setProperties(Path(L"/shared/none"), {}), CatalogException);
+}
+
+// Read batches on a catalog file (an in-memory catalog has one connection and
+// answers the hint with null).
+class SqliteReadBatchTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        catalog = std::make_unique<SqliteCatalog>(dir.file("catalog.db"));
+        catalog->addUser(L"alice", {L"sales"});
+        alice = catalog->tokenFor(L"alice");
+        catalog->makeFolder(Path(L"/shared"));
+        catalog->setAccess(Path(L"/shared"), L"everyone", true, Rights::kWrite);
+        catalog->putObject(Path(L"/shared/report"), L"test1", {{L"owner", L"alice"}}, "report body");
+    }
+    ReturnCode info(const wchar_t* path, ItemInfo& out) {
+        return catalog->getItemInfo(alice, Path(path, kUnchecked), out, false, true);
+    }
+    TempDir dir;
+    std::unique_ptr<SqliteCatalog> catalog;
+    AccountToken alice;
+};
+
+TEST_F(SqliteReadBatchTest, ReadBatchGivesTheSameAnswersAsSingleReads) {
+    ItemInfo alone;
+    ASSERT_EQ(info(L"/shared/report", alone), kSuccess);
+    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
+    ASSERT_NE(batch, nullptr);
+    EXPECT_EQ(catalog->beginReadBatch(), nullptr);  // the open batch serves a nested one
+    ItemInfo inBatch;
+    ASSERT_EQ(info(L"/shared/report", inBatch), kSuccess);
+    EXPECT_EQ(inBatch.getLastModifiedTime(kInfoResolved), alone.getLastModifiedTime(kInfoResolved));
+    EXPECT_EQ(inBatch.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
+    ItemInfo missing;
+    EXPECT_EQ(info(L"/shared/none", missing), kErrorPathNotFound);
+}
+
+TEST_F(SqliteReadBatchTest, WriteDuringAReadBatchOnTheSameThreadSucceedsAndIsSeenAfterIt) {
+    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
+    ASSERT_NE(batch, nullptr);
+    ItemInfo before;
+    ASSERT_EQ(info(L"/shared/report", before), kSuccess);
+    RecordingWriter w("new body");
+    EXPECT_EQ(catalog->writeObject(alice, Path(L"/shared/report"), w, tDefaultReplaceHelper), kSuccess);
+    batch.reset();
+    ItemInfo after;
+    ASSERT_EQ(info(L"/shared/report", after), kSuccess);
+    EXPECT_GT(after.getLastModifiedTime(kInfoResolved), before.getLastModifiedTime(kInfoResolved));
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "new body");
+}
+
+TEST_F(SqliteReadBatchTest, ABatchOnOneThreadDoesNotServeAnother) {
+    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
+    bool otherGotABatch = false;
+    ReturnCode otherRead = kErrorOther;
+    std::thread t([&] {
+        std::unique_ptr<ReadBatch> other = catalog->beginReadBatch();
+        otherGotABatch = other != nullptr;
+        ItemInfo i;
+        otherRead = info(L"/shared/report", i);
+    });
+    t.join();
+    EXPECT_NE(batch, nullptr);
+    EXPECT_TRUE(otherGotABatch);
+    EXPECT_EQ(otherRead, kSuccess);
+}
+
+TEST_F(SqliteCatalogTest, InMemoryCatalogAnswersTheBatchHintWithNull) {
+    EXPECT_EQ(catalog->beginReadBatch(), nullptr);
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/report", i), kSuccess);
+}
+
+TEST_F(SqliteCatalogTest, BaseCatalogMakesNothingOfTheBatchHint) {
+    struct Minimal : Catalog {
+        ReturnCode deleteObject(const AccountToken&, const Path&) override { return kSuccess; }
+        ReturnCode readObject(const AccountToken&, const Path&, Reader&, ItemInfo&, unsigned) override { return kSuccess; }
+        ReturnCode writeObject(const AccountToken&, const Path&, Writer&, const ReplaceHelper&) override { return kSuccess; }
+        ReturnCode getItemInfo(const AccountToken&, const Path&, ItemInfo&, bool, bool) override { return kSuccess; }
+    } minimal;
+    EXPECT_EQ(minimal.beginReadBatch(), nullptr);
 }
 
 TEST_F(SqliteCatalogTest, GetItemInfoOnTheRootIsAFolder) {

@@ -292,7 +292,11 @@ catalog::ReturnCode FavoritesManager::loadFavorites() {
     std::vector<String> errors;
     if (!validator.validate(*hDoc, errors)) return catalog::kErrorSchemaValidationFailed;
 
-    buildFavorties(hDoc->getRootElement(), m_hRootFolder);
+    {
+        // One look-up per favorite follows: let the catalog serve them as one batch.
+        const std::unique_ptr<catalog::ReadBatch> batch = m_rCatalog.beginReadBatch();
+        buildFavorties(hDoc->getRootElement(), m_hRootFolder);
+    }
 
     m_tLastModifiedTime = info.getLastModifiedTime(catalog::kInfoResolved);
     m_bIsDirty = false;

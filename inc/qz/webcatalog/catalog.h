@@ -18,6 +18,7 @@
 //   object with what the writer produces, in one transaction; the new
 //   modified time is strictly greater than the previous one.
 // deleteObject(user, path): removes an object or link.
+// beginReadBatch(): optional; see below.
 //
 // Thread safety: implementations are safe for concurrent use from many threads.
 #pragma once
@@ -46,6 +47,13 @@ public:
 // Replaces an existing object.
 extern const ReplaceHelper& tDefaultReplaceHelper;
 
+// A run of reads on the calling thread (see Catalog::beginReadBatch); the run
+// ends when this object is destroyed, on the same thread.
+class ReadBatch {
+public:
+    virtual ~ReadBatch() = default;
+};
+
 class Catalog {
 public:
     virtual ~Catalog() = default;
@@ -59,6 +67,12 @@ public:
                                    const ReplaceHelper& replaceHelper) = 0;
     virtual ReturnCode getItemInfo(const AccountToken& user, const Path& path, ItemInfo& info,
                                    bool bOriginalOnly, bool bWithProperties) = 0;
+
+    // A hint that many reads follow on this thread (a load looks up every
+    // favorite): a catalog may serve them from one snapshot. Results and codes
+    // are those the reads would give without it. Null when the catalog makes
+    // nothing of the hint, which is the default.
+    virtual std::unique_ptr<ReadBatch> beginReadBatch() { return nullptr; }
 };
 
 // The catalog's exception for a failing code: carries the code and the path.

@@ -54,6 +54,7 @@ public:
                            const ReplaceHelper& replaceHelper) override;
     ReturnCode getItemInfo(const AccountToken& user, const Path& path, ItemInfo& info, bool bOriginalOnly,
                            bool bWithProperties) override;
+    std::unique_ptr<ReadBatch> beginReadBatch() override { return m_inner.beginReadBatch(); }
 
 private:
     struct Fault {

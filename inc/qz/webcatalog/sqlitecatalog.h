@@ -111,6 +111,9 @@ public:
                            const ReplaceHelper& replaceHelper) override;
     ReturnCode getItemInfo(const AccountToken& user, const Path& path, ItemInfo& info, bool bOriginalOnly,
                            bool bWithProperties) override;
+    // Reads of the batch (getItemInfo, readObject) on this thread use one
+    // connection and one read transaction: one snapshot, no pool round trip.
+    std::unique_ptr<ReadBatch> beginReadBatch() override;
 
     // The upgrade mode set on readers (a Reader::UpgradeMode value).
     void setReaderUpgradeMode(int mode) noexcept;
