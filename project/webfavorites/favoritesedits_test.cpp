@@ -21,34 +21,13 @@ public:
     using FavoriteFolder::FavoriteFolder;
 };
 
-class FavoritesEditTest : public ::testing::Test {
+class FavoritesEditTest : public testing::FavoritesTest {
 protected:
-    Handle<FavoritesManager> manager() {
-        return Handle<FavoritesManager>(new FavoritesManager(env.catalog(), env.alice, TestCatalog::favoritesPath(L"alice")));
-    }
-    Handle<FavoritesManager> managerWith(const std::string& notation) {
-        env.storeFavorites(L"alice", notation);
-        return manager();
-    }
-    std::string tree(const Handle<FavoritesManager>& m) { return dump(m->getRootFolder()); }
-    std::string storedTree() { return tree(manager()); }
     catalog::Time storedTime() {
         catalog::ItemInfo info;
         env.catalog().getItemInfo(env.alice, TestCatalog::favoritesPath(L"alice"), info, false, true);
         return info.getLastModifiedTime(catalog::kInfoResolved);
     }
-    Handle<FavoritesItem> item(FavoritesManager& m, const wchar_t* catalogPath, const wchar_t* category = L"") {
-        Handle<FavoritesItem> h;
-        EXPECT_EQ(m.createFavoriteCatalogObject(String(catalogPath), String(category), h), favorites::kSuccess);
-        return h;
-    }
-    Handle<FavoritesItem> category(FavoritesManager& m, const wchar_t* name, const wchar_t* parent = L"") {
-        Handle<FavoritesItem> h;
-        EXPECT_EQ(m.createFavoriteCategory(String(parent), String(name), h), favorites::kSuccess);
-        return h;
-    }
-
-    TestCatalog env;
 };
 
 // --- Lookups ------------------------------------------------------------------------

@@ -22,17 +22,7 @@ using testing::TestCatalog;
 Path P(const wchar_t* s) { return Path(String(s)); }
 String J(const char* utf8) { return String::fromUtf8(utf8); }
 
-class FavoritesJsonTest : public ::testing::Test {
-protected:
-    Handle<FavoritesManager> managerWith(const std::string& notation) {
-        env.storeFavorites(L"alice", notation);
-        return Handle<FavoritesManager>(
-            new FavoritesManager(env.catalog(), env.alice, TestCatalog::favoritesPath(L"alice")));
-    }
-    std::string tree(const Handle<FavoritesManager>& m) { return dump(m->getRootFolder()); }
-    std::string stored() { return env.storedDocumentTree(L"alice"); }
-    TestCatalog env;
-};
+class FavoritesJsonTest : public testing::FavoritesTest {};
 
 TEST_F(FavoritesJsonTest, WholeTreeIsReplacedInOrderAndPersisted) {
     auto m = managerWith("Old[ /shared/HR/Headcount ]");

@@ -39,32 +39,7 @@ using testing::TestCatalog;
 
 Path P(const wchar_t* s) { return Path(String(s)); }
 
-class FavoritesManagerTest : public ::testing::Test {
-protected:
-    Handle<FavoritesManager> manager(const wchar_t* user = L"alice") {
-        const AccountToken& token = String(user) == L"bob" ? env.bob : env.alice;
-        return Handle<FavoritesManager>(new FavoritesManager(env.catalog(), token, TestCatalog::favoritesPath(user)));
-    }
-    Handle<FavoritesManager> managerWith(const std::string& notation) {
-        env.storeFavorites(L"alice", notation);
-        return manager();
-    }
-    std::string tree(const Handle<FavoritesManager>& m) { return dump(m->getRootFolder()); }
-    // The stored document, read back as a tree by a fresh manager.
-    std::string storedTree() { return tree(manager()); }
-    Handle<FavoritesItem> item(FavoritesManager& m, const wchar_t* catalogPath, const wchar_t* category = L"") {
-        Handle<FavoritesItem> h;
-        EXPECT_EQ(m.createFavoriteCatalogObject(String(catalogPath), String(category), h), favorites::kSuccess);
-        return h;
-    }
-    Handle<FavoritesItem> category(FavoritesManager& m, const wchar_t* name, const wchar_t* parent = L"") {
-        Handle<FavoritesItem> h;
-        EXPECT_EQ(m.createFavoriteCategory(String(parent), String(name), h), favorites::kSuccess);
-        return h;
-    }
-
-    TestCatalog env;
-};
+class FavoritesManagerTest : public testing::FavoritesTest {};
 
 // --- Construction and loading ---------------------------------------------------
 

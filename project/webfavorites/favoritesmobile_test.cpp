@@ -19,7 +19,7 @@ Path P(const wchar_t* s) { return Path(String(s)); }
 
 const String kSource(L"kiv.favoritesmanager.upgrade");
 
-class FavoritesMobileTest : public ::testing::Test {
+class FavoritesMobileTest : public testing::FavoritesTest {
 protected:
     void SetUp() override {
         // The dashboard folder is marked by its composite signature.
@@ -37,12 +37,6 @@ protected:
                               "<?xml version=\"1.0\"?>\n<mobilefavorites><favoritelist>" + entries +
                                   "</favoritelist></mobilefavorites>");
     }
-    Handle<FavoritesManager> manager(catalog::Catalog* c = nullptr) {
-        return Handle<FavoritesManager>(
-            new FavoritesManager(c ? *c : env.catalog(), env.alice, TestCatalog::favoritesPath(L"alice")));
-    }
-    std::string tree(const Handle<FavoritesManager>& m) { return dump(m->getRootFolder()); }
-    std::string stored() { return env.storedDocumentTree(L"alice"); }
     // The texts logged at error severity under the upgrade's log source.
     std::vector<String> upgradeMessages() {
         std::vector<String> out;
@@ -51,7 +45,6 @@ protected:
         return out;
     }
 
-    TestCatalog env;
     std::shared_ptr<CapturingLogWriter> log;
 };
 
@@ -191,7 +184,7 @@ TEST_F(FavoritesMobileTest, FailedDeleteReturnsItsCodeAndALaterRunDropsTheEqualE
     storeMobile("<favorite path=\"/shared/Sales/Report1\"/>");
     FaultInjectingCatalog faulty(env.catalog());
     faulty.failCall(FaultInjectingCatalog::kDeleteObject, 1, catalog::kErrorAccessDenied);
-    auto m = manager(&faulty);
+    auto m = manager(L"alice", &faulty);
     EXPECT_EQ(tree(m), "Mobile_Favorites[ /shared/Sales/Report1 ]");
     EXPECT_TRUE(env.admin().exists(mobilePath));
     EXPECT_EQ(m->checkAndUpgradeMobileFavorites(), catalog::kSuccess);  // the second delete succeeds
@@ -207,7 +200,7 @@ TEST_F(FavoritesMobileTest, ExceptionWhileUpgradingGivesOtherAndKeepsEntriesAlre
     // second entry. The third write fails; the manager reloads the stored
     // tree and raises the catalog's exception, which ends the upgrade.
     failing.failCall(FaultInjectingCatalog::kWriteObject, 3, catalog::kErrorIO);
-    auto m = manager(&failing);
+    auto m = manager(L"alice", &failing);
     EXPECT_TRUE(env.admin().exists(mobilePath));  // kept for a later try
     EXPECT_EQ(stored(), "/shared/HR/Headcount Mobile_Favorites[ /shared/Sales/Report1 ]");
     // The direct call reports kErrorOther the same way.

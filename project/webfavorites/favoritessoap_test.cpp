@@ -36,7 +36,7 @@ Param leaf(const wchar_t* catalogPath, const wchar_t* name = L"n", std::uint16_t
     p->addChild(SoapParameter::makeString(String(L"catalogPath"), String(catalogPath)));
     return p;
 }
-Param category(const wchar_t* name, std::vector<Param> children = {}, std::uint16_t type = 1) {
+Param categoryParam(const wchar_t* name, std::vector<Param> children = {}, std::uint16_t type = 1) {
     Param p = SoapParameter::makeStruct(String(L"favoriteItem"));
     p->addChild(SoapParameter::makeString(String(L"name"), String(name)));
     p->addChild(SoapParameter::makeString(String(L"path"), String(L"/ignored")));
@@ -45,15 +45,8 @@ Param category(const wchar_t* name, std::vector<Param> children = {}, std::uint1
     return p;
 }
 
-class FavoritesSoapTest : public ::testing::Test {
+class FavoritesSoapTest : public testing::FavoritesTest {
 protected:
-    Handle<FavoritesManager> managerWith(const std::string& notation) {
-        env.storeFavorites(L"alice", notation);
-        return Handle<FavoritesManager>(
-            new FavoritesManager(env.catalog(), env.alice, TestCatalog::favoritesPath(L"alice")));
-    }
-    std::string tree(const Handle<FavoritesManager>& m) { return dump(m->getRootFolder()); }
-    std::string stored() { return env.storedDocumentTree(L"alice"); }
     std::vector<SoapParameter*> items(std::vector<Param>& owned) {
         std::vector<SoapParameter*> v;
         for (auto& p : owned) v.push_back(p.get());
@@ -72,7 +65,6 @@ protected:
         m_request = SoapRequest::parse(envelope);
         return m_request->getFavoriteItems();
     }
-    TestCatalog env;
     std::unique_ptr<SoapRequest> m_request;
 };
 
@@ -81,12 +73,12 @@ TEST_F(FavoritesSoapTest, WholeTreeIsReplacedInOrderAndPersisted) {
     std::vector<Param> owned;
     std::vector<Param> sales;
     sales.push_back(leaf(L"/shared/Sales/Report2"));
-    sales.push_back(category(L"Q1", [] {
+    sales.push_back(categoryParam(L"Q1", [] {
         std::vector<Param> q;
         q.push_back(leaf(L"/shared/Sales/Report1"));
         return q;
     }()));
-    owned.push_back(category(L"Sales", std::move(sales)));
+    owned.push_back(categoryParam(L"Sales", std::move(sales)));
     owned.push_back(leaf(L"/shared/Sales/Report3"));
     EXPECT_EQ(m->updateAll(items(owned)), favorites::kSuccess);
     EXPECT_EQ(tree(m), "Sales[ /shared/Sales/Report2 Q1[ /shared/Sales/Report1 ] ] /shared/Sales/Report3");
@@ -105,7 +97,7 @@ TEST_F(FavoritesSoapTest, EmptyInputEmptiesAndPersistsTheTree) {
 TEST_F(FavoritesSoapTest, CategoryWithoutSubItemsIsAnEmptyCategory) {
     auto m = managerWith("");
     std::vector<Param> owned;
-    owned.push_back(category(L"Empty"));
+    owned.push_back(categoryParam(L"Empty"));
     EXPECT_EQ(m->updateAll(items(owned)), favorites::kSuccess);
     EXPECT_EQ(tree(m), "Empty[]");
 }
@@ -113,8 +105,8 @@ TEST_F(FavoritesSoapTest, CategoryWithoutSubItemsIsAnEmptyCategory) {
 TEST_F(FavoritesSoapTest, AnyNonZeroTypeMakesACategory) {
     auto m = managerWith("");
     std::vector<Param> owned;
-    owned.push_back(category(L"Two", {}, 2));
-    owned.push_back(category(L"Big", {}, 65535));
+    owned.push_back(categoryParam(L"Two", {}, 2));
+    owned.push_back(categoryParam(L"Big", {}, 65535));
     EXPECT_EQ(m->updateAll(items(owned)), favorites::kSuccess);
     EXPECT_EQ(tree(m), "Two[] Big[]");
 }
@@ -122,7 +114,7 @@ TEST_F(FavoritesSoapTest, AnyNonZeroTypeMakesACategory) {
 TEST_F(FavoritesSoapTest, SubItemsAreReadOnlyAsOneRunFromTheFourthChild) {
     auto m = managerWith("");
     std::vector<Param> owned;
-    Param c = category(L"A");
+    Param c = categoryParam(L"A");
     c->addChild(leaf(L"/shared/Sales/Report1"));
     c->addChild(SoapParameter::makeString(String(L"other"), String(L"x")));
     c->addChild(leaf(L"/shared/Sales/Report2"));  // after another name: not read
@@ -194,7 +186,7 @@ TEST_F(FavoritesSoapTest, ItemsWithMisplacedOrUnconvertibleChildrenAreLeftOut) {
     owned.push_back(std::move(badPath));
     Param empty = SoapParameter::makeStruct(String(L"favoriteItem"));
     owned.push_back(std::move(empty));
-    owned.push_back(category(L""));  // an empty name is refused by the name check
+    owned.push_back(categoryParam(L""));  // an empty name is refused by the name check
     owned.push_back(leaf(L"/shared/Sales/Report2"));
     std::vector<SoapParameter*> v = items(owned);
     v.insert(v.begin() + 2, nullptr);
@@ -205,10 +197,10 @@ TEST_F(FavoritesSoapTest, ItemsWithMisplacedOrUnconvertibleChildrenAreLeftOut) {
 TEST_F(FavoritesSoapTest, DuplicateCategoryLosesItsSubItemsButTheyAreCounted) {
     auto m = managerWith("");
     std::vector<Param> owned;
-    owned.push_back(category(L"A"));
+    owned.push_back(categoryParam(L"A"));
     std::vector<Param> subs;
     subs.push_back(leaf(L"/shared/Sales/Report1"));
-    owned.push_back(category(L"A", std::move(subs)));
+    owned.push_back(categoryParam(L"A", std::move(subs)));
     EXPECT_EQ(m->updateAll(items(owned)), favorites::kSuccess);
     EXPECT_EQ(tree(m), "A[]");
     EXPECT_TRUE(m->isFavorite(P(L"/shared/Sales/Report1")));
@@ -220,7 +212,7 @@ TEST_F(FavoritesSoapTest, FailureInsideASubCategoryIsIgnoredAtTheLevelAbove) {
     std::vector<Param> subs;
     subs.push_back(leaf(L"/shared/Sales/Report1"));
     subs.push_back(leaf(L"/shared/Sales/Report1"));  // stops the sub-level only
-    owned.push_back(category(L"A", std::move(subs)));
+    owned.push_back(categoryParam(L"A", std::move(subs)));
     owned.push_back(leaf(L"/shared/Sales/Report2"));
     EXPECT_EQ(m->updateAll(items(owned)), favorites::kSuccess);
     EXPECT_EQ(tree(m), "A[ /shared/Sales/Report1 ] /shared/Sales/Report2");

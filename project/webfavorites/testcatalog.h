@@ -15,7 +15,10 @@
 
 #include "qz/platform/accounttoken.h"
 #include "qz/platform/xml.h"
+#include <gtest/gtest.h>
+
 #include "qz/webcatalog/sqlitecatalog.h"
+#include "qz/webfavorites/favoritesmanager.h"
 #include "testsupport.h"
 
 namespace kiv::testing {
@@ -119,6 +122,40 @@ public:
 
 private:
     std::unique_ptr<catalog::SqliteCatalog> m_catalog;
+};
+
+// The fixture of the manager's tests: the test catalog, and managers for its
+// users (as a host makes them) with the helpers the tests share.
+class FavoritesTest : public ::testing::Test {
+protected:
+    // A manager for `user` (alice or bob) over the test catalog, or over `c`.
+    Handle<FavoritesManager> manager(const wchar_t* user = L"alice", catalog::Catalog* c = nullptr) {
+        const AccountToken& token = String(user) == L"bob" ? env.bob : env.alice;
+        return Handle<FavoritesManager>(
+            new FavoritesManager(c ? *c : env.catalog(), token, TestCatalog::favoritesPath(user)));
+    }
+    // Alice's manager after storing the tree given in the notation.
+    Handle<FavoritesManager> managerWith(const std::string& notation) {
+        env.storeFavorites(L"alice", notation);
+        return manager();
+    }
+    static std::string tree(const Handle<FavoritesManager>& m) { return dump(m->getRootFolder()); }
+    // Alice's stored favorites as a freshly made manager loads them.
+    std::string storedTree() { return tree(manager()); }
+    // Alice's stored document, read directly.
+    std::string stored() { return env.storedDocumentTree(L"alice"); }
+    static Handle<FavoritesItem> item(FavoritesManager& m, const wchar_t* catalogPath, const wchar_t* category = L"") {
+        Handle<FavoritesItem> h;
+        EXPECT_EQ(m.createFavoriteCatalogObject(String(catalogPath), String(category), h), favorites::kSuccess);
+        return h;
+    }
+    static Handle<FavoritesItem> category(FavoritesManager& m, const wchar_t* name, const wchar_t* parent = L"") {
+        Handle<FavoritesItem> h;
+        EXPECT_EQ(m.createFavoriteCategory(String(parent), String(name), h), favorites::kSuccess);
+        return h;
+    }
+
+    TestCatalog env;
 };
 
 }  // namespace kiv::testing
