@@ -9,7 +9,15 @@ preset="${1:-release}"
 bash scripts/setup.sh
 werror=OFF
 if [ "${CI:-}" = "true" ]; then werror=ON; fi
-bash scripts/build.sh "$preset" -DKIV_WERROR=$werror
+targets=()
+if [ "$preset" = "tsan" ]; then
+  # Only the concurrency tests run under ThreadSanitizer.
+  for t in platform_concurrency_tests xml_concurrency_tests sqlitecatalog_concurrency_tests \
+           favorites_concurrency_tests; do
+    targets+=(--target "$t")
+  done
+fi
+bash scripts/build.sh "$preset" -DKIV_WERROR=$werror "${targets[@]}"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
