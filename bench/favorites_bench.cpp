@@ -58,6 +58,14 @@ public:
     static catalog::ReturnCode load(FavoritesManager& m) { return m.loadFavorites(); }
     static bool& dirty(FavoritesManager& m) { return m.m_bIsDirty; }
     static std::size_t indexSize(FavoritesManager& m) { return m.m_catalogItemsPath.size(); }
+    // updateAll's rebuild from JSON, without the save.
+    static favorites::ReturnCode rebuildFromJson(FavoritesManager& m, const String& json) {
+        m.m_hRootFolder->removeChildren();
+        m.m_catalogItemsPath.clear();
+        return m.createFavoritesFromJson(json, m.m_hRootFolder);
+    }
+    static void insert(FavoritesManager& m, const catalog::Path& p) { m.insertCatalogPathInMap(p); }
+    static Handle<FavoritesItem>& root(FavoritesManager& m) { return m.m_hRootFolder; }
     // Drops the tree and the index, leaving an empty root.
     static void drop(FavoritesManager& m) {
         m.m_hRootFolder = new FavoriteFolder(catalog::Path(String(L"/")),
@@ -651,6 +659,67 @@ void BM_MemoryPerFavorite(benchmark::State& state) {
     state.counters["favorites"] = static_cast<double>(Peer::indexSize(m));
 }
 
+// --- Whole-tree replacement from JSON ------------------------------------------
+//   BM_UpdateAllJson/10000    updateAll's rebuild from a JSON text of the tree
+//                             (evaluation, items, index; the save excluded)
+//   BM_BuildDirect/10000      the same tree built through createFolder,
+//                             createFavoritesCatalogItem and addChild, with the
+//                             same index insertions
+
+std::string jsonOf(const Node& n) {
+    std::string out = "[";
+    bool first = true;
+    for (const Node& c : n.children) {
+        if (!first) out += ",";
+        first = false;
+        if (c.catalogPath.empty())
+            out += "{\"type\":\"1\",\"name\":\"" + c.name + "\",\"children\":" + jsonOf(c) + "}";
+        else
+            out += "{\"type\":\"0\",\"path\":\"" + c.catalogPath + "\"}";
+    }
+    return out + "]";
+}
+
+void buildDirect(FavoritesManager& m, const Node& n, Handle<FavoritesItem>& parent) {
+    for (const Node& c : n.children) {
+        Handle<FavoritesItem> item;
+        if (c.catalogPath.empty()) {
+            m.createFolder(catalog::ItemName(String::fromUtf8(c.name), catalog::ItemName::kNone), item,
+                           parent->getPath());
+            parent->addChild(item);
+            buildDirect(m, c, item);
+        } else {
+            const catalog::Path path(String::fromUtf8(c.catalogPath));
+            m.createFavoritesCatalogItem(path, item, parent->getPath());
+            parent->addChild(item);
+            Peer::insert(m, path);
+        }
+    }
+}
+
+void BM_UpdateAllJson(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    Workload& w = f.workload("spread10000");
+    const String json = String::fromUtf8(jsonOf(w.tree));
+    for (auto _ : state) {
+        if (Peer::rebuildFromJson(*w.manager, json) != favorites::kSuccess) fail("JSON rebuild failed");
+    }
+    if (Peer::indexSize(*w.manager) != 10000) fail("JSON rebuild lost favorites");
+    state.counters["json_bytes"] = static_cast<double>(json.size());
+    Peer::load(*w.manager);
+}
+
+void BM_BuildDirect(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    Workload& w = f.workload("spread10000");
+    for (auto _ : state) {
+        Peer::drop(*w.manager);
+        buildDirect(*w.manager, w.tree, Peer::root(*w.manager));
+    }
+    if (Peer::indexSize(*w.manager) != 10000) fail("direct build lost favorites");
+    Peer::load(*w.manager);
+}
+
 BENCHMARK(BM_IsFavorite)->Arg(1000)->Arg(10000);
 BENCHMARK(BM_IsFavoriteStdMap)->Arg(1000)->Arg(10000);
 BENCHMARK(BM_IsFavoriteSqlite)->Arg(1000)->Arg(10000);
@@ -664,6 +733,8 @@ BENCHMARK(BM_LoadPartLookups)->Arg(1000)->Arg(10000)->Unit(benchmark::kMilliseco
 BENCHMARK(BM_LoadFlat)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Persist)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PersistBaseline)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UpdateAllJson)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BuildDirect)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MemoryPerFavorite)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
