@@ -700,6 +700,12 @@ favorites::ReturnCode FavoritesManager::createFavoriteFromJson(const String& sJs
 favorites::ReturnCode FavoritesManager::createFavoritesFromJson(const String& sJsonFavoritesInfo,
                                                                 Handle<FavoritesItem>& parentFavorite) {
     GDExpressionEvaluator evaluator;
+    return createFavoritesFromJson(sJsonFavoritesInfo, parentFavorite, evaluator);
+}
+
+favorites::ReturnCode FavoritesManager::createFavoritesFromJson(const String& sJsonFavoritesInfo,
+                                                                Handle<FavoritesItem>& parentFavorite,
+                                                                GDExpressionEvaluator& evaluator) {
     GDVariant value;
     // Text that is not a JSON array adds nothing and is not an error: the
     // caller keeps whatever it cleared beforehand.
@@ -740,7 +746,8 @@ favorites::ReturnCode FavoritesManager::createFavoritesFromJson(const String& sJ
             String sChildren;
             // Each level is read from the text form of its array; an error
             // inside a category does not stop its siblings.
-            if (readPropertyText(*pBag, ctx, ksFavoritesChildrenArg, sChildren)) createFavoritesFromJson(sChildren, item);
+            if (readPropertyText(*pBag, ctx, ksFavoritesChildrenArg, sChildren))
+                createFavoritesFromJson(sChildren, item, evaluator);
         }
         // Any other type: the element is skipped.
     }

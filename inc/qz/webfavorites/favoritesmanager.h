@@ -47,6 +47,7 @@ namespace kiv {
 class XmlDocument;
 class XmlElement;
 class SoapParameter;
+class GDExpressionEvaluator;
 
 class FavoritesManager : public RefCountedBaseTemplate<MemAllocNewdel> {
 public:
@@ -145,6 +146,10 @@ private:
     void insertCatalogPathInMap(catalog::Path path);
     void removeCatalogPathFromMap(catalog::Path path);
     bool deleteCatalogItems(Handle<FavoritesItem>& startingItem, catalog::Path& catalogPath, bool bRecursive);
+    // The tree reader with the evaluator of the outermost call: each level's
+    // text is the text form of a value that evaluator just rendered.
+    favorites::ReturnCode createFavoritesFromJson(const String& sJsonFavoritesInfo, Handle<FavoritesItem>& parentFavorite,
+                                                  GDExpressionEvaluator& evaluator);
     favorites::ReturnCode createFavoritesFromSoap(std::vector<SoapParameter*> vecFavObjs,
                                                   Handle<FavoritesItem>& parentFavorite);
     void createFavoritesDefaultXml(Handle<XmlDocument>& document);
