@@ -4,8 +4,8 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config git
-  libxml2-dev libsqlite3-dev libsimdjson-dev libcli11-dev libspdlog-dev
+  build-essential cmake ninja-build pkg-config git python3
+  libxml2-dev libsqlite3-dev libsimdjson-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev
 )

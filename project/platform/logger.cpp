@@ -194,16 +194,7 @@ Logger& Logger::getLogger() {
     return *s_pLogger;
 }
 
-bool Logger::isEnabled(ESeverity sev) const {
-    std::vector<std::shared_ptr<LogWriter>> writers;
-    {
-        std::lock_guard<std::mutex> g(m_mutex);
-        writers = m_writers;
-    }
-    for (const auto& w : writers)
-        if (w->isEnabled(sev)) return true;
-    return false;
-}
+bool Logger::isEnabled(ESeverity sev) const { return !enabledWriters(sev).empty(); }
 
 namespace {
 
@@ -234,16 +225,23 @@ struct LogDepthGuard {
 
 }  // namespace
 
-void Logger::log(ESeverity sev, const GDVariant& message, std::initializer_list<GDVariant> inserts,
-                 const FileLocation& fl, const LogSourceHandle* source) {
-    if (t_nLogDepth >= kMaxLogDepth) return;
-    LogDepthGuard depth;
+// A copy of the writers that take `sev`: they are called without the lock, so
+// a writer may log in turn.
+std::vector<std::shared_ptr<LogWriter>> Logger::enabledWriters(ESeverity sev) const {
     std::vector<std::shared_ptr<LogWriter>> writers;
     {
         std::lock_guard<std::mutex> g(m_mutex);
         writers = m_writers;
     }
     std::erase_if(writers, [sev](const auto& w) { return !w->isEnabled(sev); });
+    return writers;
+}
+
+void Logger::log(ESeverity sev, const GDVariant& message, std::initializer_list<GDVariant> inserts,
+                 const FileLocation& fl, const LogSourceHandle* source) {
+    if (t_nLogDepth >= kMaxLogDepth) return;
+    LogDepthGuard depth;
+    std::vector<std::shared_ptr<LogWriter>> writers = enabledWriters(sev);
     if (writers.empty()) return;  // nobody listens: do not build the text
     try {
         // A message value has already filled in its own inserts; its text is
@@ -262,12 +260,7 @@ void Logger::logException(const Exception& e, const FileLocation& fl, const LogS
                           ESeverity sev) {
     if (t_nLogDepth >= kMaxLogDepth) return;
     LogDepthGuard depth;
-    std::vector<std::shared_ptr<LogWriter>> writers;
-    {
-        std::lock_guard<std::mutex> g(m_mutex);
-        writers = m_writers;
-    }
-    std::erase_if(writers, [sev](const auto& w) { return !w->isEnabled(sev); });
+    std::vector<std::shared_ptr<LogWriter>> writers = enabledWriters(sev);
     if (writers.empty()) return;
     try {
         // The exception's text is final; it is logged as it is.

@@ -113,6 +113,7 @@ public:
 
 private:
     Logger();
+    std::vector<std::shared_ptr<LogWriter>> enabledWriters(ESeverity sev) const;
     mutable std::mutex m_mutex;
     std::vector<std::shared_ptr<LogWriter>> m_writers;
 };
