@@ -52,26 +52,37 @@ inline bool decodeOne(std::string_view in, std::size_t& i, char32_t& out, const 
 namespace utf8 {
 
 std::wstring decode(std::string_view in) {
-    std::wstring out;
-    out.reserve(in.size());
+    // A UTF-8 text never has more characters than bytes: size once, write
+    // through a pointer, trim at the end.
+    std::wstring out(in.size(), L'\0');
+    wchar_t* o = out.data();
     std::size_t i = 0;
     while (i < in.size()) {
-        // Fast path for ASCII runs.
         const auto b = static_cast<unsigned char>(in[i]);
-        if (b < 0x80) { out.push_back(static_cast<wchar_t>(b)); ++i; continue; }
+        if (b < 0x80) { *o++ = static_cast<wchar_t>(b); ++i; continue; }
         char32_t cp;
         const char* what = nullptr;
         const std::size_t at = i;
         if (!decodeOne(in, i, cp, what)) throwUtf8(what, at);
-        out.push_back(static_cast<wchar_t>(cp));
+        *o++ = static_cast<wchar_t>(cp);
     }
+    out.resize(static_cast<std::size_t>(o - out.data()));
     return out;
 }
 
 std::string encode(std::wstring_view in) {
-    std::string out;
-    out.reserve(in.size());
-    for (std::size_t i = 0; i < in.size(); ++i) {
+    // ASCII text (the common case for names and paths) is copied in one pass;
+    // the first other character switches to the general encoder.
+    std::string out(in.size(), '\0');
+    std::size_t ascii = 0;
+    while (ascii < in.size() && static_cast<char32_t>(in[ascii]) < 0x80) {
+        out[ascii] = static_cast<char>(in[ascii]);
+        ++ascii;
+    }
+    out.resize(ascii);
+    if (ascii == in.size()) return out;
+    out.reserve(in.size() + (in.size() - ascii) * 3);
+    for (std::size_t i = ascii; i < in.size(); ++i) {
         const auto c = static_cast<char32_t>(in[i]);
         if (c < 0x80) {
             out.push_back(static_cast<char>(c));

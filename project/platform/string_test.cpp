@@ -45,6 +45,14 @@ TEST(Utf8Codec, TwoThreeAndFourByteCharactersRoundTrip) {
     EXPECT_TRUE(utf8::isValid(enc));
 }
 
+TEST(Utf8Codec, AsciiPrefixFollowedByOtherCharactersRoundTrips) {
+    const std::wstring wide = L"/shared/report-\u00e9t\u00e9/\u4e2d\U0001F600/end";
+    const std::string enc = utf8::encode(wide);
+    EXPECT_EQ(enc, "/shared/report-\xc3\xa9t\xc3\xa9/\xe4\xb8\xad\xf0\x9f\x98\x80/end");
+    EXPECT_EQ(utf8::decode(enc), wide);
+    EXPECT_EQ(utf8::decode(enc).size(), wide.size());
+}
+
 TEST(Utf8Codec, BoundaryCodePointsRoundTrip) {
     for (char32_t cp : {0x0u, 0x7Fu, 0x80u, 0x7FFu, 0x800u, 0xD7FFu, 0xE000u, 0xFFFDu, 0xFFFFu, 0x10000u, 0x10FFFFu}) {
         const std::wstring one(1, static_cast<wchar_t>(cp));

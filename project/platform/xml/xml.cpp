@@ -508,6 +508,12 @@ String XmlElement::getAttributeValue(const String& name, ERequired required) con
         }
         return String();
     }
+    // A parsed attribute value is one text node (entities are never
+    // substituted into references here): read it in place instead of
+    // having libxml2 concatenate a copy.
+    const xmlNode* value = attr->children;
+    if (!value) return String();
+    if (value->type == XML_TEXT_NODE && !value->next) return fromXml(value->content);
     return takeXmlString(xmlNodeListGetString(attr->doc, attr->children, 1));
 }
 

@@ -149,6 +149,19 @@ TEST(XmlDocumentTest, AttributeValuesWithSpecialCharactersAreEscapedAndReadBack)
         tricky);
 }
 
+TEST(XmlDocumentTest, ParsedAttributeValuesWithReferencesAndEmptyValuesReadBack) {
+    auto doc = parsed(
+        "<favoritelist xmlns=\"urn:kiv-web:favorites/v1\">"
+        "<favorite xmlns=\"\" name=\"a&amp;b &#233;&#x4e2d; &lt;x&gt;\" catalogpath=\"\"/>"
+        "</favoritelist>");
+    XmlElement* e = doc->getRootElementRef().getFirstChildElement();
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->getAttributeValue(L"name", XmlElement::kRequired), String(L"a&b \u00e9\u4e2d <x>"));
+    EXPECT_TRUE(e->hasAttribute(L"catalogpath"));
+    EXPECT_EQ(e->getAttributeValue(L"catalogpath", XmlElement::kRequired), String());
+    EXPECT_EQ(e->getAttributeValue(L"type", XmlElement::kNotRequired), String());
+}
+
 TEST(XmlDocumentTest, SettingAnAttributeAgainReplacesItsValue) {
     XmlDocument doc;
     XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"r"));
