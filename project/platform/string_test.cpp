@@ -45,6 +45,20 @@ TEST(Utf8Codec, TwoThreeAndFourByteCharactersRoundTrip) {
     EXPECT_TRUE(utf8::isValid(enc));
 }
 
+TEST(Utf8Codec, MalformedByteAfterLongAsciiRunsIsFound) {
+    // Every offset relative to the eight-byte steps over ASCII text.
+    for (std::size_t prefix = 0; prefix < 20; ++prefix) {
+        std::string in(prefix, 'a');
+        in += bytes({0xC3});  // truncated
+        EXPECT_FALSE(utf8::isValid(in)) << prefix;
+        in += bytes({0xA9});
+        in += std::string(prefix, 'b');
+        EXPECT_TRUE(utf8::isValid(in)) << prefix;
+        in += bytes({0xFF});
+        EXPECT_FALSE(utf8::isValid(in)) << prefix;
+    }
+}
+
 TEST(Utf8Codec, AsciiPrefixFollowedByOtherCharactersRoundTrips) {
     const std::wstring wide = L"/shared/report-\u00e9t\u00e9/\u4e2d\U0001F600/end";
     const std::string enc = utf8::encode(wide);
