@@ -176,9 +176,18 @@ public:
     const GDVariant& getReferencedValue() const noexcept;
 };
 
+// The array or the object view of a value: what a dynamic_cast to the view
+// gives, found for the JSON values by one comparison of the dynamic type.
+// Null when `value` is null or has no such view.
+const IGDRandomAccessContainer* arrayView(const GDValue* value) noexcept;
+const IGDReadablePropertyBag* objectView(const GDValue* value) noexcept;
+
 struct GDTypeConversions {
     // The text form of a variant (see the table at the top of this file).
     static String toString(GDContext& ctx, const GDVariant& value);
+    // The same text; a string that `value` holds itself is moved out of it
+    // rather than copied.
+    static String toString(GDContext& ctx, GDVariant&& value);
     // The variant as JSON text: like toString, but strings are quoted and
     // escaped and null is "null", so that every result is a JSON literal.
     static String toJson(GDContext& ctx, const GDVariant& value);
