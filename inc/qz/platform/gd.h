@@ -69,9 +69,14 @@ namespace kiv {
 // It also remembers the JSON text that `GDTypeConversions::toString` last
 // made of a few arrays and objects: when its evaluator is then asked to
 // evaluate exactly that text, it answers with the (immutable, equal) value
-// the text was made from instead of parsing it again. Readers that walk a
-// tree level by level through the text form of each level thus parse the
-// text only once.
+// the text was made from instead of parsing it again (only for values whose
+// text reads back as an equal structure within the limits below, which every
+// value an evaluation produced is). And the text of a whole tree, once
+// written, serves the text of every array and object inside it as a copy of
+// a part of it. Readers that walk a tree level by level through the text form
+// of each level thus parse the text only once and write it only once. The
+// context holds the last few trees it wrote, and the values of the last few
+// texts it gave, alive.
 class GDContext {
 public:
     GDContext();
