@@ -143,11 +143,21 @@ GDValue* resolvedValue(const GDVariant& v) {
     return p ? p->resolveReferences() : nullptr;
 }
 
+// Property keys of the client JSON, made once.
+const GDPropertyKey kkeyType(ksTypeArg);
+const GDPropertyKey kkeyPath(ksCatalogPathArg);
+const GDPropertyKey kkeyName(ksNameArg);
+const GDPropertyKey kkeyChildren(ksFavoritesChildrenArg);
+const GDPropertyKey kkeyFavoritesParentPath(ksFavoritesParentPathArg);
+
 // Reads a property and turns it into its text form. False when absent.
-bool readPropertyText(const IGDReadablePropertyBag& bag, GDContext& ctx, const String& key, String& text) {
+bool readPropertyText(const IGDReadablePropertyBag& bag, GDContext& ctx, const GDPropertyKey& key, String& text) {
     GDAdjustableSizeVariant value;
-    if (!bag.getProperty(ctx, GDPropertyKey(key), value)) return false;
-    text = GDTypeConversions::toString(ctx, value.getReferencedValue());
+    if (!bag.getProperty(ctx, key, value)) return false;
+    const GDVariant& referenced = value.getReferencedValue();
+    // A string read directly (the usual case) is moved, not copied.
+    text = &referenced == &value ? GDTypeConversions::toString(ctx, std::move(value))
+                                 : GDTypeConversions::toString(ctx, referenced);
     return true;
 }
 
@@ -669,16 +679,16 @@ favorites::ReturnCode FavoritesManager::createFavoriteFromJson(const String& sJs
     GDVariant value;
     if (!evaluator.evaluateExpression(sJsonItemInfo, sJsonItemInfo.length(), value, GDExpressionEvaluator::kJsonLiteral))
         return favorites::kErrorInvalidFavoritesJson;
-    const auto* pBag = dynamic_cast<const IGDReadablePropertyBag*>(resolvedValue(value));
+    const auto* pBag = objectView(resolvedValue(value));
     if (!pBag) return favorites::kErrorInvalidFavoritesJson;
     GDContext& ctx = evaluator.getContext();
 
     String sType;
-    if (!readPropertyText(*pBag, ctx, ksTypeArg, sType)) return favorites::kErrorInvalidFavoritesJson;
+    if (!readPropertyText(*pBag, ctx, kkeyType, sType)) return favorites::kErrorInvalidFavoritesJson;
     const favorites::EItemType eType = kmapFavoritesJSONTypes.getEnum(sType);
 
     String sParentPath;
-    if (!readPropertyText(*pBag, ctx, ksFavoritesParentPathArg, sParentPath)) return favorites::kErrorInvalidFavoritesJson;
+    if (!readPropertyText(*pBag, ctx, kkeyFavoritesParentPath, sParentPath)) return favorites::kErrorInvalidFavoritesJson;
     catalog::Path tParentPath;
     const catalog::Path& parent = tParentPath.checkAndSetPath(sParentPath) ? tParentPath : m_rootFolderPath;
 
@@ -686,12 +696,12 @@ favorites::ReturnCode FavoritesManager::createFavoriteFromJson(const String& sJs
         // A category made from one item is named by its "type" text ("1"),
         // not by "name": kept so for the clients that rely on it.
         String sName;
-        if (!readPropertyText(*pBag, ctx, ksTypeArg, sName)) return favorites::kErrorInvalidFavoritesJson;
+        if (!readPropertyText(*pBag, ctx, kkeyType, sName)) return favorites::kErrorInvalidFavoritesJson;
         return createFolder(catalog::ItemName(sName, catalog::ItemName::kNone), favoriteItem, parent);
     }
     if (eType == favorites::kCatalogObject) {
         String sPath;
-        if (!readPropertyText(*pBag, ctx, ksCatalogPathArg, sPath)) return favorites::kErrorInvalidFavoritesJson;
+        if (!readPropertyText(*pBag, ctx, kkeyPath, sPath)) return favorites::kErrorInvalidFavoritesJson;
         return createFavoritesCatalogItem(catalog::Path(sPath), favoriteItem, parent);
     }
     return favorites::kErrorInvalidFavoritesJson;
@@ -712,24 +722,24 @@ favorites::ReturnCode FavoritesManager::createFavoritesFromJson(const String& sJ
     if (!evaluator.evaluateExpression(sJsonFavoritesInfo, sJsonFavoritesInfo.length(), value,
                                       GDExpressionEvaluator::kJsonLiteral))
         return favorites::kSuccess;
-    const auto* pArray = dynamic_cast<const IGDRandomAccessContainer*>(resolvedValue(value));
+    const auto* pArray = arrayView(resolvedValue(value));
     if (!pArray) return favorites::kSuccess;
     GDContext& ctx = evaluator.getContext();
 
     for (std::size_t i = 0; i < pArray->getCount(); ++i) {
         GDVariant element;
         if (!pArray->getElement(i, element)) continue;
-        const auto* pBag = dynamic_cast<const IGDReadablePropertyBag*>(resolvedValue(element));
+        const auto* pBag = objectView(resolvedValue(element));
         if (!pBag) continue;
 
         String sType;
-        if (!readPropertyText(*pBag, ctx, ksTypeArg, sType)) return favorites::kErrorInvalidFavoritesJson;
+        if (!readPropertyText(*pBag, ctx, kkeyType, sType)) return favorites::kErrorInvalidFavoritesJson;
         const favorites::EItemType eType = kmapFavoritesJSONTypes.getEnum(sType);
 
         Handle<FavoritesItem> item;
         if (eType == favorites::kCatalogObject) {
             String sPath;  // a missing "path" reads as empty text
-            readPropertyText(*pBag, ctx, ksCatalogPathArg, sPath);
+            readPropertyText(*pBag, ctx, kkeyPath, sPath);
             const catalog::Path catalogPath(sPath);
             if (createFavoritesCatalogItem(catalogPath, item, parentFavorite->getPath()) != favorites::kSuccess)
                 return favorites::kErrorInvalidFavoritesJson;
@@ -738,7 +748,7 @@ favorites::ReturnCode FavoritesManager::createFavoritesFromJson(const String& sJ
             insertCatalogPathInMap(catalogPath);
         } else if (eType == favorites::kCategory) {
             String sName;  // a missing "name" reads as empty text
-            readPropertyText(*pBag, ctx, ksNameArg, sName);
+            readPropertyText(*pBag, ctx, kkeyName, sName);
             const favorites::ReturnCode eCode =
                 createFolder(catalog::ItemName(sName, catalog::ItemName::kNone), item, parentFavorite->getPath());
             if (eCode != favorites::kSuccess) return eCode;
@@ -746,7 +756,7 @@ favorites::ReturnCode FavoritesManager::createFavoritesFromJson(const String& sJ
             String sChildren;
             // Each level is read from the text form of its array; an error
             // inside a category does not stop its siblings.
-            if (readPropertyText(*pBag, ctx, ksFavoritesChildrenArg, sChildren))
+            if (readPropertyText(*pBag, ctx, kkeyChildren, sChildren))
                 createFavoritesFromJson(sChildren, item, evaluator);
         }
         // Any other type: the element is skipped.

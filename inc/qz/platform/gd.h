@@ -69,9 +69,14 @@ namespace kiv {
 // It also remembers the JSON text that `GDTypeConversions::toString` last
 // made of a few arrays and objects: when its evaluator is then asked to
 // evaluate exactly that text, it answers with the (immutable, equal) value
-// the text was made from instead of parsing it again. Readers that walk a
-// tree level by level through the text form of each level thus parse the
-// text only once.
+// the text was made from instead of parsing it again (only for values whose
+// text reads back as an equal structure within the limits below, which every
+// value an evaluation produced is). And the text of a whole tree, once
+// written, serves the text of every array and object inside it as a copy of
+// a part of it. Readers that walk a tree level by level through the text form
+// of each level thus parse the text only once and write it only once. The
+// context holds the last few trees it wrote, and the values of the last few
+// texts it gave, alive.
 class GDContext {
 public:
     GDContext();
@@ -176,9 +181,18 @@ public:
     const GDVariant& getReferencedValue() const noexcept;
 };
 
+// The array or the object view of a value: what a dynamic_cast to the view
+// gives, found for the JSON values by one comparison of the dynamic type.
+// Null when `value` is null or has no such view.
+const IGDRandomAccessContainer* arrayView(const GDValue* value) noexcept;
+const IGDReadablePropertyBag* objectView(const GDValue* value) noexcept;
+
 struct GDTypeConversions {
     // The text form of a variant (see the table at the top of this file).
     static String toString(GDContext& ctx, const GDVariant& value);
+    // The same text; a string that `value` holds itself is moved out of it
+    // rather than copied.
+    static String toString(GDContext& ctx, GDVariant&& value);
     // The variant as JSON text: like toString, but strings are quoted and
     // escaped and null is "null", so that every result is a JSON literal.
     static String toJson(GDContext& ctx, const GDVariant& value);

@@ -66,7 +66,8 @@ public:
     bool getBool() const { return std::get<bool>(m_v); }
     std::int64_t getInt() const { return std::get<std::int64_t>(m_v); }
     double getDouble() const { return std::get<double>(m_v); }
-    const String& getString() const { return std::get<String>(m_v); }
+    const String& getString() const& { return std::get<String>(m_v); }
+    String getString() && { return std::get<String>(std::move(m_v)); }
     const Message* getMessage() const noexcept {
         auto p = std::get_if<std::shared_ptr<const Message>>(&m_v);
         return p ? p->get() : nullptr;

@@ -12,6 +12,11 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+#include <typeinfo>
 #include <numeric>
 
 #include "qz/platform/exception.h"
@@ -30,14 +35,28 @@ bool keyLess(const String& a, const String& b) noexcept {
     return static_cast<const std::wstring&>(a) < static_cast<const std::wstring&>(b);
 }
 
+// Characters looked at together by the ASCII fast paths below: each block is
+// one branch-free loop that the compiler turns into vector instructions.
+constexpr std::size_t kBlock = 16;
+
 // UTF-8 to String with a fast path for pure ASCII; throws Utf8Error.
 String decodeUtf8(std::string_view s) {
-    for (unsigned char c : s) {
-        if (c >= 0x80) return String::fromUtf8(s);
+    const std::size_t n = s.size();
+    const auto* src = reinterpret_cast<const unsigned char*>(s.data());
+    unsigned bits = 0;
+    std::size_t i = 0;
+    for (; i + kBlock <= n; i += kBlock) {
+        for (std::size_t k = 0; k < kBlock; ++k) bits |= src[i + k];
     }
+    for (; i < n; ++i) bits |= src[i];
+    if (bits >= 0x80) return String::fromUtf8(s);
     String out;
-    out.resize(s.size());
-    for (std::size_t i = 0; i < s.size(); ++i) out[i] = static_cast<wchar_t>(static_cast<unsigned char>(s[i]));
+    out.resize(n);
+    wchar_t* dst = out.data();
+    for (i = 0; i + kBlock <= n; i += kBlock) {
+        for (std::size_t k = 0; k < kBlock; ++k) dst[i + k] = static_cast<wchar_t>(src[i + k]);
+    }
+    for (; i < n; ++i) dst[i] = static_cast<wchar_t>(src[i]);
     return out;
 }
 
@@ -45,21 +64,42 @@ String decodeUtf8(std::string_view s) {
 // is not a Unicode scalar value.
 std::size_t utf8Length(std::wstring_view in) noexcept {
     std::size_t n = 0;
-    for (wchar_t wc : in) {
-        const auto c = static_cast<std::uint32_t>(wc);
-        if (c < 0x80) n += 1;
-        else if (c < 0x800) n += 2;
-        else if (c >= 0xD800 && c <= 0xDFFF) return SIZE_MAX;
-        else if (c < 0x10000) n += 3;
-        else if (c <= 0x10FFFF) n += 4;
-        else return SIZE_MAX;
+    std::size_t i = 0;
+    while (i < in.size()) {
+        if (i + kBlock <= in.size()) {
+            std::uint32_t bits = 0;
+            for (std::size_t k = 0; k < kBlock; ++k) bits |= static_cast<std::uint32_t>(in[i + k]);
+            if (bits < 0x80) {
+                n += kBlock;
+                i += kBlock;
+                continue;
+            }
+        }
+        const std::size_t end = std::min(i + kBlock, in.size());
+        for (; i < end; ++i) {
+            const auto c = static_cast<std::uint32_t>(in[i]);
+            if (c < 0x80) n += 1;
+            else if (c < 0x800) n += 2;
+            else if (c >= 0xD800 && c <= 0xDFFF) return SIZE_MAX;
+            else if (c < 0x10000) n += 3;
+            else if (c <= 0x10FFFF) n += 4;
+            else return SIZE_MAX;
+        }
     }
     return n;
 }
 
 // Writes the UTF-8 form of `in` (already checked by utf8Length) to `out`.
 void encodeUtf8(std::wstring_view in, char* out) noexcept {
-    for (wchar_t wc : in) {
+    std::size_t i = 0;
+    for (; i + kBlock <= in.size(); i += kBlock) {
+        std::uint32_t bits = 0;
+        for (std::size_t k = 0; k < kBlock; ++k) bits |= static_cast<std::uint32_t>(in[i + k]);
+        if (bits >= 0x80) break;
+        for (std::size_t k = 0; k < kBlock; ++k) out[k] = static_cast<char>(in[i + k]);
+        out += kBlock;
+    }
+    for (wchar_t wc : in.substr(i)) {
         const auto c = static_cast<std::uint32_t>(wc);
         if (c < 0x80) {
             *out++ = static_cast<char>(c);
@@ -104,81 +144,156 @@ void appendInt(std::wstring& out, std::int64_t n) {
     for (char* p = buf; p != res.ptr; ++p) out.push_back(static_cast<wchar_t>(*p));
 }
 
-void appendJsonString(std::wstring& out, const std::wstring& s) {
+// Written with bitwise operators so that a block of tests has no branches.
+unsigned needsEscape(wchar_t c) noexcept {
+    const auto u = static_cast<std::uint32_t>(c);
+    return static_cast<unsigned>(u == 0x22) | static_cast<unsigned>(u == 0x5C) | static_cast<unsigned>(u < 0x20);
+}
+
+void appendJsonString(std::wstring& out, std::wstring_view s) {
     static const wchar_t kHex[] = L"0123456789abcdef";
     out.push_back(L'"');
-    for (wchar_t c : s) {
-        switch (c) {
-            case L'"': out += L"\\\""; break;
-            case L'\\': out += L"\\\\"; break;
-            case L'\b': out += L"\\b"; break;
-            case L'\f': out += L"\\f"; break;
-            case L'\n': out += L"\\n"; break;
-            case L'\r': out += L"\\r"; break;
-            case L'\t': out += L"\\t"; break;
-            default:
-                if (static_cast<std::uint32_t>(c) < 0x20) {
+    std::size_t run = 0;  // start of the characters not yet written
+    std::size_t i = 0;
+    while (i < s.size()) {
+        if (i + kBlock <= s.size()) {
+            unsigned any = 0;
+            for (std::size_t k = 0; k < kBlock; ++k) any |= needsEscape(s[i + k]);
+            if (!any) {
+                i += kBlock;
+                continue;
+            }
+        }
+        const std::size_t end = std::min(i + kBlock, s.size());
+        for (; i < end; ++i) {
+            const wchar_t c = s[i];
+            if (!needsEscape(c)) continue;
+            out.append(s.data() + run, i - run);
+            run = i + 1;
+            switch (c) {
+                case L'"': out += L"\\\""; break;
+                case L'\\': out += L"\\\\"; break;
+                case L'\b': out += L"\\b"; break;
+                case L'\f': out += L"\\f"; break;
+                case L'\n': out += L"\\n"; break;
+                case L'\r': out += L"\\r"; break;
+                case L'\t': out += L"\\t"; break;
+                default:
                     out += L"\\u00";
                     out.push_back(kHex[(c >> 4) & 0xF]);
                     out.push_back(kHex[c & 0xF]);
-                } else {
-                    out.push_back(c);
-                }
+            }
         }
     }
+    out.append(s.data() + run, s.size() - run);
     out.push_back(L'"');
+}
+
+// dynamic_cast<const T*>(v) for a final class T, as one comparison of the
+// dynamic type: the JSON writer asks this of every value it writes.
+template <class T>
+const T* exactly(const GDValue* v) noexcept {
+    static_assert(std::is_final_v<T>);
+    if (!v) return nullptr;
+    if (typeid(*v) == typeid(T)) return static_cast<const T*>(v);
+    return nullptr;
 }
 
 const GDVariant& followHolders(const GDVariant& v) noexcept {
     const GDVariant* cur = &v;
     for (int hop = 0; hop < kMaxReferenceHops; ++hop) {
-        auto* ref = dynamic_cast<const GDReferenceValue*>(cur->getValue());
+        auto* ref = exactly<GDReferenceValue>(cur->getValue());
         if (!ref) break;
         cur = &ref->getTarget();
     }
     return *cur;
 }
 
-void appendJson(std::wstring& out, const GDVariant& value);
-
-void appendJsonValue(std::wstring& out, const GDValue* v) {
-    if (auto* arr = dynamic_cast<const GDJsonArray*>(v)) {
-        out.push_back(L'[');
-        bool first = true;
-        for (const GDVariant& e : arr->elements()) {
-            if (!first) out.push_back(L',');
-            first = false;
-            appendJson(out, e);
-        }
-        out.push_back(L']');
-    } else if (auto* obj = dynamic_cast<const GDJsonObject*>(v)) {
-        out.push_back(L'{');
-        bool first = true;
-        for (const auto& m : obj->members()) {
-            if (!first) out.push_back(L',');
-            first = false;
-            appendJsonString(out, m.first);
-            out.push_back(L':');
-            appendJson(out, m.second);
-        }
-        out.push_back(L'}');
-    } else {
-        out += L"null";
-    }
+bool isJsonContainer(const GDValue* v) noexcept {
+    return exactly<GDJsonArray>(v) != nullptr || exactly<GDJsonObject>(v) != nullptr;
 }
 
-void appendJson(std::wstring& out, const GDVariant& value) {
-    const GDVariant& v = followHolders(value);
-    switch (v.kind()) {
-        case GDVariant::Kind::kEmpty: out += L"null"; break;
-        case GDVariant::Kind::kBool: out += v.getBool() ? L"true" : L"false"; break;
-        case GDVariant::Kind::kInt: appendInt(out, v.getInt()); break;
-        case GDVariant::Kind::kDouble: appendDouble(out, v.getDouble(), true); break;
-        case GDVariant::Kind::kString: appendJsonString(out, v.getString()); break;
-        case GDVariant::Kind::kMessage: appendJsonString(out, v.toText()); break;
-        case GDVariant::Kind::kValue: appendJsonValue(out, v.getValue()); break;
+// Writes the JSON text of values. Optionally it notes where the text of every
+// array and object begins and ends, and whether evaluating the text would give
+// back a structure equal to the value (it would not for what JSON cannot
+// spell: reference holders, messages, non-finite doubles, other values, or
+// nesting beyond the evaluator's limit).
+class JsonWriter {
+public:
+    struct Span {
+        const GDValue* value;
+        std::size_t offset;
+        std::size_t length;
+    };
+
+    explicit JsonWriter(std::wstring& out, std::vector<Span>* spans = nullptr) : m_out(out), m_spans(spans) {}
+
+    bool exact() const noexcept { return m_exact; }
+
+    void write(const GDVariant& value) {
+        const GDVariant& v = followHolders(value);
+        if (&v != &value) m_exact = false;
+        switch (v.kind()) {
+            case GDVariant::Kind::kEmpty: m_out += L"null"; break;
+            case GDVariant::Kind::kBool: m_out += v.getBool() ? L"true" : L"false"; break;
+            case GDVariant::Kind::kInt: appendInt(m_out, v.getInt()); break;
+            case GDVariant::Kind::kDouble:
+                if (!std::isfinite(v.getDouble())) m_exact = false;
+                appendDouble(m_out, v.getDouble(), true);
+                break;
+            case GDVariant::Kind::kString: appendJsonString(m_out, v.getString()); break;
+            case GDVariant::Kind::kMessage:
+                m_exact = false;
+                appendJsonString(m_out, v.toText());
+                break;
+            case GDVariant::Kind::kValue: writeValue(v.getValue()); break;
+        }
     }
-}
+
+    void writeValue(const GDValue* v) {
+        if (!isJsonContainer(v)) {
+            m_exact = false;
+            m_out += L"null";
+            return;
+        }
+        // Noted before the members, so that spans are in document order.
+        const std::size_t span = m_spans ? m_spans->size() : 0;
+        if (m_spans) m_spans->push_back({v, m_out.size(), 0});
+        if (auto* arr = exactly<GDJsonArray>(v)) {
+            if (++m_depth > GDExpressionEvaluator::kMaxDepth) m_exact = false;
+            m_out.push_back(L'[');
+            bool first = true;
+            for (const GDVariant& e : arr->elements()) {
+                if (!first) m_out.push_back(L',');
+                first = false;
+                write(e);
+            }
+            m_out.push_back(L']');
+            --m_depth;
+        } else {
+            auto* obj = static_cast<const GDJsonObject*>(v);
+            if (++m_depth > GDExpressionEvaluator::kMaxDepth) m_exact = false;
+            m_out.push_back(L'{');
+            bool first = true;
+            for (const auto& m : obj->members()) {
+                if (!first) m_out.push_back(L',');
+                first = false;
+                appendJsonString(m_out, m.first);
+                m_out.push_back(L':');
+                write(m.second);
+            }
+            m_out.push_back(L'}');
+            --m_depth;
+        }
+        if (m_spans) (*m_spans)[span].length = m_out.size() - (*m_spans)[span].offset;
+    }
+
+private:
+    std::wstring& m_out;
+    std::vector<Span>* m_spans;
+    std::size_t m_depth = 0;
+    bool m_exact = true;
+};
 
 // Copies a simdjson DOM element into a variant; false on any failure
 // (nesting too deep, integer out of range, string not decodable).
@@ -238,6 +353,19 @@ bool GDJsonArray::getElement(std::size_t i, GDVariant& out) const {
 GDJsonObject::GDJsonObject(std::vector<Member> members) {
     const std::size_t n = members.size();
     if (n <= kLinearMembers) {
+        bool unique = true;
+        for (std::size_t i = 1; i < n && unique; ++i) {
+            for (std::size_t j = 0; j < i; ++j) {
+                if (members[i].first == members[j].first) {
+                    unique = false;
+                    break;
+                }
+            }
+        }
+        if (unique) {
+            m_members = std::move(members);
+            return;
+        }
         m_members.reserve(n);
         for (auto& m : members) {
             auto it = std::find_if(m_members.begin(), m_members.end(),
@@ -301,7 +429,7 @@ bool GDJsonObject::getProperty(GDContext&, const GDPropertyKey& key, GDVariant& 
 GDValue* GDReferenceValue::resolveReferences() {
     const GDVariant& target = followHolders(m_target);
     GDValue* v = target.getValue();
-    if (!v || dynamic_cast<GDReferenceValue*>(v)) return nullptr;  // scalar, nothing, or chain too long
+    if (!v || exactly<GDReferenceValue>(v)) return nullptr;  // scalar, nothing, or chain too long
     return v->resolveReferences();
 }
 
@@ -309,25 +437,100 @@ const GDVariant& GDAdjustableSizeVariant::getReferencedValue() const noexcept { 
 
 // ---------------------------------------------------------------- context
 
-// The last few container texts made by toString, with the values they were
-// made from. An entry is dropped when its text is evaluated.
+// Texts of arrays and objects made by toString.
+//
+// Writing a container's text once also tells where the text of every
+// container nested in it lies, so a later toString of any of them is a copy
+// of part of that text instead of a new walk over values ("bases", the last
+// few texts written in full). The last few texts handed out are remembered
+// with their values ("given"): evaluating one of them again answers with the
+// value, unparsed, when the text is known to evaluate to an equal structure.
+// A given text is forgotten once it has been evaluated.
 struct GDContext::Memo {
-    static constexpr std::size_t kEntries = 4;
-    struct Entry {
+    static constexpr std::size_t kBases = 4;
+    static constexpr std::size_t kGiven = 4;
+
+    struct Base {
+        GDVariant value;  // keeps the tree, and so the addresses in `spans`, alive
         String text;
+        // Evaluating the text (or the text of any container in it) gives an
+        // equal structure, within the evaluator's limits.
+        bool exact = false;
+        std::vector<JsonWriter::Span> spans;  // in document order, `value` first
+
+        // The span of `v`. Readers mostly ask for containers in document
+        // order, so the spans just after the last answer are looked at first;
+        // otherwise an index by address, built on first need, answers.
+        const JsonWriter::Span* find(const GDValue* v) const {
+            const std::size_t end = std::min(spans.size(), next + kLookAhead);
+            for (std::size_t i = next; i < end; ++i) {
+                if (spans[i].value == v) return found(i);
+            }
+            if (byAddress.empty()) {
+                byAddress.resize(spans.size());
+                std::iota(byAddress.begin(), byAddress.end(), std::size_t{0});
+                std::sort(byAddress.begin(), byAddress.end(), [&](std::size_t a, std::size_t b) {
+                    return std::less<const GDValue*>()(spans[a].value, spans[b].value);
+                });
+            }
+            auto it = std::lower_bound(byAddress.begin(), byAddress.end(), v, [&](std::size_t i, const GDValue* p) {
+                return std::less<const GDValue*>()(spans[i].value, p);
+            });
+            return it != byAddress.end() && spans[*it].value == v ? found(*it) : nullptr;
+        }
+
+    private:
+        static constexpr std::size_t kLookAhead = 64;
+        mutable std::size_t next = 0;
+        mutable std::vector<std::size_t> byAddress;
+
+        const JsonWriter::Span* found(std::size_t i) const {
+            next = i + 1;
+            return &spans[i];
+        }
+    };
+    struct Given {
+        std::shared_ptr<const Base> base;
+        std::size_t offset;
+        std::size_t length;
         GDVariant value;
     };
-    std::vector<Entry> entries;  // oldest first
+    std::vector<std::shared_ptr<const Base>> bases;  // oldest first
+    std::vector<Given> given;                        // oldest first
 
-    void remember(const String& text, const GDVariant& value) {
-        if (entries.size() == kEntries) entries.erase(entries.begin());
-        entries.push_back({text, value});
+    // The text of `v`, which holds an array or an object.
+    String textOf(const GDVariant& v) {
+        const GDValue* p = v.getValue();
+        for (auto it = bases.rbegin(); it != bases.rend(); ++it) {
+            if (const JsonWriter::Span* span = (*it)->find(p)) return give(*it, *span, v);
+        }
+        auto base = std::make_shared<Base>();
+        base->value = v;
+        std::wstring out;
+        JsonWriter writer(out, &base->spans);
+        writer.writeValue(p);
+        base->text = String(std::move(out));
+        const std::size_t bytes = utf8Length(base->text);
+        base->exact = writer.exact() && bytes != SIZE_MAX && bytes <= GDExpressionEvaluator::kMaxTextBytes;
+        if (bases.size() == kBases) bases.erase(bases.begin());
+        bases.push_back(base);
+        return give(base, *base->find(p), v);  // the first span, `p` itself
     }
+
+    String give(const std::shared_ptr<const Base>& base, const JsonWriter::Span& span, const GDVariant& v) {
+        if (given.size() == kGiven) given.erase(given.begin());
+        given.push_back({base, span.offset, span.length, v});
+        return String(std::wstring_view(base->text).substr(span.offset, span.length));
+    }
+
+    // The value whose text `text` was handed out, if evaluating the text would
+    // give an equal structure; the entry is dropped.
     bool take(std::wstring_view text, GDVariant& out) {
-        for (auto it = entries.begin(); it != entries.end(); ++it) {
-            if (std::wstring_view(it->text) != text) continue;
+        for (auto it = given.rbegin(); it != given.rend(); ++it) {
+            if (it->length != text.size() || !it->base->exact) continue;
+            if (std::wstring_view(it->base->text).substr(it->offset, it->length) != text) continue;
             out = std::move(it->value);
-            entries.erase(it);
+            given.erase(std::next(it).base());
             return true;
         }
         return false;
@@ -340,14 +543,8 @@ GDContext::~GDContext() = default;
 String GDTypeConversions::toString(GDContext& ctx, const GDVariant& value) {
     const GDVariant& v = followHolders(value);
     if (v.kind() == GDVariant::Kind::kValue) {
-        std::wstring out;
-        if (dynamic_cast<const GDJsonArray*>(v.getValue()) || dynamic_cast<const GDJsonObject*>(v.getValue())) {
-            appendJsonValue(out, v.getValue());
-            String text(std::move(out));
-            ctx.m_memo->remember(text, v);
-            return text;
-        }
-        return String(std::move(out));
+        if (isJsonContainer(v.getValue())) return ctx.m_memo->textOf(v);
+        return String();
     }
     if (v.kind() == GDVariant::Kind::kDouble) {
         std::wstring out;
@@ -357,9 +554,24 @@ String GDTypeConversions::toString(GDContext& ctx, const GDVariant& value) {
     return v.toText();
 }
 
+String GDTypeConversions::toString(GDContext& ctx, GDVariant&& value) {
+    if (value.kind() == GDVariant::Kind::kString) return std::move(value).getString();
+    return toString(ctx, static_cast<const GDVariant&>(value));
+}
+
+const IGDRandomAccessContainer* arrayView(const GDValue* value) noexcept {
+    if (auto* arr = exactly<GDJsonArray>(value)) return arr;
+    return dynamic_cast<const IGDRandomAccessContainer*>(value);
+}
+
+const IGDReadablePropertyBag* objectView(const GDValue* value) noexcept {
+    if (auto* obj = exactly<GDJsonObject>(value)) return obj;
+    return dynamic_cast<const IGDReadablePropertyBag*>(value);
+}
+
 String GDTypeConversions::toJson(GDContext&, const GDVariant& value) {
     std::wstring out;
-    appendJson(out, value);
+    JsonWriter(out).write(value);
     return String(std::move(out));
 }
 
@@ -389,12 +601,14 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
     if (flag != kJsonLiteral) return false;
     std::wstring_view view(text);
     view = view.substr(0, std::min(length, view.size()));
+    // The text form of a value made by toString: that value, unparsed (only
+    // when the text is known to be within the limits below and to evaluate
+    // to an equal structure).
+    if (view.size() == text.size() && m_context.m_memo->take(view, result)) return true;
+
     if (view.size() > kMaxTextBytes) return false;  // every character takes at least one byte
     const std::size_t bytes = utf8Length(view);
     if (bytes == SIZE_MAX || bytes > kMaxTextBytes) return false;
-
-    // The text form of a value made by toString: that value, unparsed.
-    if (view.size() == text.size() && m_context.m_memo->take(view, result)) return true;
 
     Impl& impl = *m_impl;
     if (!impl.allocated) {

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace kiv {
 namespace {
@@ -351,6 +353,184 @@ TEST(GDTypeConversionsToString, PrefixOfRememberedTextIsParsedNormally) {
     EXPECT_FALSE(ev.evaluateExpression(text, 6, out, 1));  // "[[1,2]" is not JSON
     ASSERT_TRUE(ev.evaluateExpression(text, text.size(), out, 1));
     EXPECT_EQ(out.getValue(), v->getValue());
+}
+
+// The children arrays of a three-level tree, in document order.
+std::vector<GDVariant> childrenArrays(GDContext& ctx, const GDVariant& tree) {
+    std::vector<GDVariant> out;
+    for (const GDVariant& item : asArray(tree)->elements()) {
+        GDVariant children;
+        if (!asObject(item)->getProperty(ctx, GDPropertyKey(L"children"), children)) continue;
+        out.push_back(children);
+        for (GDVariant& c : childrenArrays(ctx, children)) out.push_back(c);
+    }
+    return out;
+}
+
+String treeText(int groups) {
+    String text = L"[";
+    for (int g = 0; g < groups; ++g) {
+        if (g) text += L",";
+        const String n = std::to_wstring(g);
+        text += L"{\"type\":1,\"name\":\"G" + n + L"\",\"children\":[{\"type\":1,\"name\":\"T" + n +
+                L"\",\"children\":[{\"type\":0,\"path\":\"/a/" + n + L"\"},{\"type\":0,\"path\":\"/b/" + n +
+                L"\"}]},{\"type\":0,\"path\":\"/c/" + n + L"\"}]}";
+    }
+    return text + L"]";
+}
+
+TEST(GDTypeConversionsToString, NestedTextsEqualTheirOwnJsonInAnyOrder) {
+    GDExpressionEvaluator ev;
+    auto tree = eval(ev, treeText(3));
+    ASSERT_TRUE(tree);
+    GDContext& ctx = ev.getContext();
+    std::vector<GDVariant> arrays = childrenArrays(ctx, *tree);
+    ASSERT_EQ(arrays.size(), 6u);
+    GDContext fresh;
+    (void)GDTypeConversions::toString(ctx, *tree);  // written once; the rest is cut from it
+    for (const GDVariant& a : arrays)
+        EXPECT_EQ(GDTypeConversions::toString(ctx, a), GDTypeConversions::toJson(fresh, a));
+    for (auto it = arrays.rbegin(); it != arrays.rend(); ++it)  // away from document order
+        EXPECT_EQ(GDTypeConversions::toString(ctx, *it), GDTypeConversions::toJson(fresh, *it));
+    // Objects inside the tree are cut from it too.
+    const GDVariant& item = asArray(*tree)->elements()[1];
+    EXPECT_EQ(GDTypeConversions::toString(ctx, item), GDTypeConversions::toJson(fresh, item));
+}
+
+TEST(GDTypeConversionsToString, EachLevelsTextEvaluatesToItsOwnValueUnparsed) {
+    GDExpressionEvaluator ev;
+    auto tree = eval(ev, treeText(2));
+    ASSERT_TRUE(tree);
+    GDContext& ctx = ev.getContext();
+    for (const GDVariant& a : childrenArrays(ctx, *tree)) {
+        const String text = GDTypeConversions::toString(ctx, a);
+        auto again = eval(ev, text);
+        ASSERT_TRUE(again);
+        EXPECT_EQ(again->getValue(), a.getValue());
+    }
+}
+
+TEST(GDTypeConversionsToString, TextsStayRightAfterManyOtherTreesWereWritten) {
+    GDExpressionEvaluator ev;
+    GDContext& ctx = ev.getContext();
+    auto first = eval(ev, treeText(2));
+    ASSERT_TRUE(first);
+    const GDVariant inner = childrenArrays(ctx, *first).back();
+    (void)GDTypeConversions::toString(ctx, *first);
+    for (int i = 0; i < 10; ++i) {  // more trees than the context keeps written
+        auto other = eval(ev, treeText(i + 1));
+        ASSERT_TRUE(other);
+        (void)GDTypeConversions::toString(ctx, *other);
+    }
+    GDContext fresh;
+    const String text = GDTypeConversions::toString(ctx, inner);
+    EXPECT_EQ(text, GDTypeConversions::toJson(fresh, inner));
+    auto again = eval(ev, text);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->getValue(), inner.getValue());
+}
+
+TEST(GDTypeConversionsToString, ValueSharedInsideOneTreeHasOneText) {
+    Handle<GDValue> shared(new GDJsonArray({GDVariant(L"x"), GDVariant(2)}));
+    Handle<GDValue> tree(new GDJsonArray({GDVariant(shared), GDVariant(3), GDVariant(shared)}));
+    GDExpressionEvaluator ev;
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), GDVariant(tree)), L"[[\"x\",2],3,[\"x\",2]]");
+    const String text = GDTypeConversions::toString(ev.getContext(), GDVariant(shared));
+    EXPECT_EQ(text, L"[\"x\",2]");
+    auto again = eval(ev, text);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->getValue(), shared.get());
+}
+
+// Texts of values that no evaluation could have produced: evaluating them
+// parses the text, with the outcome the text alone decides.
+TEST(GDTypeConversionsToString, TextOfValueJsonCannotSpellIsParsedWhenEvaluated) {
+    GDExpressionEvaluator ev;
+    GDContext& ctx = ev.getContext();
+
+    Handle<GDValue> nan(new GDJsonArray({GDVariant(std::nan(""))}));
+    const String nanText = GDTypeConversions::toString(ctx, GDVariant(nan));
+    EXPECT_EQ(nanText, L"[null]");
+    auto nanAgain = eval(ev, nanText);
+    ASSERT_TRUE(nanAgain);
+    EXPECT_NE(nanAgain->getValue(), nan.get());
+    EXPECT_TRUE(asArray(*nanAgain)->elements()[0].isEmpty());
+
+    Handle<GDValue> target(new GDJsonArray({GDVariant(1)}));
+    Handle<GDValue> viaHolder(new GDJsonArray({GDVariant(Handle<GDValue>(new GDReferenceValue(GDVariant(target))))}));
+    const String holderText = GDTypeConversions::toString(ctx, GDVariant(viaHolder));
+    EXPECT_EQ(holderText, L"[[1]]");
+    auto holderAgain = eval(ev, holderText);
+    ASSERT_TRUE(holderAgain);
+    EXPECT_NE(holderAgain->getValue(), viaHolder.get());
+    EXPECT_TRUE(asArray(asArray(*holderAgain)->elements()[0]));
+
+    String surrogate = L"a";
+    surrogate[0] = static_cast<wchar_t>(0xD800);
+    Handle<GDValue> badString(new GDJsonArray({GDVariant(surrogate)}));
+    EXPECT_FALSE(eval(ev, GDTypeConversions::toString(ctx, GDVariant(badString))));
+
+    Handle<GDValue> deep(new GDJsonArray({GDVariant(1)}));
+    for (std::size_t i = 1; i <= GDExpressionEvaluator::kMaxDepth; ++i)
+        deep = Handle<GDValue>(new GDJsonArray({GDVariant(deep)}));
+    EXPECT_FALSE(eval(ev, GDTypeConversions::toString(ctx, GDVariant(deep))));
+}
+
+TEST(GDTypeConversionsToString, MovedVariantGivesTheSameText) {
+    GDContext ctx;
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(L"moved text")), L"moved text");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(std::int64_t{-7})), L"-7");
+    EXPECT_EQ(GDTypeConversions::toString(ctx, GDVariant(0.5)), L"0.5");
+    GDVariant arr(Handle<GDValue>(new GDJsonArray({GDVariant(L"a")})));
+    EXPECT_EQ(GDTypeConversions::toString(ctx, std::move(arr)), L"[\"a\"]");
+}
+
+TEST(GDTypeConversionsToString, LongStringsWithEscapesAndNonAsciiRoundTrip) {
+    GDExpressionEvaluator ev;
+    String s(40, L'a');
+    s[15] = L'"';   // last of a block of sixteen
+    s[16] = L'\\';  // first of the next
+    s[31] = L'\n';
+    s += L"\u00e9\u4e2d";
+    s.append(33, L'b');
+    s += static_cast<wchar_t>(0x1F600);
+    s += L'\u0001';
+    GDContext fresh;
+    const String json = GDTypeConversions::toJson(fresh, GDVariant(s));
+    auto back = eval(ev, json);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->getString(), s);
+    Handle<GDValue> arr(new GDJsonArray({GDVariant(s)}));
+    const String text = GDTypeConversions::toString(ev.getContext(), GDVariant(arr));
+    EXPECT_EQ(text, L"[" + json + L"]");
+    auto again = eval(ev, text);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->getValue(), arr.get());
+}
+
+class OtherArray final : public GDValue, public IGDRandomAccessContainer {
+public:
+    std::size_t getCount() const noexcept override { return 0; }
+    bool getElement(std::size_t, GDVariant&) const override { return false; }
+};
+
+TEST(GDJsonContainers, ViewsAgreeWithDynamicCast) {
+    Handle<GDValue> arr(new GDJsonArray());
+    Handle<GDValue> obj(new GDJsonObject());
+    Handle<GDValue> other(new OtherArray());
+    Handle<GDValue> ref(new GDReferenceValue(GDVariant(arr)));
+    for (const GDValue* v : {arr.get(), obj.get(), other.get(), ref.get(), static_cast<GDValue*>(nullptr)}) {
+        EXPECT_EQ(arrayView(v), dynamic_cast<const IGDRandomAccessContainer*>(v));
+        EXPECT_EQ(objectView(v), dynamic_cast<const IGDReadablePropertyBag*>(v));
+    }
+    EXPECT_NE(arrayView(other.get()), nullptr);
+    EXPECT_NE(objectView(obj.get()), nullptr);
+}
+
+TEST(GDJsonBadInput, UnpairedSurrogateAfterLongAsciiRunFails) {
+    String text = L"[\"" + String(40, L'x') + L"\"]";
+    text[37] = static_cast<wchar_t>(0xDC00);
+    EXPECT_FALSE(eval(text));
 }
 
 TEST(GDTypeConversionsToJson, ScalarsBecomeJsonLiterals) {
