@@ -29,6 +29,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bitset>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -277,10 +278,10 @@ struct Conn {
     std::int64_t aclGen = -1;
     std::uint64_t localGen = 0;
     std::unordered_map<std::string, std::vector<AclEntry>, StringViewHash, std::equal_to<>> acl;
-    // For a folder: the access list that applies to it (null: none), so
-    // that a look-up walks the ancestors once per folder, not once per item.
-    // Emptied whenever the access lists are reloaded.
-    std::unordered_map<std::string, const std::vector<AclEntry>*, StringViewHash, std::equal_to<>> applying;
+    // Bit n is set when a path of acl has a length of n modulo 256: most
+    // items and folders have no access list of their own, and this answers
+    // that for most of them without hashing their path.
+    std::bitset<256> aclLengths;
 
     ~Conn() {
         for (auto*& s : stmts)
@@ -403,14 +404,16 @@ struct Row {
     std::int64_t bodyId = 0;
     bool hasBody = false;
 
-    void take(const Query& q) {
+    // Reads the columns the caller uses: the properties only when asked
+    // for, the link target only of a link.
+    void take(const Query& q, bool withProperties = true) {
         kind = static_cast<int>(q.integerAt(0));
         signature = q.textAt(1);
-        props = q.blobAt(2);
-        linkTarget = q.textAt(3);
+        props = withProperties ? q.blobAt(2) : std::string_view();
+        linkTarget = kind == kKindLink ? q.textAt(3) : std::string_view();
         mtime = q.integerAt(4);
         hasBody = !q.isNull(5);
-        bodyId = q.integerAt(5);
+        bodyId = hasBody ? q.integerAt(5) : 0;
     }
 };
 
@@ -727,11 +730,13 @@ struct SqliteCatalog::Impl {
             if (q.step()) gen = q.integerAt(0);
         }
         if (!c.aclLoaded || gen != c.aclGen) {
-            c.applying.clear();
             c.acl.clear();
+            c.aclLengths.reset();
             Query q(c, kStAclAll);
             while (q.step()) {
-                auto& entries = c.acl[std::string(q.textAt(0))];
+                const std::string_view aclPath = q.textAt(0);
+                c.aclLengths.set(aclPath.size() % c.aclLengths.size());
+                auto& entries = c.acl[std::string(aclPath)];
                 const bool isGroup = q.integerAt(2) != 0;
                 String principal = fromUtf8(q.textAt(1));
                 const bool everyone = isGroup && principal == ksEveryoneGroup;
@@ -767,17 +772,15 @@ struct SqliteCatalog::Impl {
     }
 
     // The access list of the item or of its nearest ancestor that has one.
+    // The walk up stays in the path text; only a path whose length some
+    // access list's path has is looked up.
     static const std::vector<AclEntry>* applyingList(Conn& c, std::string_view path) {
-        const auto own = c.acl.find(path);
-        if (own != c.acl.end()) return &own->second;
-        const std::string_view parent = parentOf(path);
-        if (parent.empty()) return nullptr;
-        const auto known = c.applying.find(parent);
-        if (known != c.applying.end()) return known->second;
-        const std::vector<AclEntry>* list = applyingList(c, parent);
-        if (c.applying.size() >= 65536) c.applying.clear();  // bounded memory
-        c.applying.emplace(std::string(parent), list);
-        return list;
+        for (std::string_view p = path; !p.empty(); p = parentOf(p)) {
+            if (!c.aclLengths.test(p.size() % c.aclLengths.size())) continue;
+            const auto it = c.acl.find(p);
+            if (it != c.acl.end()) return &it->second;
+        }
+        return nullptr;
     }
 
     static bool mayRead(int rights) noexcept { return (rights & static_cast<int>(Rights::kRead)) != 0; }
@@ -818,7 +821,7 @@ struct SqliteCatalog::Impl {
                 r.type = kMissing;
                 return kErrorLinkTargetPathNotFound;
             }
-            target.take(hop);
+            target.take(hop, withProperties);
             if (!mayRead(rightsOf(c, user, c.hopBuf))) {
                 r.type = kNoAccess;
                 return kErrorLinkTargetAccessDenied;
@@ -844,7 +847,7 @@ struct SqliteCatalog::Impl {
             q.text(1, c->pathBuf);
             if (!q.step()) return kErrorPathNotFound;
             Row row;
-            row.take(q);
+            row.take(q, withProperties);
             refreshAcl(*c, localGen);
             if (!mayRead(rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
 

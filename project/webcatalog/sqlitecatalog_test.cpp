@@ -567,6 +567,24 @@ TEST_F(SqliteCatalogTest, TheNearestAccessListReplacesTheOnesAbove) {
     EXPECT_EQ(info(alice, L"/shared/team/x", i), kSuccess);
 }
 
+TEST_F(SqliteCatalogTest, AccessListsOnLongPathsApplyToTheirItemsOnly) {
+    // Item paths of 30, 286 and 542 bytes: the same length modulo 256.
+    const std::wstring folder = L"/shared/" + std::wstring(20, L'f');  // 28 characters
+    const Path shortItem(folder + L"/x");
+    const Path longItem(folder + L"/" + std::wstring(255, L'l') + L"/x");
+    const Path longerItem(folder + L"/" + std::wstring(255, L'l') + L"/" + std::wstring(255, L'm') + L"/x");
+    for (const Path* p : {&shortItem, &longItem, &longerItem}) catalog->putObject(*p, L"test1", {}, "x");
+    catalog->setAccess(longItem, L"alice", false, Rights::kNone);
+    ItemInfo i;
+    EXPECT_EQ(catalog->getItemInfo(alice, longItem, i, false, true), kErrorAccessDenied);
+    EXPECT_EQ(catalog->getItemInfo(alice, shortItem, i, false, true), kSuccess);
+    EXPECT_EQ(catalog->getItemInfo(alice, longerItem, i, false, true), kSuccess);
+    catalog->setAccess(longerItem, L"alice", false, Rights::kNone);
+    EXPECT_EQ(catalog->getItemInfo(alice, longerItem, i, false, true), kErrorAccessDenied);
+    EXPECT_EQ(catalog->getItemInfo(alice, shortItem, i, false, true), kSuccess);
+    EXPECT_EQ(catalog->getItemInfo(bob, longerItem, i, false, true), kErrorAccessDenied);  // the list names alice only
+}
+
 TEST_F(SqliteCatalogTest, AUserEntryGrantsToThatUserOnly) {
     catalog->makeFolder(Path(L"/home"));
     catalog->setAccess(Path(L"/home"), L"alice", false, Rights::kWrite);
