@@ -404,15 +404,15 @@ struct Row {
     std::int64_t bodyId = 0;
     bool hasBody = false;
 
-    // Reads the columns the caller uses: the properties only when asked
-    // for, the link target only of a link.
-    void take(const Query& q, bool withProperties = true) {
+    // Reads the columns the caller uses: the properties and the body's id
+    // only when asked for, the link target only of a link.
+    void take(const Query& q, bool withProperties = true, bool withBody = true) {
         kind = static_cast<int>(q.integerAt(0));
         signature = q.textAt(1);
         props = withProperties ? q.blobAt(2) : std::string_view();
         linkTarget = kind == kKindLink ? q.textAt(3) : std::string_view();
         mtime = q.integerAt(4);
-        hasBody = !q.isNull(5);
+        hasBody = withBody && !q.isNull(5);
         bodyId = hasBody ? q.integerAt(5) : 0;
     }
 };
@@ -432,50 +432,40 @@ void logSqlError(const SqlError& e, const std::string& file) {
 bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path.view()) == kItemNameValid; }
 
 // The fast case of encodeCheckedPath: true when `text` is a valid path of
-// printable ASCII (then `out` holds its UTF-8 form, the same characters);
-// false for anything else, leaving `out` unspecified.
+// printable ASCII without escapes (then `out` holds its UTF-8 form, the same
+// characters); false for anything else, leaving `out` unspecified.
 bool encodeAsciiPath(std::wstring_view text, std::string& out) {
     const std::size_t n = text.size();
     if (n < 2 || n > Path::kMaxPathLength || text[0] != L'/') return false;
     out.resize(n);
     char* const o = out.data();
-    o[0] = '/';
-    std::size_t length = 0;  // unescaped characters of the current component
-    bool allWhite = true;
-    const auto componentOk = [&] { return length != 0 && !allWhite && length <= ItemName::kMaxItemNameLength; };
-    for (std::size_t i = 1; i < n; ++i) {
-        const wchar_t c = text[i];
-        if (c == L'/') {
-            if (!componentOk()) return false;
-            length = 0;
-            allWhite = true;
-            o[i] = '/';
-            continue;
-        }
-        if (c == L'\\') {
-            if (i + 1 == n || (text[i + 1] != L'/' && text[i + 1] != L'\\')) return false;
-            o[i] = '\\';
-            o[i + 1] = static_cast<char>(text[i + 1]);
-            ++i;
-            allWhite = false;
-        } else if (c > 0x20 && c < 0x7F) {
-            o[i] = static_cast<char>(c);
-            allWhite = false;
-        } else if (c == L' ') {
-            o[i] = ' ';
-        } else {
-            return false;  // control characters and everything beyond ASCII
-        }
-        ++length;
+    // Narrow every character, noting any outside space to '~'.
+    bool outside = false;
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto u = static_cast<std::uint32_t>(text[i]);
+        o[i] = static_cast<char>(u);
+        outside |= u - 0x20u > 0x7Eu - 0x20u;
     }
-    return componentOk();
+    const std::string_view v(o, n);
+    if (outside || v.find('\\') != std::string_view::npos) return false;
+    // Each component: not empty, not too long, not all white space (of
+    // these characters only the space is white space).
+    for (std::size_t start = 1;;) {
+        const std::size_t end = std::min(v.find('/', start), n);
+        const std::size_t length = end - start;
+        if (length == 0 || length > ItemName::kMaxItemNameLength) return false;
+        if (v[start] == ' ' && v.find_first_not_of(' ', start) >= end) return false;
+        if (end == n) return true;
+        start = end + 1;
+    }
 }
 
 // Checks a path text and writes its UTF-8 form to `out` in one pass; the
-// answer is exactly detail::checkPathText's. Texts of printable ASCII (the
-// usual case) are checked and converted in one go; any other text, and any
-// text the fast pass finds fault with, goes through the full check and the
-// general conversion. `out` is left unspecified for an invalid text.
+// answer is exactly detail::checkPathText's. Texts of printable ASCII
+// without escapes (the usual case) are checked and converted in one go; any
+// other text, and any text the fast pass finds fault with, goes through the
+// full check and the general conversion. `out` is left unspecified for an
+// invalid text.
 EItemNameValidity encodeCheckedPath(std::wstring_view text, std::string& out) {
     if (encodeAsciiPath(text, out)) return kItemNameValid;
     const EItemNameValidity validity = detail::checkPathText(text);
@@ -801,9 +791,10 @@ struct SqliteCatalog::Impl {
     }
 
     // Follows the link in `first` (the item at c.pathBuf) to a non-link item,
-    // filling info.resolved(). `hop` is the query that holds the final row.
+    // filling info.resolved(). `hop` is the query that holds the final row;
+    // `target` carries its body's id only when `withBody` is set.
     ReturnCode followLink(Conn& c, const AccountToken& user, const Row& first, Query& hop, Row& target,
-                          ItemInfo& info, bool withProperties) {
+                          ItemInfo& info, bool withProperties, bool withBody) {
         c.visited.clear();
         c.visited.emplace_back(c.pathBuf);
         c.hopBuf.assign(first.linkTarget);
@@ -821,7 +812,7 @@ struct SqliteCatalog::Impl {
                 r.type = kMissing;
                 return kErrorLinkTargetPathNotFound;
             }
-            target.take(hop, withProperties);
+            target.take(hop, withProperties, withBody);
             if (!mayRead(rightsOf(c, user, c.hopBuf))) {
                 r.type = kNoAccess;
                 return kErrorLinkTargetAccessDenied;
@@ -847,7 +838,7 @@ struct SqliteCatalog::Impl {
             q.text(1, c->pathBuf);
             if (!q.step()) return kErrorPathNotFound;
             Row row;
-            row.take(q, withProperties);
+            row.take(q, withProperties, body != nullptr);
             refreshAcl(*c, localGen);
             if (!mayRead(rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
 
@@ -864,7 +855,7 @@ struct SqliteCatalog::Impl {
             }
             Query hop(*c, kStLookupHop);
             Row target;
-            const ReturnCode rc = followLink(*c, user, row, hop, target, info, withProperties);
+            const ReturnCode rc = followLink(*c, user, row, hop, target, info, withProperties, body != nullptr);
             if (rc != kSuccess) return rc;
             if (body) {
                 if (target.kind != kKindObject) return kErrorObjectExpected;
