@@ -500,7 +500,7 @@ struct SqliteCatalog::Impl {
     std::vector<std::unique_ptr<Conn>> conns;  // grows under poolMutex
     std::size_t open = 0;                      // opened or being opened
     std::size_t maxOpen = SIZE_MAX;
-    std::atomic<int> waiting{0};               // threads waiting for a free connection
+    std::atomic<int> waiting{0};               // threads waiting for a connection
 
     // Raised after every access-list change made through this object.
     std::atomic<std::uint64_t> localAclGen{0};
@@ -730,7 +730,8 @@ struct SqliteCatalog::Impl {
                 const bool isGroup = q.integerAt(2) != 0;
                 String principal = fromUtf8(q.textAt(1));
                 const bool everyone = isGroup && principal == ksEveryoneGroup;
-                entries.push_back(AclEntry{std::move(principal), isGroup, everyone, static_cast<int>(q.integerAt(3))});
+                entries.push_back(
+                    AclEntry{std::move(principal), isGroup, everyone, static_cast<int>(q.integerAt(3))});
             }
             c.aclGen = gen;
             c.aclLoaded = true;
@@ -754,8 +755,8 @@ struct SqliteCatalog::Impl {
         if (!list) return 0;
         int rights = 0;
         for (const AclEntry& e : *list) {
-            const bool matches = e.isGroup ? (e.everyone || user.isMemberOf(e.principal))
-                                           : e.principal == user.getUserName();
+            const bool matches =
+                e.isGroup ? (e.everyone || user.isMemberOf(e.principal)) : e.principal == user.getUserName();
             if (matches) rights |= e.rights;
         }
         return rights;
@@ -855,7 +856,8 @@ struct SqliteCatalog::Impl {
             }
             Query hop(*c, kStLookupHop);
             Row target;
-            const ReturnCode rc = followLink(*c, user, row, hop, target, info, withProperties, body != nullptr);
+            const ReturnCode rc =
+                followLink(*c, user, row, hop, target, info, withProperties, body != nullptr);
             if (rc != kSuccess) return rc;
             if (body) {
                 if (target.kind != kKindObject) return kErrorObjectExpected;

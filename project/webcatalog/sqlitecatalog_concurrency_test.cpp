@@ -127,7 +127,8 @@ TEST(SqliteCatalogConcurrencyTest, ThreadsComingAndGoingShareThePooledConnection
     SqliteCatalog catalog(dir.file("c.db"));
     catalog.makeFolder(Path(L"/shared"));
     catalog.setAccess(Path(L"/shared"), L"everyone", true, Rights::kWrite);
-    for (int n = 0; n < 4; ++n) catalog.putObject(Path(L"/shared/o" + std::to_wstring(n)), L"test1", {}, "body");
+    for (int n = 0; n < 4; ++n)
+        catalog.putObject(Path(L"/shared/o" + std::to_wstring(n)), L"test1", {}, "body");
     std::atomic<int> failures{0};
     for (int round = 0; round < 4; ++round) {
         std::vector<std::thread> threads;
@@ -141,7 +142,8 @@ TEST(SqliteCatalogConcurrencyTest, ThreadsComingAndGoingShareThePooledConnection
                     if (catalog.getItemInfo(user, p, info, false, true) != kSuccess) ++failures;
                     if (n % 15 == t) {
                         RecordingWriter writer("w" + std::to_string(n));
-                        if (catalog.writeObject(user, p, writer, tDefaultReplaceHelper) != kSuccess) ++failures;
+                        if (catalog.writeObject(user, p, writer, tDefaultReplaceHelper) != kSuccess)
+                            ++failures;
                     }
                 }
             });

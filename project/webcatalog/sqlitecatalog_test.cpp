@@ -582,7 +582,8 @@ TEST_F(SqliteCatalogTest, AccessListsOnLongPathsApplyToTheirItemsOnly) {
     catalog->setAccess(longerItem, L"alice", false, Rights::kNone);
     EXPECT_EQ(catalog->getItemInfo(alice, longerItem, i, false, true), kErrorAccessDenied);
     EXPECT_EQ(catalog->getItemInfo(alice, shortItem, i, false, true), kSuccess);
-    EXPECT_EQ(catalog->getItemInfo(bob, longerItem, i, false, true), kErrorAccessDenied);  // the list names alice only
+    // The list names alice only.
+    EXPECT_EQ(catalog->getItemInfo(bob, longerItem, i, false, true), kErrorAccessDenied);
 }
 
 TEST_F(SqliteCatalogTest, AUserEntryGrantsToThatUserOnly) {
@@ -756,9 +757,10 @@ TEST_F(SqliteCatalogTest, GetItemInfoRefusesExactlyThePathTextsThePathCheckRefus
     // space, control characters, characters beyond ASCII, and the limits of
     // name and path length.
     std::mt19937 rng(11);
-    const wchar_t alphabet[] = {L'/', L'/', L'\\', L's', L'Z', L'~', L'!', L' ', L' ', L'\t', L'\x7F', L'\x80',
-                                L'\xA0', L'\xE9', static_cast<wchar_t>(0x3000), static_cast<wchar_t>(0xD800),
-                                static_cast<wchar_t>(0x4E2D), static_cast<wchar_t>(0x1F600)};
+    const wchar_t alphabet[] = {L'/', L'/', L'\\', L's', L'Z', L'~', L'!', L' ', L' ', L'\t', L'\x7F',
+                                L'\x80', L'\xA0', L'\xE9', static_cast<wchar_t>(0x3000),
+                                static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x4E2D),
+                                static_cast<wchar_t>(0x1F600)};
     std::vector<std::wstring> texts = {L"", L"/", L"//", L"/a/", L"/a//b", L"a/b", L"/ ", L"/ a", L"/a /b",
                                        L"/\\", L"/\\/", L"/\\\\", L"/a\\b", L"/a\\", L"/\\ ", L"/a\x7F",
                                        L"/\x7F" L"a", L"/\x85", L"/\xE9t\xE9"};
