@@ -16,7 +16,8 @@
 // or older file is recognised before anything is written to it.
 //
 // Connections: a pool, one connection per concurrent caller (the in-memory
-// store has exactly one, which callers take in turn). Each connection keeps
+// store has exactly one, which callers take in turn); a thread takes the
+// connection it used last again without locking. Each connection keeps
 // its prepared statements and a copy of the access lists, reloaded when the
 // store's data version shows a change and the access-list generation moved.
 // No connection is held while a reader, writer or replace helper is called
@@ -28,6 +29,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bitset>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -90,10 +92,14 @@ std::string toUtf8(std::wstring_view in) {
 // Decodes into `out`, reusing its storage; malformed bytes become U+FFFD
 // (the store is written by this code, so that happens only to a damaged file).
 void decodeInto(String& out, std::string_view in) {
-    out.clear();
     const auto* p = reinterpret_cast<const unsigned char*>(in.data());
     const std::size_t n = in.size();
-    for (std::size_t i = 0; i < n;) {
+    // Mostly ASCII: widen a leading ASCII run in one go.
+    std::size_t ascii = 0;
+    while (ascii < n && p[ascii] < 0x80) ++ascii;
+    out.resize(ascii);
+    for (std::size_t i = 0; i < ascii; ++i) out[i] = static_cast<wchar_t>(p[i]);
+    for (std::size_t i = ascii; i < n;) {
         const unsigned b = p[i];
         if (b < 0x80) {
             out.push_back(static_cast<wchar_t>(b));
@@ -249,6 +255,7 @@ const char* const kSchemaSql =
 struct AclEntry {
     String principal;
     bool isGroup;
+    bool everyone;  // the group of every user
     int rights;
 };
 
@@ -260,6 +267,7 @@ struct StringViewHash {
 struct Conn {
     sqlite3* db = nullptr;
     sqlite3_stmt* stmts[kStCount] = {};
+    std::atomic<bool> busy{false};  // taken by an operation (see SqliteCatalog::Impl)
     std::string pathBuf;  // the UTF-8 text of the path of the current operation
     std::string hopBuf;   // the current link target
     std::vector<std::string> visited;
@@ -270,10 +278,10 @@ struct Conn {
     std::int64_t aclGen = -1;
     std::uint64_t localGen = 0;
     std::unordered_map<std::string, std::vector<AclEntry>, StringViewHash, std::equal_to<>> acl;
-    // For a folder: the access list that applies to it (null: none), so
-    // that a look-up walks the ancestors once per folder, not once per item.
-    // Emptied whenever the access lists are reloaded.
-    std::unordered_map<std::string, const std::vector<AclEntry>*, StringViewHash, std::equal_to<>> applying;
+    // Bit n is set when a path of acl has a length of n modulo 256: most
+    // items and folders have no access list of their own, and this answers
+    // that for most of them without hashing their path.
+    std::bitset<256> aclLengths;
 
     ~Conn() {
         for (auto*& s : stmts)
@@ -396,14 +404,16 @@ struct Row {
     std::int64_t bodyId = 0;
     bool hasBody = false;
 
-    void take(const Query& q) {
+    // Reads the columns the caller uses: the properties and the body's id
+    // only when asked for, the link target only of a link.
+    void take(const Query& q, bool withProperties = true, bool withBody = true) {
         kind = static_cast<int>(q.integerAt(0));
         signature = q.textAt(1);
-        props = q.blobAt(2);
-        linkTarget = q.textAt(3);
+        props = withProperties ? q.blobAt(2) : std::string_view();
+        linkTarget = kind == kKindLink ? q.textAt(3) : std::string_view();
         mtime = q.integerAt(4);
-        hasBody = !q.isNull(5);
-        bodyId = q.integerAt(5);
+        hasBody = withBody && !q.isNull(5);
+        bodyId = hasBody ? q.integerAt(5) : 0;
     }
 };
 
@@ -421,6 +431,51 @@ void logSqlError(const SqlError& e, const std::string& file) {
 
 bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path.view()) == kItemNameValid; }
 
+// The fast case of encodeCheckedPath: true when `text` is a valid path of
+// printable ASCII without escapes (then `out` holds its UTF-8 form, the same
+// characters); false for anything else, leaving `out` unspecified.
+bool encodeAsciiPath(std::wstring_view text, std::string& out) {
+    const std::size_t n = text.size();
+    if (n < 2 || n > Path::kMaxPathLength || text[0] != L'/') return false;
+    out.resize(n);
+    char* const o = out.data();
+    // Narrow every character, noting any outside space to '~'.
+    bool outside = false;
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto u = static_cast<std::uint32_t>(text[i]);
+        o[i] = static_cast<char>(u);
+        outside |= u - 0x20u > 0x7Eu - 0x20u;
+    }
+    const std::string_view v(o, n);
+    if (outside || v.find('\\') != std::string_view::npos) return false;
+    // Each component: not empty, not too long, not all white space (of
+    // these characters only the space is white space).
+    for (std::size_t start = 1;;) {
+        const std::size_t end = std::min(v.find('/', start), n);
+        const std::size_t length = end - start;
+        if (length == 0 || length > ItemName::kMaxItemNameLength) return false;
+        if (v[start] == ' ' && v.find_first_not_of(' ', start) >= end) return false;
+        if (end == n) return true;
+        start = end + 1;
+    }
+}
+
+// Checks a path text and writes its UTF-8 form to `out` in one pass; the
+// answer is exactly detail::checkPathText's. Texts of printable ASCII
+// without escapes (the usual case) are checked and converted in one go; any
+// other text, and any text the fast pass finds fault with, goes through the
+// full check and the general conversion. `out` is left unspecified for an
+// invalid text.
+EItemNameValidity encodeCheckedPath(std::wstring_view text, std::string& out) {
+    if (encodeAsciiPath(text, out)) return kItemNameValid;
+    const EItemNameValidity validity = detail::checkPathText(text);
+    if (validity == kItemNameValid) {
+        out.clear();
+        appendUtf8(out, text);
+    }
+    return validity;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -430,79 +485,127 @@ struct SqliteCatalog::Impl {
     bool inMemory = false;
     Options options;
 
+    // Tells this catalog's connections from those of another (or of a
+    // destroyed one at the same address) in a thread's cache below.
+    const std::uint64_t serial = nextSerial();
+
+    // The connection pool: every connection ever opened, each either taken
+    // (Conn::busy) or free. A thread first tries the connection it used
+    // last, which it claims with one atomic exchange and gives back with one
+    // store; the mutex is taken only to look for another free connection,
+    // to open one, or to wait while all are taken (the in-memory store has
+    // exactly one).
     std::mutex poolMutex;
     std::condition_variable poolFree;
-    std::vector<std::unique_ptr<Conn>> idle;
-    std::size_t open = 0;
+    std::vector<std::unique_ptr<Conn>> conns;  // grows under poolMutex
+    std::size_t open = 0;                      // opened or being opened
     std::size_t maxOpen = SIZE_MAX;
+    std::atomic<int> waiting{0};               // threads waiting for a connection
 
     // Raised after every access-list change made through this object.
     std::atomic<std::uint64_t> localAclGen{0};
     std::atomic<int> upgradeMode{Reader::kUpgradeAuto};
 
-    // Borrowed connection, returned to the pool on scope exit.
-    // The connection a read batch of this thread holds (see beginReadBatch).
-    struct Pinned {
-        const Impl* impl = nullptr;
-        Conn* conn = nullptr;
-    };
-    static Pinned& pinned() noexcept {
-        thread_local Pinned t_pinned;
-        return t_pinned;
+    static std::uint64_t nextSerial() noexcept {
+        static std::atomic<std::uint64_t> counter{0};
+        return counter.fetch_add(1, std::memory_order_relaxed) + 1;
     }
 
-    // A connection for one operation: from the pool, or for reads the one a
+    // What a thread remembers: the connection it used last, and the one a
+    // read batch of this thread holds (see beginReadBatch). A serial or an
+    // Impl matches only while that catalog is alive, as a call on it is.
+    struct ThreadState {
+        std::uint64_t lastSerial = 0;
+        Conn* last = nullptr;
+        const Impl* pinnedImpl = nullptr;
+        Conn* pinned = nullptr;
+    };
+    static ThreadState& threadState() noexcept {
+        thread_local ThreadState t_state;
+        return t_state;
+    }
+
+    // A connection for one operation: the pool's, or for reads the one a
     // read batch of this thread has pinned.
     class Lease {
     public:
         enum EUse { kAny, kRead };
         explicit Lease(Impl& impl, EUse use = kAny) : m_impl(impl) {
-            const Pinned& p = pinned();
-            if (use == kRead && p.impl == &impl) {
-                m_pConn = p.conn;
+            ThreadState& t = threadState();
+            if (use == kRead && t.pinnedImpl == &impl) {
+                m_conn = t.pinned;
             } else {
-                m_conn = impl.acquire();
-                m_pConn = m_conn.get();
+                m_conn = impl.acquire(t);
+                m_owned = true;
             }
         }
         ~Lease() {
-            if (m_conn) m_impl.release(std::move(m_conn));
+            if (m_owned) m_impl.release(m_conn);
         }
-        Conn& operator*() const { return *m_pConn; }
-        Conn* operator->() const { return m_pConn; }
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+        Conn& operator*() const { return *m_conn; }
+        Conn* operator->() const { return m_conn; }
 
     private:
         Impl& m_impl;
-        std::unique_ptr<Conn> m_conn;
-        Conn* m_pConn = nullptr;
+        Conn* m_conn = nullptr;
+        bool m_owned = false;
     };
 
-    std::unique_ptr<Conn> acquire() {
-        {
-            std::unique_lock<std::mutex> lock(poolMutex);
-            poolFree.wait(lock, [this] { return !idle.empty() || open < maxOpen; });
-            if (!idle.empty()) {
-                auto c = std::move(idle.back());
-                idle.pop_back();
-                return c;
-            }
-            ++open;
+    static bool claim(Conn& c) noexcept { return !c.busy.exchange(true, std::memory_order_acquire); }
+
+    Conn* acquire(ThreadState& t) {
+        if (t.lastSerial == serial && claim(*t.last)) return t.last;
+        Conn* c = acquireSlow();
+        t.lastSerial = serial;
+        t.last = c;
+        return c;
+    }
+    Conn* acquire() { return acquire(threadState()); }
+
+    Conn* acquireSlow() {
+        std::unique_lock<std::mutex> lock(poolMutex);
+        const auto claimAny = [this]() -> Conn* {
+            for (const auto& c : conns)
+                if (claim(*c)) return c.get();
+            return nullptr;
+        };
+        for (;;) {
+            if (Conn* c = claimAny()) return c;
+            if (open < maxOpen) break;
+            // Announce the wait before looking again, so that a release
+            // either is seen by the second look or sees the waiter.
+            waiting.fetch_add(1, std::memory_order_seq_cst);
+            Conn* c = claimAny();
+            if (!c) poolFree.wait(lock);
+            waiting.fetch_sub(1, std::memory_order_seq_cst);
+            if (c) return c;
         }
+        ++open;
+        lock.unlock();
+        std::unique_ptr<Conn> fresh;
         try {
-            return connect();
+            fresh = connect();
         } catch (...) {
-            std::lock_guard<std::mutex> lock(poolMutex);
+            lock.lock();
             --open;
             poolFree.notify_one();
             throw;
         }
+        fresh->busy.store(true, std::memory_order_relaxed);
+        Conn* c = fresh.get();
+        lock.lock();
+        conns.push_back(std::move(fresh));
+        return c;
     }
 
-    void release(std::unique_ptr<Conn> c) {
-        if (!c) return;
-        std::lock_guard<std::mutex> lock(poolMutex);
-        idle.push_back(std::move(c));
-        poolFree.notify_one();
+    void release(Conn* c) {
+        c->busy.store(false, std::memory_order_seq_cst);
+        if (waiting.load(std::memory_order_seq_cst) != 0) {
+            std::lock_guard<std::mutex> lock(poolMutex);
+            poolFree.notify_one();
+        }
     }
 
     [[noreturn]] void loadingError(const std::string& why) const {
@@ -570,8 +673,8 @@ struct SqliteCatalog::Impl {
             pragma(*c, "PRAGMA journal_mode=WAL");
         }
         pragma(*c, options.synchronousFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-        release(std::move(c));
         std::lock_guard<std::mutex> lock(poolMutex);
+        conns.push_back(std::move(c));
         open = 1;
     }
 
@@ -617,13 +720,18 @@ struct SqliteCatalog::Impl {
             if (q.step()) gen = q.integerAt(0);
         }
         if (!c.aclLoaded || gen != c.aclGen) {
-            c.applying.clear();
             c.acl.clear();
+            c.aclLengths.reset();
             Query q(c, kStAclAll);
             while (q.step()) {
-                auto& entries = c.acl[std::string(q.textAt(0))];
-                entries.push_back(AclEntry{fromUtf8(q.textAt(1)), q.integerAt(2) != 0,
-                                           static_cast<int>(q.integerAt(3))});
+                const std::string_view aclPath = q.textAt(0);
+                c.aclLengths.set(aclPath.size() % c.aclLengths.size());
+                auto& entries = c.acl[std::string(aclPath)];
+                const bool isGroup = q.integerAt(2) != 0;
+                String principal = fromUtf8(q.textAt(1));
+                const bool everyone = isGroup && principal == ksEveryoneGroup;
+                entries.push_back(
+                    AclEntry{std::move(principal), isGroup, everyone, static_cast<int>(q.integerAt(3))});
             }
             c.aclGen = gen;
             c.aclLoaded = true;
@@ -633,7 +741,10 @@ struct SqliteCatalog::Impl {
     }
 
     static bool isAdministrator(const AccountToken& user) noexcept {
-        return user.isMemberOf(ksAdministratorsGroup);
+        constexpr std::wstring_view administrators = ksAdministratorsGroup;
+        const std::vector<String>& groups = user.getGroups();
+        return std::any_of(groups.begin(), groups.end(),
+                           [&](const String& g) { return std::wstring_view(g) == administrators; });
     }
 
     // The user's rights on the item at `path` (UTF-8), from the access list
@@ -644,25 +755,23 @@ struct SqliteCatalog::Impl {
         if (!list) return 0;
         int rights = 0;
         for (const AclEntry& e : *list) {
-            const bool matches = e.isGroup ? (e.principal == ksEveryoneGroup || user.isMemberOf(e.principal))
-                                           : e.principal == user.getUserName();
+            const bool matches =
+                e.isGroup ? (e.everyone || user.isMemberOf(e.principal)) : e.principal == user.getUserName();
             if (matches) rights |= e.rights;
         }
         return rights;
     }
 
     // The access list of the item or of its nearest ancestor that has one.
+    // The walk up stays in the path text; only a path whose length some
+    // access list's path has is looked up.
     static const std::vector<AclEntry>* applyingList(Conn& c, std::string_view path) {
-        const auto own = c.acl.find(path);
-        if (own != c.acl.end()) return &own->second;
-        const std::string_view parent = parentOf(path);
-        if (parent.empty()) return nullptr;
-        const auto known = c.applying.find(parent);
-        if (known != c.applying.end()) return known->second;
-        const std::vector<AclEntry>* list = applyingList(c, parent);
-        if (c.applying.size() >= 65536) c.applying.clear();  // bounded memory
-        c.applying.emplace(std::string(parent), list);
-        return list;
+        for (std::string_view p = path; !p.empty(); p = parentOf(p)) {
+            if (!c.aclLengths.test(p.size() % c.aclLengths.size())) continue;
+            const auto it = c.acl.find(p);
+            if (it != c.acl.end()) return &it->second;
+        }
+        return nullptr;
     }
 
     static bool mayRead(int rights) noexcept { return (rights & static_cast<int>(Rights::kRead)) != 0; }
@@ -683,9 +792,10 @@ struct SqliteCatalog::Impl {
     }
 
     // Follows the link in `first` (the item at c.pathBuf) to a non-link item,
-    // filling info.resolved(). `hop` is the query that holds the final row.
+    // filling info.resolved(). `hop` is the query that holds the final row;
+    // `target` carries its body's id only when `withBody` is set.
     ReturnCode followLink(Conn& c, const AccountToken& user, const Row& first, Query& hop, Row& target,
-                          ItemInfo& info, bool withProperties) {
+                          ItemInfo& info, bool withProperties, bool withBody) {
         c.visited.clear();
         c.visited.emplace_back(c.pathBuf);
         c.hopBuf.assign(first.linkTarget);
@@ -703,7 +813,7 @@ struct SqliteCatalog::Impl {
                 r.type = kMissing;
                 return kErrorLinkTargetPathNotFound;
             }
-            target.take(hop);
+            target.take(hop, withProperties, withBody);
             if (!mayRead(rightsOf(c, user, c.hopBuf))) {
                 r.type = kNoAccess;
                 return kErrorLinkTargetAccessDenied;
@@ -721,17 +831,15 @@ struct SqliteCatalog::Impl {
     // resolved object's body is copied into it.
     ReturnCode inspect(const AccountToken& user, const Path& path, ItemInfo& info, bool originalOnly,
                        bool withProperties, std::string* body) {
-        if (!isValidPathText(path)) return kErrorPathInvalid;
         try {
             const std::uint64_t localGen = localAclGen.load(std::memory_order_acquire);
             Lease c(*this, Lease::kRead);
-            c->pathBuf.clear();
-            appendUtf8(c->pathBuf, path.view());
+            if (encodeCheckedPath(path.view(), c->pathBuf) != kItemNameValid) return kErrorPathInvalid;
             Query q(*c, kStLookup);
             q.text(1, c->pathBuf);
             if (!q.step()) return kErrorPathNotFound;
             Row row;
-            row.take(q);
+            row.take(q, withProperties, body != nullptr);
             refreshAcl(*c, localGen);
             if (!mayRead(rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
 
@@ -748,7 +856,8 @@ struct SqliteCatalog::Impl {
             }
             Query hop(*c, kStLookupHop);
             Row target;
-            const ReturnCode rc = followLink(*c, user, row, hop, target, info, withProperties);
+            const ReturnCode rc =
+                followLink(*c, user, row, hop, target, info, withProperties, body != nullptr);
             if (rc != kSuccess) return rc;
             if (body) {
                 if (target.kind != kKindObject) return kErrorObjectExpected;
@@ -878,25 +987,32 @@ public:
             Query(*m_conn, kStBeginRead).run();
         } catch (const SqlError& e) {
             logSqlError(e, impl.file);
-            impl.release(std::move(m_conn));
+            impl.release(m_conn);
+            m_conn = nullptr;
             return;  // no batch: reads go through the pool as usual
         }
-        SqliteCatalog::Impl::pinned() = {&impl, m_conn.get()};
+        SqliteCatalog::Impl::ThreadState& t = SqliteCatalog::Impl::threadState();
+        t.pinnedImpl = &impl;
+        t.pinned = m_conn;
     }
     ~SqliteReadBatch() override {
         if (!m_conn) return;
-        SqliteCatalog::Impl::pinned() = {};
+        SqliteCatalog::Impl::ThreadState& t = SqliteCatalog::Impl::threadState();
+        t.pinnedImpl = nullptr;
+        t.pinned = nullptr;
         try {
             Query(*m_conn, kStCommit).run();
         } catch (const SqlError& e) {
             logSqlError(e, m_impl.file);
         }
-        m_impl.release(std::move(m_conn));
+        m_impl.release(m_conn);
     }
+    SqliteReadBatch(const SqliteReadBatch&) = delete;
+    SqliteReadBatch& operator=(const SqliteReadBatch&) = delete;
 
 private:
     SqliteCatalog::Impl& m_impl;
-    std::unique_ptr<Conn> m_conn;
+    Conn* m_conn;
 };
 
 }  // namespace
@@ -905,7 +1021,7 @@ std::unique_ptr<ReadBatch> SqliteCatalog::beginReadBatch() {
     // A batch already open on this thread serves the nested one. An
     // in-memory catalog has a single connection, which a batch must not take
     // from the writers.
-    if (Impl::pinned().impl == m_impl.get() || m_impl->maxOpen <= 1) return nullptr;
+    if (Impl::threadState().pinnedImpl == m_impl.get() || m_impl->maxOpen <= 1) return nullptr;
     try {
         return std::make_unique<SqliteReadBatch>(*m_impl);
     } catch (const SqlError& e) {

@@ -120,6 +120,39 @@ TEST(SqliteCatalogConcurrencyTest, AnInMemoryCatalogServesSeveralThreads) {
     EXPECT_EQ(failures.load(), 0);
 }
 
+TEST(SqliteCatalogConcurrencyTest, ThreadsComingAndGoingShareThePooledConnections) {
+    // Each round's threads find the connections the last round's threads
+    // left, take them from one another, and hold some in read batches.
+    TempDir dir;
+    SqliteCatalog catalog(dir.file("c.db"));
+    catalog.makeFolder(Path(L"/shared"));
+    catalog.setAccess(Path(L"/shared"), L"everyone", true, Rights::kWrite);
+    for (int n = 0; n < 4; ++n)
+        catalog.putObject(Path(L"/shared/o" + std::to_wstring(n)), L"test1", {}, "body");
+    std::atomic<int> failures{0};
+    for (int round = 0; round < 4; ++round) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 3; ++t)
+            threads.emplace_back([&, t] {
+                const AccountToken user(L"u" + std::to_wstring(t));
+                for (int n = 0; n < 30; ++n) {
+                    const Path p(L"/shared/o" + std::to_wstring((n + t) % 4));
+                    std::unique_ptr<ReadBatch> batch = n % 10 == t ? catalog.beginReadBatch() : nullptr;
+                    ItemInfo info;
+                    if (catalog.getItemInfo(user, p, info, false, true) != kSuccess) ++failures;
+                    if (n % 15 == t) {
+                        RecordingWriter writer("w" + std::to_string(n));
+                        if (catalog.writeObject(user, p, writer, tDefaultReplaceHelper) != kSuccess)
+                            ++failures;
+                    }
+                }
+            });
+        for (auto& t : threads) t.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(catalog.integrityCheck(), "ok");
+}
+
 TEST(SqliteCatalogConcurrencyTest, AccessChangesDuringReadsAreSafe) {
     TempDir dir;
     SqliteCatalog catalog(dir.file("c.db"));

@@ -567,6 +567,25 @@ TEST_F(SqliteCatalogTest, TheNearestAccessListReplacesTheOnesAbove) {
     EXPECT_EQ(info(alice, L"/shared/team/x", i), kSuccess);
 }
 
+TEST_F(SqliteCatalogTest, AccessListsOnLongPathsApplyToTheirItemsOnly) {
+    // Item paths of 30, 286 and 542 bytes: the same length modulo 256.
+    const std::wstring folder = L"/shared/" + std::wstring(20, L'f');  // 28 characters
+    const Path shortItem(folder + L"/x");
+    const Path longItem(folder + L"/" + std::wstring(255, L'l') + L"/x");
+    const Path longerItem(folder + L"/" + std::wstring(255, L'l') + L"/" + std::wstring(255, L'm') + L"/x");
+    for (const Path* p : {&shortItem, &longItem, &longerItem}) catalog->putObject(*p, L"test1", {}, "x");
+    catalog->setAccess(longItem, L"alice", false, Rights::kNone);
+    ItemInfo i;
+    EXPECT_EQ(catalog->getItemInfo(alice, longItem, i, false, true), kErrorAccessDenied);
+    EXPECT_EQ(catalog->getItemInfo(alice, shortItem, i, false, true), kSuccess);
+    EXPECT_EQ(catalog->getItemInfo(alice, longerItem, i, false, true), kSuccess);
+    catalog->setAccess(longerItem, L"alice", false, Rights::kNone);
+    EXPECT_EQ(catalog->getItemInfo(alice, longerItem, i, false, true), kErrorAccessDenied);
+    EXPECT_EQ(catalog->getItemInfo(alice, shortItem, i, false, true), kSuccess);
+    // The list names alice only.
+    EXPECT_EQ(catalog->getItemInfo(bob, longerItem, i, false, true), kErrorAccessDenied);
+}
+
 TEST_F(SqliteCatalogTest, AUserEntryGrantsToThatUserOnly) {
     catalog->makeFolder(Path(L"/home"));
     catalog->setAccess(Path(L"/home"), L"alice", false, Rights::kWrite);
@@ -733,6 +752,72 @@ TEST_F(SqliteCatalogTest, InvalidPathTextsNeverCrashTheCatalog) {
     EXPECT_EQ(catalog->integrityCheck(), "ok");
 }
 
+TEST_F(SqliteCatalogTest, GetItemInfoRefusesExactlyThePathTextsThePathCheckRefuses) {
+    // Texts near every rule of the path check: separators, escapes, white
+    // space, control characters, characters beyond ASCII, and the limits of
+    // name and path length.
+    std::mt19937 rng(11);
+    const wchar_t alphabet[] = {L'/', L'/', L'\\', L's', L'Z', L'~', L'!', L' ', L' ', L'\t', L'\x7F',
+                                L'\x80', L'\xA0', L'\xE9', static_cast<wchar_t>(0x3000),
+                                static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x4E2D),
+                                static_cast<wchar_t>(0x1F600)};
+    std::vector<std::wstring> texts = {L"", L"/", L"//", L"/a/", L"/a//b", L"a/b", L"/ ", L"/ a", L"/a /b",
+                                       L"/\\", L"/\\/", L"/\\\\", L"/a\\b", L"/a\\", L"/\\ ", L"/a\x7F",
+                                       L"/\x7F" L"a", L"/\x85", L"/\xE9t\xE9"};
+    for (std::size_t length : {254u, 255u, 256u}) {
+        texts.push_back(L"/" + std::wstring(length, L'n'));
+        texts.push_back(L"/" + std::wstring(length, L'n') + L"/x");
+        texts.push_back(L"/x/" + std::wstring(length - 1, L'n') + L"\\/");
+    }
+    for (std::size_t length : {Path::kMaxPathLength - 1, Path::kMaxPathLength, Path::kMaxPathLength + 1}) {
+        std::wstring text;
+        while (text.size() < length) text += L"/" + std::wstring(200, L'p');
+        text.resize(length);
+        if (text.back() == L'/') text.back() = L'q';
+        texts.push_back(text);
+    }
+    for (int n = 0; n < 3000; ++n) {
+        std::wstring text(1 + rng() % 10, L'a');
+        for (auto& c : text) c = alphabet[rng() % std::size(alphabet)];
+        if (rng() % 2) text[0] = L'/';
+        texts.push_back(text);
+    }
+    int valid = 0;
+    for (std::size_t n = 0; n < texts.size(); ++n) {
+        const std::wstring& text = texts[n];
+        SCOPED_TRACE("text " + std::to_string(n) + " of length " + std::to_string(text.size()));
+        ItemInfo i;
+        const ReturnCode rc = catalog->getItemInfo(alice, Path(String(text), kUnchecked), i, false, true);
+        if (Path::checkPath(String(text)) == kItemNameValid) {
+            ++valid;
+            EXPECT_TRUE(rc == kSuccess || rc == kErrorPathNotFound) << rc;
+        } else {
+            EXPECT_EQ(rc, kErrorPathInvalid);
+        }
+    }
+    EXPECT_GT(valid, 100);  // both kinds were tried
+}
+
+TEST_F(SqliteCatalogTest, GetItemInfoFindsItemsWhoseNamesHoldSpacesEscapesAndCharactersBeyondAscii) {
+    const std::vector<std::wstring> names = {L"quarterly report", L"a\\/b", L"back\\\\slash", L" lead",
+                                             L"r\xE9sum\xE9", L"\x4E2D\U0001F600", L"tab\u3000wide",
+                                             std::wstring(255, L'n')};
+    for (const std::wstring& name : names) {
+        const Path p(L"/shared/" + name);
+        catalog->putObject(p, L"sig " + name, {}, "body");
+        SCOPED_TRACE(::testing::PrintToString(p.toString().toUtf8()));
+        ItemInfo i;
+        ASSERT_EQ(catalog->getItemInfo(alice, p, i, false, true), kSuccess);
+        EXPECT_EQ(i.getObjectSignature(kInfoResolved), L"sig " + name);
+        EXPECT_EQ(i.getPath(kInfoOriginal), p);
+        RecordingReader r(L"sig " + name);
+        ASSERT_EQ(read(alice, p.toString().c_str(), r), kSuccess);
+        EXPECT_EQ(r.body, "body");
+        EXPECT_EQ(catalog->deleteObject(alice, p), kSuccess);
+        EXPECT_EQ(catalog->getItemInfo(alice, p, i, false, true), kErrorPathNotFound);
+    }
+}
+
 // --- files ------------------------------------------------------------------
 
 TEST(SqliteCatalogFileTest, AFileCatalogKeepsItsContentAcrossOpens) {
@@ -867,6 +952,39 @@ TEST(SqliteCatalogFileTest, AccessChangesMadeThroughAnotherCatalogObjectAreSeen)
     EXPECT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kErrorAccessDenied);
     first.clearAccess(Path(L"/x"));
     EXPECT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
+}
+
+TEST(SqliteCatalogFileTest, ACatalogOpenedAfterAnotherWasDestroyedAnswersFromItsOwnFile) {
+    // The second catalog may well live at the address of the first: the
+    // connection a thread used last must not be taken for the new catalog's.
+    TempDir dir;
+    const AccountToken user(L"u");
+    for (int n = 0; n < 4; ++n) {
+        auto c = std::make_unique<SqliteCatalog>(dir.file("c" + std::to_string(n) + ".db"));
+        c->putObject(Path(L"/only" + std::to_wstring(n)), L"s" + std::to_wstring(n), {}, "body");
+        ItemInfo i;
+        ASSERT_EQ(c->getItemInfo(user, Path(L"/only" + std::to_wstring(n)), i, false, true), kSuccess);
+        EXPECT_EQ(i.getObjectSignature(kInfoResolved), L"s" + std::to_wstring(n));
+        if (n > 0) {
+            EXPECT_EQ(c->getItemInfo(user, Path(L"/only" + std::to_wstring(n - 1)), i, false, true),
+                      kErrorPathNotFound);
+        }
+    }
+}
+
+TEST(SqliteCatalogFileTest, OneThreadUsingTwoCatalogsInTurnGetsEachItsOwnAnswers) {
+    TempDir dir;
+    SqliteCatalog first(dir.file("a.db"));
+    SqliteCatalog second(dir.file("b.db"));
+    first.putObject(Path(L"/x"), L"first", {}, "1");
+    second.putObject(Path(L"/x"), L"second", {}, "2");
+    const AccountToken user(L"u");
+    for (int n = 0; n < 10; ++n) {
+        SqliteCatalog& c = n % 2 ? second : first;
+        ItemInfo i;
+        ASSERT_EQ(c.getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
+        EXPECT_EQ(i.getObjectSignature(kInfoResolved), n % 2 ? L"second" : L"first");
+    }
 }
 
 TEST(SqliteCatalogFileTest, WritesThroughTwoCatalogObjectsOnOneFileHaveIncreasingTimes) {
