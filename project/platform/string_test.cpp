@@ -83,6 +83,23 @@ TEST(Utf8Codec, EncodedLengthMatchesCodePointRange) {
     EXPECT_EQ(utf8::encode(std::wstring(1, 0x10000)).size(), 4u);
 }
 
+TEST(Utf8Codec, EncodeAppendAddsToWhatTheBufferHolds) {
+    std::string out = "x";
+    utf8::encodeAppend(std::wstring{L'a', 0xE9, 0x1F600}, out);
+    EXPECT_EQ(out, bytes({'x', 'a', 0xC3, 0xA9, 0xF0, 0x9F, 0x98, 0x80}));
+    utf8::encodeAppend(L"", out);
+    EXPECT_EQ(out.size(), 8u);
+}
+
+TEST(Utf8Codec, EncodeAppendRefusingACharacterKeepsTheTextBeforeIt) {
+    std::string out = "x";
+    EXPECT_THROW(utf8::encodeAppend(std::wstring{L'a', 0xE9, static_cast<wchar_t>(0xD800), L'b'}, out), Utf8Error);
+    EXPECT_EQ(out, bytes({'x', 'a', 0xC3, 0xA9}));
+    out = "y";
+    EXPECT_THROW(utf8::encodeAppend(std::wstring{L'c', static_cast<wchar_t>(0x110000)}, out), Utf8Error);
+    EXPECT_EQ(out, "yc");
+}
+
 TEST(Utf8Codec, EmbeddedNulRoundTrips) {
     const std::string in("a\0b", 3);
     const std::wstring out = utf8::decode(in);

@@ -71,8 +71,7 @@ bool XmlWriterBase::validateDocument(const XmlDocument& doc, const String& signa
 }
 
 void XmlWriterBase::writeDocumentToStream(const XmlDocument& doc, OutputStream& stream) {
-    const std::string bytes = doc.serialize();
-    stream.write(bytes.data(), bytes.size());
+    doc.serialize([&stream](const char* data, std::size_t size) { stream.write(data, size); });
 }
 
 bool XmlWriterBase::validateDocumentPrivileges(const AccountToken& user, const String&, const XmlDocument& doc) {

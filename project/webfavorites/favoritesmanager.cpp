@@ -43,6 +43,11 @@ const String strCatalogPath(L"catalogPath");
 [[maybe_unused]] const String strItemInfo(L"itemInfo");
 const String strFavoriteItem(L"favoriteItem");
 const XmlNamespace kFavoritesNamespace(String(L"urn:kiv-web:favorites/v1"), String());
+// The names of the elements and attributes the builder writes, made once.
+const XmlQualifiedName kqnFavorite(ksFavoriteTag);
+const XmlQualifiedName kqnName(ksNameAttr);
+const XmlQualifiedName kqnCatalogPath(ksCatalogPathAttr);
+const XmlQualifiedName kqnType(ksTypeAttr);
 const LogSourceHandle s_logSrcUpgrade(String(L"kiv.favoritesmanager.upgrade"));
 
 const String ksCompositeSignature(L"compositeSignature");
@@ -82,8 +87,9 @@ struct MobileFavoriteUpgradeData : XmlDocumentData<115> {
 const String MobileFavoriteUpgradeData::ksSignature(L"mobilefavorites1");
 const String MobileFavoriteUpgradeData::ksDescription(L"Mobile Favorite User Data");
 
-void appendAttribute(XmlElement* pElement, const String& name, const String& value) {
-    pElement->setAttributeValue(XmlQualifiedName(name), value);
+// Sets an un-namespaced attribute; `name` is one of the constant names above.
+void appendAttribute(XmlElement* pElement, const XmlQualifiedName& name, const String& value) {
+    pElement->setAttributeValue(name, value);
 }
 
 // Writes the tree below a document's root element: a "favorite" element per
@@ -93,10 +99,10 @@ public:
     explicit FavoritesXmlbuilderVistor(XmlElement* pRoot) : m_pRoot(pRoot) { m_elementStack.push_back(pRoot); }
 
     bool visitCatalogItem(FavoriteCatalogItem& item) override {
-        XmlElement* e = m_elementStack.back()->appendXmlElement(XmlQualifiedName(ksFavoriteTag));
-        appendAttribute(e, ksNameAttr, item.getName().toString());
-        appendAttribute(e, ksCatalogPathAttr, item.getCatalogPath().toString());
-        appendAttribute(e, ksTypeAttr, ksCatalogItem);
+        XmlElement* e = m_elementStack.back()->appendXmlElement(kqnFavorite);
+        appendAttribute(e, kqnName, item.getName().toString());
+        appendAttribute(e, kqnCatalogPath, item.getCatalogPath().toString());
+        appendAttribute(e, kqnType, ksCatalogItem);
         return true;
     }
     bool visitFolderEnd(FavoriteFolder&) override {
@@ -104,9 +110,9 @@ public:
         return true;
     }
     bool visitFolderBegin(FavoriteFolder& folder) override {
-        XmlElement* e = m_elementStack.back()->appendXmlElement(XmlQualifiedName(ksFavoriteTag));
-        appendAttribute(e, ksNameAttr, folder.getName().toString());
-        appendAttribute(e, ksTypeAttr, ksCategory);
+        XmlElement* e = m_elementStack.back()->appendXmlElement(kqnFavorite);
+        appendAttribute(e, kqnName, folder.getName().toString());
+        appendAttribute(e, kqnType, ksCategory);
         m_elementStack.push_back(e);
         return true;
     }

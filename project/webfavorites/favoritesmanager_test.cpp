@@ -291,6 +291,37 @@ TEST_F(FavoritesManagerTest, SavedDocumentHasTheExactElementsAndAttributeOrder) 
         << stored;
 }
 
+// The stored bytes, whole: declaration, namespace declarations, escaping of
+// the XML special characters and raw UTF-8 for everything else.
+TEST_F(FavoritesManagerTest, SavedDocumentIsExactlyTheseBytes) {
+    env.admin().putObject(P(L"/shared/Sales/R&D <\"q\"> 'x' \u00fcber \U0001F600"), String(L"report1"), {}, "b");
+    auto m = managerWith("Sales[ /shared/Sales/Report1 Q1[ /shared/Sales/Report2 Deep[] ] ] /shared/HR/Headcount");
+    Handle<FavoritesItem> c;
+    ASSERT_EQ(m->createFavoriteCategory(String(L"/root/Sales"), String(L"Tom & Jerry <\"\u6771\u4eac\"> 'x'"), c),
+              favorites::kSuccess);
+    ASSERT_EQ(m->addItem(c), favorites::kSuccess);
+    auto r = item(*m, L"/shared/Sales/R&D <\"q\"> 'x' \u00fcber \U0001F600",
+                  L"/root/Sales/Tom & Jerry <\"\u6771\u4eac\"> 'x'");
+    ASSERT_EQ(m->addItem(r), favorites::kSuccess);
+    const std::string tokyo = "\xE6\x9D\xB1\xE4\xBA\xAC", ueber = "\xC3\xBC" "ber", smile = "\xF0\x9F\x98\x80";
+    const std::string special = "R&amp;D &lt;&quot;q&quot;&gt; 'x' " + ueber + " " + smile;
+    EXPECT_EQ(env.storedFavorites(L"alice"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<favoritelist xmlns=\"urn:kiv-web:favorites/v1\">"
+              "<favorite xmlns=\"\" name=\"Sales\" type=\"category\">"
+              "<favorite name=\"Report1\" catalogpath=\"/shared/Sales/Report1\" type=\"catalogitem\"/>"
+              "<favorite name=\"Q1\" type=\"category\">"
+              "<favorite name=\"Report2\" catalogpath=\"/shared/Sales/Report2\" type=\"catalogitem\"/>"
+              "<favorite name=\"Deep\" type=\"category\"/>"
+              "</favorite>"
+              "<favorite name=\"Tom &amp; Jerry &lt;&quot;" + tokyo + "&quot;&gt; 'x'\" type=\"category\">"
+              "<favorite name=\"" + special + "\" catalogpath=\"/shared/Sales/" + special + "\" type=\"catalogitem\"/>"
+              "</favorite>"
+              "</favorite>"
+              "<favorite xmlns=\"\" name=\"Headcount\" catalogpath=\"/shared/HR/Headcount\" type=\"catalogitem\"/>"
+              "</favoritelist>\n");
+}
+
 TEST_F(FavoritesManagerTest, SameObjectInTwoCategoriesIsWrittenTwice) {
     auto m = managerWith("A[ /shared/Sales/Report1 ] B[]");
     auto r = item(*m, L"/shared/Sales/Report1", L"/root/B");

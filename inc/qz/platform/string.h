@@ -51,6 +51,9 @@ namespace utf8 {
 std::wstring decode(std::string_view in);
 // Encodes; throws Utf8Error for a character that is not a Unicode scalar value.
 std::string encode(std::wstring_view in);
+// The same, appended to `out` (whose storage a caller may reuse). On a throw,
+// `out` holds the encoding of the characters before the offending one.
+void encodeAppend(std::wstring_view in, std::string& out);
 // True if `in` is well-formed UTF-8.
 bool isValid(std::string_view in) noexcept;
 }  // namespace utf8

@@ -23,6 +23,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -151,6 +152,11 @@ public:
 
     // UTF-8 serialisation with an XML declaration.
     std::string serialize() const;
+    // The same bytes, handed to `sink` piece by piece as they are produced
+    // (the whole text is never held in memory at once). An exception from
+    // the sink ends the serialisation and is raised again here.
+    using Sink = std::function<void(const char* data, std::size_t size)>;
+    void serialize(const Sink& sink) const;
     // Structural equality: same elements, attributes (in any order),
     // namespaces and text, ignoring whitespace-only text between elements.
     bool equals(const XmlDocument& other) const;

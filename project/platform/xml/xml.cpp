@@ -13,12 +13,14 @@
 #include <libxml/tree.h>
 #include <libxml/xmlIO.h>
 #include <libxml/xmlerror.h>
+#include <libxml/xmlsave.h>
 #include <libxml/xmlschemas.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -76,9 +78,23 @@ XmlElement* toXmlElement(xmlNodePtr n) noexcept { return reinterpret_cast<XmlEle
 xmlDocPtr toDoc(void* p) noexcept { return static_cast<xmlDocPtr>(p); }
 
 // An element or attribute name must be an XML name without a colon; the
-// prefix, if any, comes from the namespace.
+// prefix, if any, comes from the namespace. Names of ASCII letters, digits,
+// '_', '-' and '.' (not starting with a digit, '-' or '.'), which is what the
+// system uses, are accepted here without asking libxml2; anything else is
+// left to xmlValidateNCName.
 std::string checkedName(const String& name) {
-    std::string utf8 = name.toUtf8();
+    const auto isAsciiNameChar = [](wchar_t c, bool first) noexcept {
+        if ((c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || c == L'_') return true;
+        return !first && ((c >= L'0' && c <= L'9') || c == L'-' || c == L'.');
+    };
+    std::string utf8(name.size(), '\0');
+    bool plain = !name.empty();
+    for (std::size_t i = 0; plain && i < name.size(); ++i) {
+        plain = isAsciiNameChar(name[i], i == 0);
+        utf8[i] = static_cast<char>(name[i]);  // ASCII: one byte per character
+    }
+    if (plain) return utf8;
+    utf8 = name.toUtf8();
     if (xmlValidateNCName(xc(utf8), 0) != 0)
         throw XmlException(String(L"'") + name + L"' is not a valid XML element or attribute name.");
     return utf8;
@@ -93,18 +109,60 @@ bool isXmlChar(wchar_t c) noexcept {
     return u != 0xFFFE && u != 0xFFFF && u <= 0x10FFFF;
 }
 
-std::string checkedText(const String& value) {
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        if (!isXmlChar(value[i])) {
+// Replaces `out` with the UTF-8 form of `value`; raises XmlException when
+// the value holds a character XML cannot represent.
+void checkedTextInto(const String& value, std::string& out) {
+    const wchar_t* const text = value.data();
+    const std::size_t size = value.size();
+    // Text is mostly printable characters below U+8000, which XML carries
+    // all of: eight at a time pass when (c - 0x20) | c stays below 0x8000 for
+    // each (an OR over the block, which the compiler turns into vector
+    // code). Blocks holding anything else, and the tail, are checked one
+    // character at a time.
+    std::size_t i = 0;
+    for (; i + 8 <= size; i += 8) {
+        std::uint32_t bits = 0;
+        for (std::size_t k = 0; k < 8; ++k) {
+            const auto c = static_cast<std::uint32_t>(text[i + k]);
+            bits |= (c - 0x20u) | c;
+        }
+        if (bits >= 0x8000u) break;
+    }
+    for (; i < size; ++i) {
+        if (static_cast<std::uint32_t>(text[i]) - 0x20u < 0xD800u - 0x20u) continue;
+        if (!isXmlChar(text[i])) {
             char code[16];
-            std::snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(value[i]));
+            std::snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(text[i]));
             throw XmlException(String(L"The value holds the character ") + String::fromUtf8(code) +
                                L" at position " + String(std::to_wstring(i)) +
                                L", which XML cannot represent.");
         }
     }
-    return value.toUtf8();
+    out.clear();
+    utf8::encodeAppend(value, out);
 }
+
+// A buffer for the UTF-8 form of one attribute value at a time, kept per
+// thread so that setting an attribute allocates nothing of its own. Its
+// storage is given back once a value larger than usual has passed through.
+class ValueBuffer {
+public:
+    static constexpr std::size_t kKeptCapacity = 4096;
+    ValueBuffer() : m_text(threadText()) {}
+    ~ValueBuffer() {
+        if (m_text.capacity() > kKeptCapacity) std::string().swap(m_text);
+    }
+    ValueBuffer(const ValueBuffer&) = delete;
+    ValueBuffer& operator=(const ValueBuffer&) = delete;
+    std::string& text() noexcept { return m_text; }
+
+private:
+    static std::string& threadText() {
+        thread_local std::string text;
+        return text;
+    }
+    std::string& m_text;
+};
 
 // -- elements created but not yet placed --------------------------------------
 //
@@ -129,10 +187,18 @@ void freeDoc(xmlDocPtr doc) noexcept {
     xmlFreeDoc(doc);
 }
 
+// A document to build in. Like a parsed one it interns element and
+// attribute names in a dictionary of its own, so that the many elements and
+// attributes of one name share a single copy of it.
 xmlDocPtr newEmptyDoc() {
     initLibxml();
     xmlDocPtr doc = xmlNewDoc(BAD_CAST "1.0");
     if (!doc) throw std::bad_alloc();
+    doc->dict = xmlDictCreate();
+    if (!doc->dict) {
+        xmlFreeDoc(doc);
+        throw std::bad_alloc();
+    }
     return doc;
 }
 
@@ -290,6 +356,27 @@ xmlDocPtr parseHardened(const void* data, std::size_t size) {
     }
     doc->_private = nullptr;
     return doc.release();
+}
+
+// -- serialisation -----------------------------------------------------------------
+
+// Where xmlSaveToIO's output goes: the caller's sink. An exception from the
+// sink must not cross libxml2's C frames: it is kept, the write reports a
+// failure, and the exception is raised again once libxml2 has returned.
+struct SaveSink {
+    const XmlDocument::Sink* sink;
+    std::exception_ptr error;
+};
+
+int writeToSink(void* context, const char* buffer, int len) {
+    auto* state = static_cast<SaveSink*>(context);
+    try {
+        (*state->sink)(buffer, static_cast<std::size_t>(len));
+        return len;
+    } catch (...) {
+        state->error = std::current_exception();
+        return -1;
+    }
 }
 
 // -- structural comparison ---------------------------------------------------------
@@ -530,10 +617,22 @@ bool XmlElement::hasAttribute(const String& name) const {
 void XmlElement::setAttributeValue(const XmlQualifiedName& name, const String& value) {
     xmlNodePtr node = toNode(this);
     const std::string local = checkedName(name.getLocalName());
-    const std::string text = checkedText(value);
+    ValueBuffer buffer;
+    std::string& text = buffer.text();
+    checkedTextInto(value, text);
     xmlNsPtr ns = nullptr;
     const XmlNamespace& wanted = name.getNamespace();
-    if (!wanted.getUri().empty()) {
+    if (wanted.getUri().empty()) {
+        // An element being built has no attribute of this name yet: add one
+        // without xmlSetNsProp's search for an attribute to replace.
+        bool present = false;
+        for (xmlAttrPtr a = node->properties; a && !present; a = a->next)
+            present = a->ns == nullptr && xmlStrEqual(a->name, xc(local));
+        if (!present) {
+            if (!xmlNewNsProp(node, nullptr, xc(local), xc(text))) throw std::bad_alloc();
+            return;
+        }
+    } else {
         // A namespaced attribute needs a prefix: the default namespace does
         // not apply to attributes.
         const std::string uri = wanted.getUri().toUtf8();
@@ -676,12 +775,29 @@ XmlElement& XmlDocument::getRootElementRef() const {
 void XmlDocument::swap(XmlDocument& other) noexcept { std::swap(m_doc, other.m_doc); }
 
 std::string XmlDocument::serialize() const {
-    xmlChar* buffer = nullptr;
-    int size = 0;
-    xmlDocDumpMemoryEnc(toDoc(m_doc), &buffer, &size, "UTF-8");
-    if (!buffer) throw std::bad_alloc();
-    XmlCharPtr owner(buffer);
-    return std::string(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(size));
+    std::string out;
+    serialize([&out](const char* data, std::size_t size) { out.append(data, size); });
+    return out;
+}
+
+void XmlDocument::serialize(const Sink& sink) const {
+    xmlDocPtr doc = toDoc(m_doc);
+    SaveSink state{&sink, nullptr};
+    xmlSaveCtxtPtr ctxt = xmlSaveToIO(writeToSink, nullptr, &state, nullptr, XML_SAVE_AS_XML);
+    if (!ctxt) throw std::bad_alloc();
+    // The output is UTF-8 and says so in its declaration. The save context
+    // itself names no encoding, so that libxml2 copies the text as it is
+    // instead of passing it through a UTF-8 to UTF-8 converter; the
+    // document's own encoding, set for the duration, supplies the
+    // declaration and keeps non-ASCII characters as they are rather than
+    // character references.
+    const xmlChar* const oldEncoding = doc->encoding;
+    doc->encoding = BAD_CAST "UTF-8";
+    const long saved = xmlSaveDoc(ctxt, doc);
+    const int closed = xmlSaveClose(ctxt);
+    doc->encoding = oldEncoding;
+    if (state.error) std::rethrow_exception(state.error);
+    if (saved < 0 || closed < 0) throw XmlException(String(L"The XML document cannot be written."));
 }
 
 bool XmlDocument::equals(const XmlDocument& other) const {

@@ -95,6 +95,36 @@ TEST(XmlConcurrencyTest, HostileDocumentsFailOnEveryThread) {
     EXPECT_EQ(failures.load(), kThreads * kRounds * 2);
 }
 
+// Each thread builds and writes documents of its own: the per-thread buffer
+// that attribute values pass through never mixes one thread's text with
+// another's.
+TEST(XmlConcurrencyTest, ThreadsBuildingDocumentsKeepTheirOwnValues) {
+    std::latch start(kThreads);
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (int i = 0; i < kRounds; ++i) {
+                XmlDocument doc;
+                XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"list"));
+                doc.setRootElement(root, XmlDocument::kSplice);
+                const String value = String(L"thread ") + String(std::to_wstring(t)) + L" round " +
+                                     String(std::to_wstring(i)) + L" \u00e9\u4e2d";
+                for (int k = 0; k < 20; ++k)
+                    root->appendXmlElement(XmlQualifiedName(L"e"))->setAttributeValue(XmlQualifiedName(L"v"), value);
+                std::string out;
+                doc.serialize([&out](const char* data, std::size_t size) { out.append(data, size); });
+                Handle<XmlDocument> back = XmlDocument::fromBuffer(out.data(), out.size());
+                for (XmlElement* e = back->getRootElementRef().getFirstChildElement(); e; e = e->getNextSiblingElement())
+                    if (e->getAttributeValue(L"v", XmlElement::kRequired) != value) ++mismatches;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(mismatches.load(), 0);
+}
+
 TEST(XmlConcurrencyTest, MessageLookupsFromSeveralThreadsAgree) {
     std::latch start(kThreads);
     std::atomic<int> mismatches{0};

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -178,6 +179,81 @@ TEST(XmlDocumentTest, ValueThatXmlCannotCarryIsRefused) {
     doc.setRootElement(root, XmlDocument::kSplice);
     EXPECT_THROW(root->setAttributeValue(XmlQualifiedName(L"a"), String(L"bell\u0007")), XmlException);
     EXPECT_FALSE(root->hasAttribute(L"a"));
+}
+
+TEST(XmlDocumentTest, ValueRefusedAfterEightPrintableCharactersNamesItsPosition) {
+    XmlDocument doc;
+    XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"r"));
+    doc.setRootElement(root, XmlDocument::kSplice);
+    for (const wchar_t bad : {L'\u0001', static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0xFFFE),
+                              static_cast<wchar_t>(0x110000)}) {
+        String value(L"abcdefghijk");
+        value[9] = bad;
+        try {
+            root->setAttributeValue(XmlQualifiedName(L"a"), value);
+            ADD_FAILURE() << "accepted U+" << std::hex << static_cast<unsigned>(bad);
+        } catch (const XmlException& e) {
+            EXPECT_NE(std::string(e.what()).find("at position 9"), std::string::npos) << e.what();
+        }
+    }
+    EXPECT_FALSE(root->hasAttribute(L"a"));
+    // Tab, newline and carriage return are characters XML carries.
+    root->setAttributeValue(XmlQualifiedName(L"a"), String(L"0123456789\t\n\r"));
+    EXPECT_EQ(root->getAttributeValue(L"a", XmlElement::kRequired), String(L"0123456789\t\n\r"));
+}
+
+TEST(XmlDocumentTest, NonAsciiNamesAreCheckedByTheXmlRules) {
+    XmlDocument doc;
+    XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"\u00e9l\u00e9ment"));
+    doc.setRootElement(root, XmlDocument::kSplice);
+    root->setAttributeValue(XmlQualifiedName(L"_a-b.c9"), L"1");
+    root->setAttributeValue(XmlQualifiedName(L"\u4e2d"), L"2");
+    EXPECT_THROW(root->setAttributeValue(XmlQualifiedName(L"9a"), L"3"), XmlException);
+    EXPECT_THROW(root->setAttributeValue(XmlQualifiedName(L"-a"), L"3"), XmlException);
+    EXPECT_THROW(root->setAttributeValue(XmlQualifiedName(L"a:b"), L"3"), XmlException);
+    EXPECT_THROW(root->setAttributeValue(XmlQualifiedName(L"a\u00d7"), L"3"), XmlException);  // not a name character
+    auto back = parsed(doc.serialize());
+    EXPECT_EQ(back->getRootElementRef().getLocalName(), String(L"\u00e9l\u00e9ment"));
+    EXPECT_EQ(back->getRootElementRef().getAttributeValue(L"_a-b.c9", XmlElement::kRequired), String(L"1"));
+    EXPECT_EQ(back->getRootElementRef().getAttributeValue(L"\u4e2d", XmlElement::kRequired), String(L"2"));
+}
+
+TEST(XmlDocumentTest, SerialisingIntoASinkGivesTheSameBytesInPieces) {
+    XmlDocument doc;
+    XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"favoritelist", XmlNamespace(kFavNs)));
+    doc.setRootElement(root, XmlDocument::kSplice);
+    for (int i = 0; i < 2000; ++i) {
+        XmlElement* e = root->appendXmlElement(XmlQualifiedName(L"favorite"));
+        e->setAttributeValue(XmlQualifiedName(L"name"), String(L"n\u00e9 & <") + String(std::to_wstring(i)));
+    }
+    const std::string whole = doc.serialize();
+    std::string joined;
+    std::size_t pieces = 0;
+    doc.serialize([&](const char* data, std::size_t size) {
+        joined.append(data, size);
+        ++pieces;
+    });
+    EXPECT_EQ(joined, whole);
+    EXPECT_GT(pieces, 1u);
+    EXPECT_EQ(whole.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n", 0), 0u);
+    EXPECT_NE(whole.find("n\xC3\xA9 &amp; &lt;1999"), std::string::npos);
+    // Serialising leaves the document as it was.
+    EXPECT_EQ(doc.serialize(), whole);
+}
+
+TEST(XmlDocumentTest, ExceptionFromTheSinkEndsSerialisation) {
+    XmlDocument doc;
+    XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"r"));
+    doc.setRootElement(root, XmlDocument::kSplice);
+    for (int i = 0; i < 2000; ++i) root->appendXmlElement(XmlQualifiedName(L"e"))->setAttributeValue(XmlQualifiedName(L"a"), L"value");
+    int calls = 0;
+    EXPECT_THROW(doc.serialize([&](const char*, std::size_t) {
+        ++calls;
+        throw std::runtime_error("disk full");
+    }),
+                 std::runtime_error);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(parsed(doc.serialize())->getRootElementRef().countChildNodes(), 2000u);
 }
 
 TEST(XmlDocumentTest, InvalidElementNameIsRefused) {
