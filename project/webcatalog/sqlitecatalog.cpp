@@ -87,6 +87,20 @@ std::string toUtf8(std::wstring_view in) {
     return out;
 }
 
+// A path's text: one-byte text straight from the path, wide text as above.
+void appendUtf8(std::string& out, const Path& path) {
+    if (path.text().isWide())
+        appendUtf8(out, std::wstring_view(path.toString()));
+    else
+        path.appendUtf8(out);
+}
+
+std::string toUtf8(const Path& path) {
+    std::string out;
+    appendUtf8(out, path);
+    return out;
+}
+
 // Decodes into `out`, reusing its storage; malformed bytes become U+FFFD
 // (the store is written by this code, so that happens only to a damaged file).
 void decodeInto(String& out, std::string_view in) {
@@ -419,7 +433,7 @@ void logSqlError(const SqlError& e, const std::string& file) {
                             KIV_FILE_LOCATION("project/webcatalog/sqlitecatalog", __LINE__));
 }
 
-bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path.view()) == kItemNameValid; }
+bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path) == kItemNameValid; }
 
 }  // namespace
 
@@ -726,7 +740,7 @@ struct SqliteCatalog::Impl {
             const std::uint64_t localGen = localAclGen.load(std::memory_order_acquire);
             Lease c(*this, Lease::kRead);
             c->pathBuf.clear();
-            appendUtf8(c->pathBuf, path.view());
+            appendUtf8(c->pathBuf, path);
             Query q(*c, kStLookup);
             q.text(1, c->pathBuf);
             if (!q.step()) return kErrorPathNotFound;
@@ -935,8 +949,8 @@ ReturnCode SqliteCatalog::readObject(const AccountToken& user, const Path& path,
 
 ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path, Writer& writer,
                                       const ReplaceHelper& replaceHelper) {
-    if (path.view() == L"/") return kErrorRootSacred;
-    const EItemNameValidity validity = detail::checkPathText(path.view());
+    if (path.isRoot()) return kErrorRootSacred;
+    const EItemNameValidity validity = detail::checkPathText(path);
     if (validity == kPathEmpty || validity == kPathTooLong || validity == kPathMustStartWithSlash)
         return kErrorPathInvalid;
     if (validity != kItemNameValid) {
@@ -953,7 +967,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
             const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
             Impl::Lease c(impl);
             c->pathBuf.clear();
-            appendUtf8(c->pathBuf, path.view());
+            appendUtf8(c->pathBuf, path);
             const std::string_view parent = parentOf(c->pathBuf);
             Query item(*c, kStLookup);
             Row row;
@@ -984,7 +998,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
             Impl::Lease c(impl);
             WriteTxn txn(*c);
             c->pathBuf.clear();
-            appendUtf8(c->pathBuf, path.view());
+            appendUtf8(c->pathBuf, path);
             const std::string_view parent = parentOf(c->pathBuf);
             Query item(*c, kStLookup);
             Row row;
@@ -1016,7 +1030,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
 
 ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& path) {
     if (!isValidPathText(path)) return kErrorPathInvalid;
-    if (path.view() == L"/") return kErrorRootSacred;
+    if (path.isRoot()) return kErrorRootSacred;
     Impl& impl = *m_impl;
     try {
         const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
@@ -1024,7 +1038,7 @@ ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& pat
         WriteTxn txn(*c);
         impl.refreshAcl(*c, localGen);
         c->pathBuf.clear();
-        appendUtf8(c->pathBuf, path.view());
+        appendUtf8(c->pathBuf, path);
         Row row;
         {
             Query q(*c, kStLookup);
@@ -1118,7 +1132,7 @@ void SqliteCatalog::makeFolder(const Path& path) {
     adminCall(*m_impl, path, [&] {
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         makeFolders(*c, path, p);
         txn.commit();
     });
@@ -1131,8 +1145,8 @@ namespace {
 void putOne(SqliteCatalog::Impl& impl, Conn& c, const Path& path, const String& signature,
             const std::map<String, String>& properties, std::string_view body) {
     requireValid(path);
-    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
-    c.pathBuf = toUtf8(path.view());
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
+    c.pathBuf = toUtf8(path);
     const std::string parent(parentOf(c.pathBuf));
     makeFolders(c, path, parent);
     Row old;
@@ -1177,7 +1191,7 @@ void SqliteCatalog::setProperties(const Path& path, const std::map<String, Strin
     adminCall(*m_impl, path, [&] {
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
         const std::int64_t t = Impl::nextTime(*c, mtimeAt(*c, p));
         Query(*c, kStSetProps).text(1, p).blob(2, encodeProperties(properties)).integer(3, t).run();
@@ -1188,17 +1202,17 @@ void SqliteCatalog::setProperties(const Path& path, const std::map<String, Strin
 void SqliteCatalog::makeLink(const Path& path, const Path& target) {
     requireValid(path);
     requireValid(target);
-    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
     adminCall(*m_impl, path, [&] {
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         const std::string parent(parentOf(p));
         makeFolders(*c, path, parent);
         const int kind = kindAt(*c, p);
         if (kind != 0 && kind != kKindLink) adminFail(kErrorItemAlreadyExists, path);
         const std::int64_t t = Impl::nextTime(*c, kind ? mtimeAt(*c, p) : 0);
-        const std::string targetText = toUtf8(target.view());
+        const std::string targetText = toUtf8(target);
         Query(*c, kStUpsertItem)
             .text(1, p)
             .text(2, parent)
@@ -1219,7 +1233,7 @@ void SqliteCatalog::setAccess(const Path& path, const String& principal, bool is
         {
             Impl::Lease c(*m_impl);
             WriteTxn txn(*c);
-            const std::string p = toUtf8(path.view());
+            const std::string p = toUtf8(path);
             if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
             const std::string who = toUtf8(principal);
             Query(*c,
@@ -1243,7 +1257,7 @@ void SqliteCatalog::clearAccess(const Path& path) {
         {
             Impl::Lease c(*m_impl);
             WriteTxn txn(*c);
-            const std::string p = toUtf8(path.view());
+            const std::string p = toUtf8(path);
             Query(*c, kStDeleteAclOf).text(1, p).run();
             Query(*c, kStBumpAclGen).run();
             txn.commit();
@@ -1260,7 +1274,7 @@ Rights SqliteCatalog::effectiveRights(const AccountToken& user, const Path& path
         Query q(*c, kStClock);  // holds the snapshot while the lists are read
         q.step();
         m_impl->refreshAcl(*c, localGen);
-        const int r = Impl::rightsOf(*c, user, toUtf8(path.view()));
+        const int r = Impl::rightsOf(*c, user, toUtf8(path));
         return Impl::mayWrite(r) ? Rights::kWrite : Impl::mayRead(r) ? Rights::kRead : Rights::kNone;
     });
 }
@@ -1307,7 +1321,7 @@ std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
     requireValid(folder);
     return adminCall(*m_impl, folder, [&] {
         std::vector<Entry> entries;
-        const std::string p = toUtf8(folder.view());
+        const std::string p = toUtf8(folder);
         Impl::Lease c(*m_impl);
         const int kind = kindAt(*c, p);
         if (kind == 0) adminFail(kErrorPathNotFound, folder);
@@ -1330,7 +1344,7 @@ std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
 std::string SqliteCatalog::readRaw(const Path& path) {
     requireValid(path);
     return adminCall(*m_impl, path, [&] {
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         Impl::Lease c(*m_impl);
         Query q(*c, "SELECT i.kind, b.data FROM items i LEFT JOIN bodies b ON b.id = i.body_id WHERE i.path = ?1");
         q.text(1, p);
@@ -1343,7 +1357,7 @@ std::string SqliteCatalog::readRaw(const Path& path) {
 bool SqliteCatalog::exists(const Path& path) {
     if (!isValidPathText(path)) return false;
     return adminCall(*m_impl, path, [&] {
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         Impl::Lease c(*m_impl);
         return kindAt(*c, p) != 0;
     });
@@ -1351,12 +1365,12 @@ bool SqliteCatalog::exists(const Path& path) {
 
 void SqliteCatalog::remove(const Path& path) {
     requireValid(path);
-    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
     adminCall(*m_impl, path, [&] {
         {
             Impl::Lease c(*m_impl);
             WriteTxn txn(*c);
-            const std::string p = toUtf8(path.view());
+            const std::string p = toUtf8(path);
             const int kind = kindAt(*c, p);
             if (kind == 0) adminFail(kErrorPathNotFound, path);
             // Everything under a folder: paths from "p/" up to, not including,
