@@ -139,34 +139,3 @@ EPathRelationship Path::relationship(const Path& other) const noexcept {
 }
 
 }  // namespace kiv::catalog
-
-namespace std {
-
-std::uint64_t hash<kiv::catalog::Path>::operator()(const kiv::catalog::Path& p) const noexcept {
-    return p.text().visit([](auto s) {
-        const std::uint64_t n = s.size();
-        std::uint64_t h = n;
-        // Each character is taken as a signed 32-bit value and widened.
-        auto mix = [&h](wchar_t c) noexcept {
-            h = 13 * h + 5 * static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(c)));
-        };
-        std::uint64_t samples = 0;
-        if (n > 10) {
-            if (n <= 23) {
-                samples = 10;
-            } else {
-                samples = 12;
-                for (std::uint64_t m = n / 2; m > 19; m /= 2) samples += 2;
-            }
-        }
-        const std::uint64_t stride = samples ? n / samples : 1;
-        if (samples == 0 || stride == 1) {
-            for (std::uint64_t i = 0; i < n; ++i) mix(static_cast<wchar_t>(s[i]));
-        } else {
-            for (std::uint64_t k = 0; k < samples; ++k) mix(static_cast<wchar_t>(s[k * stride]));
-        }
-        return h;
-    });
-}
-
-}  // namespace std

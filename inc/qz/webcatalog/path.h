@@ -96,12 +96,50 @@ extern const Path kpBlank;
 
 }  // namespace kiv::catalog
 
+namespace kiv::catalog::detail {
+
+// The path hash over n characters at `s`: h = n, then h = 13 h + 5 c over
+// the sampled characters (all of them up to 10; 10 samples up to 23; beyond
+// that 12 samples plus 2 for every halving of n/2 above 19, at stride n/s,
+// or all of them when the stride is 1), each character taken as a signed
+// 32-bit value, with unsigned 64-bit wrap-around.
+template <class C>
+std::uint64_t pathHash(const C* s, std::uint64_t n) noexcept {
+    auto value = [](C c) noexcept {
+        return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(c)));
+    };
+    std::uint64_t count = n, stride = 1;
+    if (n > 10) {
+        std::uint64_t samples = 10;
+        if (n > 23) {
+            samples = 12;
+            for (std::uint64_t m = n / 2; m > 19; m /= 2) samples += 2;
+        }
+        if (n / samples != 1) {
+            count = samples;
+            stride = n / samples;
+        }
+    }
+    std::uint64_t h = n;
+    // Four samples per step: h = 13^4 h + 5 (13^3 c0 + 13^2 c1 + 13 c2 + c3)
+    // is the same value modulo 2^64 with a quarter of the dependent steps.
+    std::uint64_t k = 0;
+    for (; k + 4 <= count; k += 4, s += 4 * stride)
+        h = 28561 * h +
+            5 * (2197 * value(s[0]) + 169 * value(s[stride]) + 13 * value(s[2 * stride]) + value(s[3 * stride]));
+    for (; k < count; ++k, s += stride) h = 13 * h + 5 * value(*s);
+    return h;
+}
+
+}  // namespace kiv::catalog::detail
+
 namespace std {
-// The path hash: h = n, then h = 13 h + 5 c over the sampled characters (all
-// of them up to 10; 10 samples up to 23; beyond that 12 samples plus 2 for
-// every halving of n/2 above 19), with unsigned 64-bit wrap-around.
+// The path hash (see detail::pathHash), defined here so that the index's
+// look-ups inline it.
 template <>
 struct hash<kiv::catalog::Path> {
-    std::uint64_t operator()(const kiv::catalog::Path& p) const noexcept;
+    std::uint64_t operator()(const kiv::catalog::Path& p) const noexcept {
+        return p.text().visit([](auto s) noexcept { return kiv::catalog::detail::pathHash(s.data(), s.size()); });
+    }
 };
 }  // namespace std
