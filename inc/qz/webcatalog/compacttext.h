@@ -137,8 +137,10 @@ private:
         std::uint32_t bits;  // size << kFlagBits | flags
     };
 
+    // The empty text reads as a valid (empty) byte range, never a null one.
     const unsigned char* narrow() const noexcept {
-        return m_rep ? reinterpret_cast<const unsigned char*>(m_rep + 1) : nullptr;
+        static constexpr unsigned char kNone[1] = {0};
+        return m_rep ? reinterpret_cast<const unsigned char*>(m_rep + 1) : kNone;
     }
     const wchar_t* wide() const noexcept { return reinterpret_cast<const wchar_t*>(m_rep + 1); }
     std::size_t byteSize() const noexcept { return size() * (isWide() ? sizeof(wchar_t) : 1); }
