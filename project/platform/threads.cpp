@@ -39,14 +39,25 @@ CriticalSection::~CriticalSection() = default;
 // while the lock is held, which is what guards m_bReporting.
 void CriticalSection::setContentionReporting(bool bOn) { m_bReporting = bOn; }
 
-void CriticalSection::lock() {
+void CriticalSection::lockSlow() {
+    // A recursive hold by the owner never waits.
+    const bool bReentry = heldByCaller();
     if (!m_bContentionDetectionON.load(std::memory_order_relaxed)) {
-        if (m_bRecursive) spinThenLock(m_recursive); else spinThenLock(m_plain);
+        if (bReentry) {
+            ++m_nDepth;
+        } else {
+            spinThenLock(m_mutex);
+            takeOwnership();
+        }
         return;
     }
 
-    const bool bAcquiredAtOnce = m_bRecursive ? m_recursive.try_lock() : m_plain.try_lock();
+    const bool bAcquiredAtOnce = bReentry || m_mutex.try_lock();
     if (bAcquiredAtOnce) {
+        if (bReentry)
+            ++m_nDepth;
+        else
+            takeOwnership();
         // No wait: the run of waited acquisitions is over.
         m_nSequentialWaits = 0;
         if (!m_bReporting) setContentionReporting(true);
@@ -54,7 +65,8 @@ void CriticalSection::lock() {
     }
 
     // Acquired blocking (after a short spin): this counts as a waited acquisition.
-    if (m_bRecursive) spinThenLock(m_recursive); else spinThenLock(m_plain);
+    spinThenLock(m_mutex);
+    takeOwnership();
     if (m_bReporting) {
         // The count is 8 bits wide; it stops at its maximum instead of
         // wrapping round to 0.
@@ -65,10 +77,14 @@ void CriticalSection::lock() {
 }
 
 // A plain attempt: contention detection watches blocking acquisitions only.
-bool CriticalSection::tryLock() { return m_bRecursive ? m_recursive.try_lock() : m_plain.try_lock(); }
-
-void CriticalSection::unlock() {
-    if (m_bRecursive) m_recursive.unlock(); else m_plain.unlock();
+bool CriticalSection::tryLock() {
+    if (heldByCaller()) {
+        ++m_nDepth;
+        return true;
+    }
+    if (!m_mutex.try_lock()) return false;
+    takeOwnership();
+    return true;
 }
 
 }  // namespace kiv

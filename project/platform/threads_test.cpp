@@ -271,6 +271,32 @@ TEST(CriticalSection, PlainLockExcludesOtherThreads) {
     EXPECT_TRUE(otherThreadCanTake(cs));
 }
 
+TEST(CriticalSection, AThreadWaitingForAHeldLockTakesItAtTheLastRelease) {
+    for (int recursion : {0, 1}) {
+        SCOPED_TRACE(recursion);
+        CriticalSection cs(recursion);
+        cs.lock();
+        if (recursion) cs.lock();
+        std::atomic<bool> taken{false};
+        std::thread waiter([&] {
+            cs.lock();  // sleeps: the lock is held
+            taken = true;
+            cs.unlock();
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(taken);
+        if (recursion) {
+            cs.unlock();  // still held once
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            EXPECT_FALSE(taken);
+        }
+        cs.unlock();
+        waiter.join();
+        EXPECT_TRUE(taken);
+        EXPECT_TRUE(otherThreadCanTake(cs));
+    }
+}
+
 TEST(CriticalSection, ScopedLockHoldsForItsScope) {
     CriticalSection cs(0);
     {

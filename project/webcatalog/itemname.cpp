@@ -7,73 +7,6 @@
 
 namespace kiv::catalog {
 
-namespace detail {
-
-EItemNameValidity checkName(std::wstring_view name) noexcept {
-    if (name.empty()) return kItemNameEmpty;
-    bool allWhite = true;
-    for (wchar_t c : name)
-        if (!isWhiteSpace(c)) {
-            allWhite = false;
-            break;
-        }
-    if (allWhite) return kItemNameAllWhiteSpace;
-    if (name.size() > ItemName::kMaxItemNameLength) return kItemNameTooLong;
-    for (wchar_t c : name) {
-        if (isControl(c)) return kItemNameControlCharacter;
-        if (!isScalarValue(c)) return kItemNameInvalidUnicode;
-    }
-    return kItemNameValid;
-}
-
-EItemNameValidity checkEscapedComponent(std::wstring_view escaped) noexcept {
-    // The escapes are checked first, then the name they stand for. The name
-    // checks run over the unescaped characters without building them.
-    std::size_t unescapedLength = 0;
-    bool allWhite = true;
-    EItemNameValidity charProblem = kItemNameValid;
-    for (std::size_t i = 0; i < escaped.size(); ++i) {
-        wchar_t c = escaped[i];
-        if (c == L'/') return kEscapedItemNameNotEscaped;
-        if (c == L'\\') {
-            if (i + 1 >= escaped.size()) return kEscapedItemNameBadEscape;
-            c = escaped[++i];
-            if (c != L'/' && c != L'\\') return kEscapedItemNameBadEscape;
-        }
-        ++unescapedLength;
-        if (!isWhiteSpace(c)) allWhite = false;
-        if (charProblem == kItemNameValid) {
-            if (isControl(c))
-                charProblem = kItemNameControlCharacter;
-            else if (!isScalarValue(c))
-                charProblem = kItemNameInvalidUnicode;
-        }
-    }
-    if (unescapedLength == 0) return kItemNameEmpty;
-    if (allWhite) return kItemNameAllWhiteSpace;
-    if (unescapedLength > ItemName::kMaxItemNameLength) return kItemNameTooLong;
-    return charProblem;
-}
-
-String unescape(std::wstring_view escaped) {
-    String out;
-    out.reserve(escaped.size());
-    for (std::size_t i = 0; i < escaped.size(); ++i) {
-        if (escaped[i] == L'\\' && i + 1 < escaped.size()) ++i;
-        out.push_back(escaped[i]);
-    }
-    return out;
-}
-
-void appendEscaped(String& out, std::wstring_view name) {
-    for (wchar_t c : name) {
-        if (c == L'/' || c == L'\\') out.push_back(L'\\');
-        out.push_back(c);
-    }
-}
-
-}  // namespace detail
-
 const char* validityName(EItemNameValidity v) noexcept {
     switch (v) {
         case kItemNameValid: return "kItemNameValid";
@@ -114,15 +47,23 @@ ItemName::ItemName(const String& name, Options options) {
     }
     const EItemNameValidity validity = detail::checkName(v);
     if (validity != kItemNameValid) throw CatalogNameException(validity, name);
-    m_name.assign(v);
+    m_name = CompactText(v);
 }
 
 ItemName ItemName::fromEscaped(const String& escaped) {
     const EItemNameValidity validity = detail::checkEscapedComponent(escaped);
     if (validity != kItemNameValid) throw CatalogNameException(validity, escaped);
-    // Most names hold no escape: nothing to undo.
-    if (escaped.find(L'\\') == String::npos) return ItemName(escaped, Unchecked{});
-    return ItemName(detail::unescape(escaped), Unchecked{});
+    return fromCheckedEscaped(CompactText(std::wstring_view(escaped)));
+}
+
+ItemName ItemName::fromCheckedEscaped(const CompactText& escaped) {
+    return escaped.visit([&](auto chars) {
+        const std::size_t n = detail::unescapedLength(chars);
+        // Most names hold no escape: the text is shared as it is.
+        if (n == chars.size()) return ItemName(escaped, Unchecked{});
+        return ItemName(CompactText::build(n, escaped.isWide(), [&](auto* out) { detail::writeUnescaped(out, chars); }),
+                        Unchecked{});
+    });
 }
 
 EItemNameValidity ItemName::checkItemName(const String& name, EOnError onError) {
@@ -137,8 +78,10 @@ EItemNameValidity ItemName::checkEscapedItemName(const String& escaped) {
 
 String ItemName::toEscapedString() const {
     String out;
-    out.reserve(m_name.size() + 2);
-    detail::appendEscaped(out, m_name);
+    m_name.visit([&](auto chars) {
+        out.resize(detail::escapedLength(chars));
+        detail::writeEscaped(out.data(), chars);
+    });
     return out;
 }
 

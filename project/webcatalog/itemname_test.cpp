@@ -105,6 +105,27 @@ TEST(ItemNameTest, EscapingRoundTrips) {
     EXPECT_THROW(ItemName::fromEscaped(L"a/b"), CatalogNameException);
 }
 
+TEST(ItemNameTest, NamesOfEitherFormKeepTheirTextAndOrder) {
+    const wchar_t* names[] = {L"Sales", L"r\u00e9sum\u00e9", L"\u00ff", L"\u0100", L"\u4e2d\u6587",
+                              L"a\U0001F600", L"a/\u4e2d\\"};
+    for (const wchar_t* a : names) {
+        const ItemName na(a, ItemName::kNone);
+        EXPECT_EQ(na.toString(), String(a));
+        EXPECT_EQ(na.size(), std::wcslen(a));
+        EXPECT_EQ(ItemName::fromEscaped(na.toEscapedString()), na);
+        EXPECT_EQ(ItemName::fromEscaped(na.toEscapedString()).toString(), String(a));
+        for (const wchar_t* b : names) {
+            const ItemName nb(b, ItemName::kNone);
+            EXPECT_EQ(na == nb, std::wstring(a) == std::wstring(b));
+            EXPECT_EQ(na < nb, std::wstring(a) < std::wstring(b));
+        }
+    }
+    EXPECT_EQ(ItemName(L"\u4e2d/\\", ItemName::kNone).toEscapedString(), L"\u4e2d\\/\\\\");
+    EXPECT_EQ(ItemName(L" \u4e2d\u3000", ItemName::kTrim).toString(), L"\u4e2d");
+    EXPECT_EQ(ItemName::checkEscapedItemName(L"\u4e2d\\x"), kEscapedItemNameBadEscape);
+    EXPECT_EQ(ItemName::checkEscapedItemName(L"\u00e9\x85"), kItemNameControlCharacter);
+}
+
 TEST(ItemNameTest, ValidityNamesAreTheEnumeratorNames) {
     EXPECT_STREQ(validityName(kItemNameValid), "kItemNameValid");
     EXPECT_STREQ(validityName(kEscapedItemNameNotEscaped), "kEscapedItemNameNotEscaped");

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "qz/platform/exception.h"
+
 #include <random>
 #include <thread>
 #include <vector>
@@ -169,13 +171,13 @@ TEST(PathTest, RelationshipNeverAnswersSameOrDescendant) {
 TEST(PathTest, CopiesShareTheirText) {
     const Path a(L"/shared/x");
     const Path b = a;
-    EXPECT_EQ(a.data(), b.data());
+    EXPECT_TRUE(a.text().sharesStorageWith(b.text()));
     Path c;
     c = b;
-    EXPECT_EQ(c.data(), a.data());
+    EXPECT_TRUE(c.text().sharesStorageWith(a.text()));
     Path d(std::move(c));
     EXPECT_TRUE(c.isBlank());
-    EXPECT_EQ(d.data(), a.data());
+    EXPECT_TRUE(d.text().sharesStorageWith(a.text()));
 }
 
 TEST(PathTest, CopiesMayBeDroppedOnManyThreads) {
@@ -293,6 +295,108 @@ TEST(PathTest, InvalidTextsNeverCrash) {
             EXPECT_EQ(Path::checkPath(q.getParentPath().toString()), kItemNameValid) << q.toString().size();
         }
     }
+}
+
+// Paths are kept one byte per character unless some character is above
+// U+00FF; every operation must answer as on the wide text.
+
+TEST(PathTest, NarrowAndWidePathsKeepTheirText) {
+    EXPECT_FALSE(Path(L"/shared/r\u00e9sum\u00e9").text().isWide());
+    EXPECT_TRUE(Path(L"/shared/\u4e2d").text().isWide());
+    EXPECT_EQ(Path(L"/shared/\u4e2d\U0001F600").toString(), L"/shared/\u4e2d\U0001F600");
+    EXPECT_EQ(Path(L"/shared/r\u00e9sum\u00e9").toString(), L"/shared/r\u00e9sum\u00e9");
+}
+
+TEST(PathTest, MixedFormsCompareAsTheirTexts) {
+    const wchar_t* texts[] = {L"/", L"/a", L"/a/b", L"/\u00e9", L"/\u00ff", L"/\u0100", L"/\u4e2d",
+                              L"/a/\u4e2d", L"/a/\u00e9", L"/\U0001F600", L"/a\u0100b", L"/ab"};
+    for (const wchar_t* a : texts)
+        for (const wchar_t* b : texts) {
+            SCOPED_TRACE(testing::Message() << String(a).toUtf8() << " " << String(b).toUtf8());
+            EXPECT_EQ(Path(a) < Path(b), std::wstring(a) < std::wstring(b));
+            EXPECT_EQ(Path(a) == Path(b), std::wstring(a) == std::wstring(b));
+        }
+    // A path made from wide text that only holds one-byte characters equals
+    // one made from UTF-8.
+    EXPECT_EQ(Path(String(L"/r\u00e9sum\u00e9")), Path::fromUtf8("/r\xC3\xA9sum\xC3\xA9"));
+}
+
+TEST(PathTest, ParentAndNameOfAWidePathTakeTheNarrowFormWhenTheyCan) {
+    const Path p(L"/a/\u4e2d");
+    ASSERT_TRUE(p.text().isWide());
+    EXPECT_EQ(p.getParentPath(), Path(L"/a"));
+    EXPECT_FALSE(p.getParentPath().text().isWide());
+    EXPECT_EQ(p.getItemName(), ItemName(L"\u4e2d", ItemName::kNone));
+    const Path q(L"/\u4e2d/r\u00e9\\/x");
+    EXPECT_EQ(q.getItemName(), ItemName(L"r\u00e9/x", ItemName::kNone));
+    EXPECT_EQ(q.getItemName().toString(), L"r\u00e9/x");
+    EXPECT_EQ(q.getParentPath(), Path(L"/\u4e2d"));
+}
+
+TEST(PathTest, AppendingMixesTheForms) {
+    EXPECT_EQ(Path(L"/a") + ItemName(L"\u4e2d/x", ItemName::kNone), Path(L"/a/\u4e2d\\/x"));
+    EXPECT_EQ(Path(L"/\u4e2d") + ItemName(L"b\\", ItemName::kNone), Path(L"/\u4e2d/b\\\\"));
+    EXPECT_EQ(Path(L"/\u4e2d") + ItemName(L"\u00e9", ItemName::kNone), Path(L"/\u4e2d/\u00e9"));
+    EXPECT_FALSE((Path(L"/a") + ItemName(L"\u00e9", ItemName::kNone)).text().isWide());
+    EXPECT_EQ((Path(L"/a") + ItemName(L"\u4e2d", ItemName::kNone)).getItemName().toString(), L"\u4e2d");
+    EXPECT_EQ(kpBlank + ItemName(L"\u4e2d", ItemName::kNone), Path(L"/\u4e2d"));
+    EXPECT_EQ(Path(L"/") + ItemName(L"\u4e2d", ItemName::kNone), Path(L"/\u4e2d"));
+}
+
+TEST(PathTest, RelationshipsAcrossForms) {
+    EXPECT_EQ(Path(L"/a").relationship(Path(L"/a/\u4e2d")), kAncestorOf);
+    EXPECT_EQ(Path(L"/a/\u4e2d").relationship(Path(L"/a")), kDescendantOf);
+    EXPECT_EQ(Path(L"/x/a").relationship(Path(L"/x/\u4e2d")), kSiblingOf);
+    EXPECT_EQ(Path(L"/\u4e2d/a").relationship(Path(L"/\u4e2d/\u00e9")), kSiblingOf);
+    EXPECT_EQ(Path(L"/\u4e2d").relationship(Path(L"/\u4e2d")), kSamePath);
+    EXPECT_EQ(Path(L"/\u00e9").relationship(Path(L"/\u00e9x/b")), kNoRelation);
+    EXPECT_EQ(Path(L"/").relationship(Path(L"/\u4e2d")), kAncestorOf);
+    EXPECT_EQ(Path(L"/a\u4e2d/b").relationship(Path(L"/b\u4e2d/b")), kNoRelation);
+}
+
+TEST(PathTest, TheHashOfOneByteAndMixedTextsMatchesTheRule) {
+    std::mt19937 rng(5);
+    for (int i = 0; i < 500; ++i) {
+        std::wstring text(rng() % 300, L'x');
+        const std::uint32_t range = i % 2 ? 0x100 : 0x110;  // all one byte, or some wider
+        for (auto& c : text) c = static_cast<wchar_t>(rng() % range);
+        EXPECT_EQ(std::hash<Path>()(Path(text, kUnchecked)), expectedHash(text));
+    }
+    EXPECT_EQ(std::hash<Path>()(Path(L"/r\u00e9sum\u00e9")), expectedHash(L"/r\u00e9sum\u00e9"));
+    EXPECT_EQ(std::hash<Path>()(Path(L"/\u4e2d\u6587/\u00e9")), expectedHash(L"/\u4e2d\u6587/\u00e9"));
+    EXPECT_EQ(std::hash<Path>()(Path::fromUtf8("/r\xC3\xA9sum\xC3\xA9")), expectedHash(L"/r\u00e9sum\u00e9"));
+}
+
+TEST(PathTest, FromUTF8ChecksAsTheWideConstructor) {
+    EXPECT_EQ(Path::fromUtf8("/shared/a"), Path(L"/shared/a"));
+    EXPECT_TRUE(Path::fromUtf8("").isBlank());
+    EXPECT_EQ(Path::fromUtf8("/\xE4\xB8\xAD"), Path(L"/\u4e2d"));
+    auto error = [](const std::string& utf8) {
+        try {
+            Path::fromUtf8(utf8);
+            return kItemNameValid;
+        } catch (const CatalogNameException& e) {
+            return e.getValidity();
+        }
+    };
+    EXPECT_EQ(error("a/b"), kPathMustStartWithSlash);
+    // The limit counts characters, not bytes.
+    std::string longest = "/";
+    for (std::size_t i = 1; i < Path::kMaxPathLength; ++i) longest += "\xC3\xA9";
+    EXPECT_EQ(error(longest), kItemNameValid);
+    EXPECT_EQ(error(longest + "a"), kPathTooLong);
+    EXPECT_THROW(Path::fromUtf8("/\xFF"), Utf8Error);
+    EXPECT_EQ(Path::fromUtf8("a/b", kUnchecked).toString(), L"a/b");
+}
+
+TEST(PathTest, UTF8OutputAndTheRoot) {
+    EXPECT_EQ(Path(L"/r\u00e9/\u4e2d").toUtf8(), "/r\xC3\xA9/\xE4\xB8\xAD");
+    std::string out = "x";
+    Path(L"/a").appendUtf8(out);
+    EXPECT_EQ(out, "x/a");
+    EXPECT_TRUE(Path(L"/").isRoot());
+    EXPECT_FALSE(Path(L"/a").isRoot());
+    EXPECT_FALSE(kpBlank.isRoot());
 }
 
 }  // namespace

@@ -89,6 +89,20 @@ std::string toUtf8(std::wstring_view in) {
     return out;
 }
 
+// A path's text: one-byte text straight from the path, wide text as above.
+void appendUtf8(std::string& out, const Path& path) {
+    if (path.text().isWide())
+        appendUtf8(out, std::wstring_view(path.toString()));
+    else
+        path.appendUtf8(out);
+}
+
+std::string toUtf8(const Path& path) {
+    std::string out;
+    appendUtf8(out, path);
+    return out;
+}
+
 // Decodes into `out`, reusing its storage; malformed bytes become U+FFFD
 // (the store is written by this code, so that happens only to a damaged file).
 void decodeInto(String& out, std::string_view in) {
@@ -429,24 +443,17 @@ void logSqlError(const SqlError& e, const std::string& file) {
                             KIV_FILE_LOCATION("project/webcatalog/sqlitecatalog", __LINE__));
 }
 
-bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path.view()) == kItemNameValid; }
+bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path) == kItemNameValid; }
 
-// The fast case of encodeCheckedPath: true when `text` is a valid path of
-// printable ASCII without escapes (then `out` holds its UTF-8 form, the same
-// characters); false for anything else, leaving `out` unspecified.
-bool encodeAsciiPath(std::wstring_view text, std::string& out) {
-    const std::size_t n = text.size();
-    if (n < 2 || n > Path::kMaxPathLength || text[0] != L'/') return false;
-    out.resize(n);
-    char* const o = out.data();
-    // Narrow every character, noting any outside space to '~'.
+// The fast case of encodeCheckedPath: true when the ASCII text `v` is a
+// valid path of printable characters without escapes; false for anything
+// else, which the full check then judges.
+bool isPlainAsciiPath(std::string_view v) noexcept {
+    const std::size_t n = v.size();
+    if (n < 2 || n > Path::kMaxPathLength || v[0] != '/') return false;
+    // Any character outside space to '~', or an escape.
     bool outside = false;
-    for (std::size_t i = 0; i < n; ++i) {
-        const auto u = static_cast<std::uint32_t>(text[i]);
-        o[i] = static_cast<char>(u);
-        outside |= u - 0x20u > 0x7Eu - 0x20u;
-    }
-    const std::string_view v(o, n);
+    for (const char c : v) outside |= static_cast<unsigned char>(c) - 0x20u > 0x7Eu - 0x20u;
     if (outside || v.find('\\') != std::string_view::npos) return false;
     // Each component: not empty, not too long, not all white space (of
     // these characters only the space is white space).
@@ -460,18 +467,21 @@ bool encodeAsciiPath(std::wstring_view text, std::string& out) {
     }
 }
 
-// Checks a path text and writes its UTF-8 form to `out` in one pass; the
-// answer is exactly detail::checkPathText's. Texts of printable ASCII
-// without escapes (the usual case) are checked and converted in one go; any
-// other text, and any text the fast pass finds fault with, goes through the
-// full check and the general conversion. `out` is left unspecified for an
-// invalid text.
-EItemNameValidity encodeCheckedPath(std::wstring_view text, std::string& out) {
-    if (encodeAsciiPath(text, out)) return kItemNameValid;
-    const EItemNameValidity validity = detail::checkPathText(text);
+// Checks a path and writes its UTF-8 form to `out`; the answer is exactly
+// detail::checkPathText's. An ASCII path (the usual case) is copied as it
+// is and checked on its bytes; any other path, and any the fast check finds
+// fault with, goes through the full check and the general conversion.
+// `out` is left unspecified for an invalid path.
+EItemNameValidity encodeCheckedPath(const Path& path, std::string& out) {
+    if (path.text().isAscii()) {
+        out.clear();
+        path.appendUtf8(out);
+        if (isPlainAsciiPath(out)) return kItemNameValid;
+    }
+    const EItemNameValidity validity = detail::checkPathText(path);
     if (validity == kItemNameValid) {
         out.clear();
-        appendUtf8(out, text);
+        appendUtf8(out, path);
     }
     return validity;
 }
@@ -834,7 +844,7 @@ struct SqliteCatalog::Impl {
         try {
             const std::uint64_t localGen = localAclGen.load(std::memory_order_acquire);
             Lease c(*this, Lease::kRead);
-            if (encodeCheckedPath(path.view(), c->pathBuf) != kItemNameValid) return kErrorPathInvalid;
+            if (encodeCheckedPath(path, c->pathBuf) != kItemNameValid) return kErrorPathInvalid;
             Query q(*c, kStLookup);
             q.text(1, c->pathBuf);
             if (!q.step()) return kErrorPathNotFound;
@@ -1051,8 +1061,8 @@ ReturnCode SqliteCatalog::readObject(const AccountToken& user, const Path& path,
 
 ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path, Writer& writer,
                                       const ReplaceHelper& replaceHelper) {
-    if (path.view() == L"/") return kErrorRootSacred;
-    const EItemNameValidity validity = detail::checkPathText(path.view());
+    if (path.isRoot()) return kErrorRootSacred;
+    const EItemNameValidity validity = detail::checkPathText(path);
     if (validity == kPathEmpty || validity == kPathTooLong || validity == kPathMustStartWithSlash)
         return kErrorPathInvalid;
     if (validity != kItemNameValid) {
@@ -1069,7 +1079,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
             const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
             Impl::Lease c(impl);
             c->pathBuf.clear();
-            appendUtf8(c->pathBuf, path.view());
+            appendUtf8(c->pathBuf, path);
             const std::string_view parent = parentOf(c->pathBuf);
             Query item(*c, kStLookup);
             Row row;
@@ -1100,7 +1110,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
             Impl::Lease c(impl);
             WriteTxn txn(*c);
             c->pathBuf.clear();
-            appendUtf8(c->pathBuf, path.view());
+            appendUtf8(c->pathBuf, path);
             const std::string_view parent = parentOf(c->pathBuf);
             Query item(*c, kStLookup);
             Row row;
@@ -1132,7 +1142,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
 
 ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& path) {
     if (!isValidPathText(path)) return kErrorPathInvalid;
-    if (path.view() == L"/") return kErrorRootSacred;
+    if (path.isRoot()) return kErrorRootSacred;
     Impl& impl = *m_impl;
     try {
         const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
@@ -1140,7 +1150,7 @@ ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& pat
         WriteTxn txn(*c);
         impl.refreshAcl(*c, localGen);
         c->pathBuf.clear();
-        appendUtf8(c->pathBuf, path.view());
+        appendUtf8(c->pathBuf, path);
         Row row;
         {
             Query q(*c, kStLookup);
@@ -1234,7 +1244,7 @@ void SqliteCatalog::makeFolder(const Path& path) {
     adminCall(*m_impl, path, [&] {
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         makeFolders(*c, path, p);
         txn.commit();
     });
@@ -1247,8 +1257,8 @@ namespace {
 void putOne(SqliteCatalog::Impl& impl, Conn& c, const Path& path, const String& signature,
             const std::map<String, String>& properties, std::string_view body) {
     requireValid(path);
-    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
-    c.pathBuf = toUtf8(path.view());
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
+    c.pathBuf = toUtf8(path);
     const std::string parent(parentOf(c.pathBuf));
     makeFolders(c, path, parent);
     Row old;
@@ -1293,7 +1303,7 @@ void SqliteCatalog::setProperties(const Path& path, const std::map<String, Strin
     adminCall(*m_impl, path, [&] {
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
         const std::int64_t t = Impl::nextTime(*c, mtimeAt(*c, p));
         Query(*c, kStSetProps).text(1, p).blob(2, encodeProperties(properties)).integer(3, t).run();
@@ -1304,17 +1314,17 @@ void SqliteCatalog::setProperties(const Path& path, const std::map<String, Strin
 void SqliteCatalog::makeLink(const Path& path, const Path& target) {
     requireValid(path);
     requireValid(target);
-    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
     adminCall(*m_impl, path, [&] {
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         const std::string parent(parentOf(p));
         makeFolders(*c, path, parent);
         const int kind = kindAt(*c, p);
         if (kind != 0 && kind != kKindLink) adminFail(kErrorItemAlreadyExists, path);
         const std::int64_t t = Impl::nextTime(*c, kind ? mtimeAt(*c, p) : 0);
-        const std::string targetText = toUtf8(target.view());
+        const std::string targetText = toUtf8(target);
         Query(*c, kStUpsertItem)
             .text(1, p)
             .text(2, parent)
@@ -1335,7 +1345,7 @@ void SqliteCatalog::setAccess(const Path& path, const String& principal, bool is
         {
             Impl::Lease c(*m_impl);
             WriteTxn txn(*c);
-            const std::string p = toUtf8(path.view());
+            const std::string p = toUtf8(path);
             if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
             const std::string who = toUtf8(principal);
             Query(*c,
@@ -1359,7 +1369,7 @@ void SqliteCatalog::clearAccess(const Path& path) {
         {
             Impl::Lease c(*m_impl);
             WriteTxn txn(*c);
-            const std::string p = toUtf8(path.view());
+            const std::string p = toUtf8(path);
             Query(*c, kStDeleteAclOf).text(1, p).run();
             Query(*c, kStBumpAclGen).run();
             txn.commit();
@@ -1376,7 +1386,7 @@ Rights SqliteCatalog::effectiveRights(const AccountToken& user, const Path& path
         Query q(*c, kStClock);  // holds the snapshot while the lists are read
         q.step();
         m_impl->refreshAcl(*c, localGen);
-        const int r = Impl::rightsOf(*c, user, toUtf8(path.view()));
+        const int r = Impl::rightsOf(*c, user, toUtf8(path));
         return Impl::mayWrite(r) ? Rights::kWrite : Impl::mayRead(r) ? Rights::kRead : Rights::kNone;
     });
 }
@@ -1423,7 +1433,7 @@ std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
     requireValid(folder);
     return adminCall(*m_impl, folder, [&] {
         std::vector<Entry> entries;
-        const std::string p = toUtf8(folder.view());
+        const std::string p = toUtf8(folder);
         Impl::Lease c(*m_impl);
         const int kind = kindAt(*c, p);
         if (kind == 0) adminFail(kErrorPathNotFound, folder);
@@ -1446,7 +1456,7 @@ std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
 std::string SqliteCatalog::readRaw(const Path& path) {
     requireValid(path);
     return adminCall(*m_impl, path, [&] {
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         Impl::Lease c(*m_impl);
         Query q(*c, "SELECT i.kind, b.data FROM items i LEFT JOIN bodies b ON b.id = i.body_id WHERE i.path = ?1");
         q.text(1, p);
@@ -1459,7 +1469,7 @@ std::string SqliteCatalog::readRaw(const Path& path) {
 bool SqliteCatalog::exists(const Path& path) {
     if (!isValidPathText(path)) return false;
     return adminCall(*m_impl, path, [&] {
-        const std::string p = toUtf8(path.view());
+        const std::string p = toUtf8(path);
         Impl::Lease c(*m_impl);
         return kindAt(*c, p) != 0;
     });
@@ -1467,12 +1477,12 @@ bool SqliteCatalog::exists(const Path& path) {
 
 void SqliteCatalog::remove(const Path& path) {
     requireValid(path);
-    if (path.view() == L"/") adminFail(kErrorRootSacred, path);
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
     adminCall(*m_impl, path, [&] {
         {
             Impl::Lease c(*m_impl);
             WriteTxn txn(*c);
-            const std::string p = toUtf8(path.view());
+            const std::string p = toUtf8(path);
             const int kind = kindAt(*c, p);
             if (kind == 0) adminFail(kErrorPathNotFound, path);
             // Everything under a folder: paths from "p/" up to, not including,

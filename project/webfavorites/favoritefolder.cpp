@@ -27,8 +27,8 @@ bool isIndexable(const FavoritesItem* item) noexcept {
 }  // namespace
 
 std::size_t FavoriteFolder::KeyHash::operator()(const FavoritesItem* item) const noexcept {
-    std::size_t h = std::hash<std::wstring_view>()(item->getPath().view());
-    h ^= std::hash<std::wstring_view>()(item->getCatalogPath().view()) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+    std::size_t h = item->getPath().text().contentHash();
+    h ^= item->getCatalogPath().text().contentHash() + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
     return h ^ typeid(*item).hash_code();
 }
 

@@ -327,7 +327,8 @@ void FavoritesManager::buildFavorties(XmlElement* pElement, const Handle<Favorit
         // The element's tag name is never examined: its attributes decide.
         catalog::ItemName name(pChild->unchecked_getAttributeValue(ksNameAttr, XmlElement::kNotRequired),
                                catalog::ItemName::kNone);
-        catalog::Path catalogPath(pChild->unchecked_getAttributeValue(ksCatalogPathAttr, XmlElement::kNotRequired));
+        // Straight from the document's UTF-8: most paths are ASCII and need no wide copy.
+        const catalog::Path catalogPath = catalog::Path::fromUtf8(pChild->getAttributeValueUtf8(ksCatalogPathAttr));
         const String type = pChild->unchecked_getAttributeValue(ksTypeAttr, XmlElement::kNotRequired);
         const catalog::Path parentPath = parent->getPath();
 

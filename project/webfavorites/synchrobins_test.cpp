@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <map>
+#include <random>
+
 #include "qz/webfavorites/favoritesmanager.h"
 
 namespace kiv {
@@ -38,6 +42,28 @@ TEST(SynchroBinsTest, AKeyLivesInTheBinOfItsHashModuloTheBinCount) {
     EXPECT_EQ(map.binOf(p), std::hash<catalog::Path>()(p) % 17);
     map.set(p, 3);
     EXPECT_EQ(map.bucket(map.binOf(p)).m_map.count(p), 1u);
+}
+
+TEST(SynchroBinsTest, TheBinIsTheHashModuloTheBinCountForEveryHashAndCount) {
+    // Keys that are their own hash, so that any 64-bit hash can be tried.
+    struct Identity {
+        std::uint64_t operator()(std::uint64_t k) const noexcept { return k; }
+    };
+    using Bins = SynchroBins<std::map<std::uint64_t, unsigned>, 1, Identity, CriticalSection>;
+    std::mt19937_64 rng(17);
+    for (double count : {1.0, 2.0, 3.0, 7.0, 16.0, 17.0, 34.0, 1000.0, 4099.0}) {
+        const Bins bins(count);
+        const auto d = static_cast<std::uint64_t>(count);
+        ASSERT_EQ(bins.binCount(), d);
+        for (std::uint64_t h : {std::uint64_t{0}, std::uint64_t{1}, d - 1, d, d + 1, ~std::uint64_t{0},
+                                ~std::uint64_t{0} - 1, std::uint64_t{1} << 63, (std::uint64_t{1} << 63) - 1})
+            EXPECT_EQ(bins.binOf(h), h % d) << h << " " << d;
+        for (int i = 0; i < 20000; ++i) {
+            const std::uint64_t h = rng();
+            ASSERT_EQ(bins.binOf(h), h % d) << h << " " << d;
+            ASSERT_EQ(bins.binOf(h >> (i % 64)), (h >> (i % 64)) % d) << h << " " << d;
+        }
+    }
 }
 
 TEST(SynchroBinsTest, GetAndUpdateChangesOnlyPresentKeysAndCountsOperations) {

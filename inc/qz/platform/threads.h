@@ -18,8 +18,38 @@
 #include <cstdint>
 #include <mutex>
 #include <shared_mutex>
+#include <thread>
 
 namespace kiv {
+
+namespace threads::detail {
+
+// A small mutex on one atomic word (0 free, 1 held, 2 held and maybe awaited),
+// waiting through the standard atomic wait: a free lock costs one exchange to
+// take and one to release, with no call into the thread library.
+class WordMutex {
+public:
+    bool try_lock() noexcept {
+        std::uint32_t expected = 0;
+        return m_state.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed);
+    }
+    void lock() noexcept {
+        if (!try_lock()) lockContended();
+    }
+    void unlock() noexcept {
+        if (m_state.exchange(0, std::memory_order_release) == 2) m_state.notify_one();
+    }
+
+private:
+    void lockContended() noexcept {
+        // Mark the lock awaited, then sleep until it is released; whoever takes
+        // it here keeps it marked, so its release wakes the next waiter.
+        while (m_state.exchange(2, std::memory_order_acquire) != 0) m_state.wait(2, std::memory_order_relaxed);
+    }
+    std::atomic<std::uint32_t> m_state{0};
+};
+
+}  // namespace threads::detail
 
 class CriticalSection {
 public:
@@ -32,9 +62,23 @@ public:
     virtual void setContentionReporting(bool bOn);
     virtual ~CriticalSection();
 
-    void lock();
+    // The common case inline: detection off, the lock free and not already
+    // held by the caller.
+    void lock() {
+        if (!m_bContentionDetectionON.load(std::memory_order_relaxed) && !heldByCaller() && m_mutex.try_lock()) {
+            takeOwnership();
+            return;
+        }
+        lockSlow();
+    }
     bool tryLock();
-    void unlock();
+    void unlock() {
+        if (m_bRecursive) {
+            if (--m_nDepth > 0) return;
+            m_owner.store(std::thread::id(), std::memory_order_relaxed);
+        }
+        m_mutex.unlock();
+    }
 
     bool isContentionReportingOn() const noexcept { return m_bReporting; }
     std::uint8_t getSequentialWaits() const noexcept { return m_nSequentialWaits; }
@@ -43,8 +87,23 @@ public:
     static std::atomic<unsigned> m_nSequentialLocksWithWaitLogThreshold;
 
 private:
-    std::recursive_mutex m_recursive;
-    std::mutex m_plain;
+    // A recursive lock is one mutex plus its owner and depth: only the owner
+    // ever stores its own id, so reading the owner without the lock cannot
+    // mistake another thread's hold for the caller's.
+    bool heldByCaller() const noexcept {
+        return m_bRecursive && m_owner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+    }
+    void takeOwnership() noexcept {
+        if (m_bRecursive) {
+            m_owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+            m_nDepth = 1;
+        }
+    }
+    void lockSlow();
+
+    threads::detail::WordMutex m_mutex;
+    std::atomic<std::thread::id> m_owner{};  // recursive locks: the holder, or no thread
+    unsigned m_nDepth = 0;                    // recursive locks: holds by the owner; guarded by the lock
     const bool m_bRecursive;
     bool m_bReporting = false;           // guarded by the lock itself
     std::uint8_t m_nSequentialWaits = 0;  // guarded by the lock itself

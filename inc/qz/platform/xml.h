@@ -110,6 +110,9 @@ public:
     String getAttributeValue(const String& name, ERequired required) const;
     // The same without the required check (absent reads as blank).
     String unchecked_getAttributeValue(const String& name, ERequired required) const;
+    // The value as the document holds it, UTF-8 (absent reads as empty), for
+    // callers that keep it in a form of their own without a wide copy.
+    std::string getAttributeValueUtf8(const String& name) const;
     bool hasAttribute(const String& name) const;
     void setAttributeValue(const XmlQualifiedName& name, const String& value);
 

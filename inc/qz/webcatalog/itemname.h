@@ -5,11 +5,14 @@
 // all white space, at most kMaxItemNameLength characters, holds no control
 // character (below U+0020, or U+007F to U+009F) and only Unicode scalar values.
 //
+// The text is kept as a CompactText (one byte per character when it allows).
+//
 // Thread safety: an immutable value.
 #pragma once
 
 #include "qz/platform/exception.h"
 #include "qz/platform/string.h"
+#include "qz/webcatalog/compacttext.h"
 
 namespace kiv::catalog {
 
@@ -62,8 +65,10 @@ public:
     // kEscapedItemNameNotEscaped).
     static EItemNameValidity checkEscapedItemName(const String& escaped);
 
-    const String& toString() const noexcept { return m_name; }
+    String toString() const { return m_name.toString(); }
     String toEscapedString() const;
+    // Number of characters of the name.
+    std::size_t size() const noexcept { return m_name.size(); }
 
     bool operator==(const ItemName& o) const noexcept { return m_name == o.m_name; }
     bool operator!=(const ItemName& o) const noexcept { return m_name != o.m_name; }
@@ -71,9 +76,11 @@ public:
 
 private:
     struct Unchecked {};
-    ItemName(String name, Unchecked) : m_name(std::move(name)) {}
+    ItemName(CompactText name, Unchecked) : m_name(std::move(name)) {}
+    // The name stood for by a well-checked escaped component.
+    static ItemName fromCheckedEscaped(const CompactText& escaped);
     friend class Path;
-    String m_name;
+    CompactText m_name;
 };
 
 }  // namespace kiv::catalog

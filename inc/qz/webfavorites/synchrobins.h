@@ -36,11 +36,13 @@ public:
         if (n == 0) n = 1;
         m_BucketContainers.reserve(n);
         for (std::uint64_t i = 0; i < n; ++i) m_BucketContainers.push_back(std::make_unique<BucketContainer>());
+        m_nBins = n;
+        m_binReciprocal = ~static_cast<unsigned __int128>(0) / n + 1;
     }
 
     std::size_t binCount() const noexcept { return m_BucketContainers.size(); }
     std::size_t binOf(const key_type& key) const noexcept {
-        return static_cast<std::size_t>(static_cast<std::uint64_t>(Hash()(key)) % m_BucketContainers.size());
+        return static_cast<std::size_t>(remainder(static_cast<std::uint64_t>(Hash()(key))));
     }
 
     bool has(const key_type& key) const {
@@ -105,12 +107,25 @@ public:
     BucketContainer& bucket(std::size_t i) noexcept { return *m_BucketContainers[i]; }
 
 private:
+    // hash % bin count without a division: with c = ceil(2^128 / d), the
+    // remainder is the high 128 bits of ((c * h) mod 2^128) * d, exactly, for
+    // every 64-bit h and every d >= 1 (c wraps to 0 for d = 1, giving 0).
+    std::uint64_t remainder(std::uint64_t h) const noexcept {
+        using U128 = unsigned __int128;
+        const U128 fraction = m_binReciprocal * h;  // modulo 2^128
+        const U128 low = (static_cast<U128>(static_cast<std::uint64_t>(fraction)) * m_nBins) >> 64;
+        const U128 high = static_cast<U128>(static_cast<std::uint64_t>(fraction >> 64)) * m_nBins;
+        return static_cast<std::uint64_t>((low + high) >> 64);
+    }
+
     struct Guard {
         explicit Guard(Lock& l) : m_l(l) { m_l.lock(); }
         ~Guard() { m_l.unlock(); }
         Lock& m_l;
     };
     std::vector<std::unique_ptr<BucketContainer>> m_BucketContainers;
+    std::uint64_t m_nBins = 1;
+    unsigned __int128 m_binReciprocal = 0;  // ceil(2^128 / m_nBins), modulo 2^128
 };
 
 }  // namespace kiv

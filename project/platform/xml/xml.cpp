@@ -608,6 +608,14 @@ String XmlElement::unchecked_getAttributeValue(const String& name, ERequired) co
     return getAttributeValue(name, kNotRequired);
 }
 
+std::string XmlElement::getAttributeValueUtf8(const String& name) const {
+    const std::string n = name.toUtf8();
+    xmlAttrPtr attr = xmlHasNsProp(toNode(this), xc(n), nullptr);
+    if (!attr || attr->type != XML_ATTRIBUTE_NODE) return std::string();
+    XmlCharPtr value(xmlNodeListGetString(attr->doc, attr->children, 1));
+    return value ? std::string(reinterpret_cast<const char*>(value.get())) : std::string();
+}
+
 bool XmlElement::hasAttribute(const String& name) const {
     const std::string n = name.toUtf8();
     xmlAttrPtr attr = xmlHasNsProp(toNode(this), xc(n), nullptr);

@@ -86,6 +86,15 @@ TEST(XmlDocumentTest, ParsedDocumentSerialisesAndParsesBackEqual) {
     EXPECT_EQ(again->serialize(), out);
 }
 
+TEST(XmlDocumentTest, AttributeValuesAsUTF8AreTheDocumentText) {
+    auto doc = parsed("<f p=\"/r\xC3\xA9sum&#233;/\xE4\xB8\xAD &amp; x\" e=\"\"/>");
+    const XmlElement& root = doc->getRootElementRef();
+    EXPECT_EQ(root.getAttributeValueUtf8(L"p"), "/r\xC3\xA9sum\xC3\xA9/\xE4\xB8\xAD & x");
+    EXPECT_EQ(String::fromUtf8(root.getAttributeValueUtf8(L"p")), root.getAttributeValue(L"p", XmlElement::kRequired));
+    EXPECT_EQ(root.getAttributeValueUtf8(L"e"), "");
+    EXPECT_EQ(root.getAttributeValueUtf8(L"missing"), "");
+}
+
 TEST(XmlDocumentTest, NamespacedRootHoldsUnnamespacedChildrenWithAttributes) {
     auto doc = parsed(kSample);
     XmlElement& root = doc->getRootElementRef();
@@ -102,6 +111,8 @@ TEST(XmlDocumentTest, NamespacedRootHoldsUnnamespacedChildrenWithAttributes) {
     EXPECT_EQ(first->getAttributeValue(L"catalogpath", XmlElement::kNotRequired), L"");
     EXPECT_EQ(first->unchecked_getAttributeValue(L"catalogpath", XmlElement::kRequired), L"");
     EXPECT_THROW(first->getAttributeValue(L"catalogpath", XmlElement::kRequired), XmlException);
+    EXPECT_EQ(first->getAttributeValueUtf8(L"name"), "Sales");
+    EXPECT_EQ(first->getAttributeValueUtf8(L"catalogpath"), "");
     XmlElement* leaf = first->getFirstChildElement();
     ASSERT_NE(leaf, nullptr);
     EXPECT_EQ(leaf->getAttributeValue(L"catalogpath", XmlElement::kRequired), L"/shared/Sales/Q1");
