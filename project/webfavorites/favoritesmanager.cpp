@@ -45,9 +45,6 @@ const String strFavoriteItem(L"favoriteItem");
 const XmlNamespace kFavoritesNamespace(String(L"urn:kiv-web:favorites/v1"), String());
 // The names of the elements and attributes the builder writes, made once.
 const XmlQualifiedName kqnFavorite(ksFavoriteTag);
-const XmlQualifiedName kqnName(ksNameAttr);
-const XmlQualifiedName kqnCatalogPath(ksCatalogPathAttr);
-const XmlQualifiedName kqnType(ksTypeAttr);
 const LogSourceHandle s_logSrcUpgrade(String(L"kiv.favoritesmanager.upgrade"));
 
 const String ksCompositeSignature(L"compositeSignature");
@@ -87,9 +84,9 @@ struct MobileFavoriteUpgradeData : XmlDocumentData<115> {
 const String MobileFavoriteUpgradeData::ksSignature(L"mobilefavorites1");
 const String MobileFavoriteUpgradeData::ksDescription(L"Mobile Favorite User Data");
 
-// Sets an un-namespaced attribute; `name` is one of the constant names above.
-void appendAttribute(XmlElement* pElement, const XmlQualifiedName& name, const String& value) {
-    pElement->setAttributeValue(name, value);
+// Sets the attribute `name`, in no namespace, on the element.
+void appendAttribute(XmlElement* pElement, const String& name, const String& value) {
+    pElement->setAttributeValue(XmlQualifiedName(name), value);
 }
 
 // Writes the tree below a document's root element: a "favorite" element per
@@ -100,9 +97,9 @@ public:
 
     bool visitCatalogItem(FavoriteCatalogItem& item) override {
         XmlElement* e = m_elementStack.back()->appendXmlElement(kqnFavorite);
-        appendAttribute(e, kqnName, item.getName().toString());
-        appendAttribute(e, kqnCatalogPath, item.getCatalogPath().toString());
-        appendAttribute(e, kqnType, ksCatalogItem);
+        appendAttribute(e, ksNameAttr, item.getName().toString());
+        appendAttribute(e, ksCatalogPathAttr, item.getCatalogPath().toString());
+        appendAttribute(e, ksTypeAttr, ksCatalogItem);
         return true;
     }
     bool visitFolderEnd(FavoriteFolder&) override {
@@ -111,8 +108,8 @@ public:
     }
     bool visitFolderBegin(FavoriteFolder& folder) override {
         XmlElement* e = m_elementStack.back()->appendXmlElement(kqnFavorite);
-        appendAttribute(e, kqnName, folder.getName().toString());
-        appendAttribute(e, kqnType, ksCategory);
+        appendAttribute(e, ksNameAttr, folder.getName().toString());
+        appendAttribute(e, ksTypeAttr, ksCategory);
         m_elementStack.push_back(e);
         return true;
     }
