@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <clocale>
 #include <cwctype>
 
@@ -47,6 +48,46 @@ inline bool decodeOne(std::string_view in, std::size_t& i, char32_t& out, const 
     return true;
 }
 
+// Characters looked at together by the ASCII fast paths: each block is one
+// branch-free loop that the compiler turns into vector instructions.
+constexpr std::size_t kBlock = 16;
+
+// Length of the leading run of characters (or bytes) below 0x80.
+template <class C>
+std::size_t asciiPrefix(const C* s, std::size_t n) noexcept {
+    using U = std::make_unsigned_t<C>;
+    std::size_t i = 0;
+    for (; i + kBlock <= n; i += kBlock) {
+        std::uint32_t bits = 0;
+        for (std::size_t k = 0; k < kBlock; ++k) bits |= static_cast<std::uint32_t>(static_cast<U>(s[i + k]));
+        if (bits >= 0x80) break;
+    }
+    while (i < n && static_cast<std::uint32_t>(static_cast<U>(s[i])) < 0x80) ++i;
+    return i;
+}
+
+std::size_t scalarLength(char32_t c) noexcept { return c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4; }
+
+// Writes the UTF-8 form of the scalar value `c`; returns the end.
+char* putScalar(char32_t c, char* o) noexcept {
+    if (c < 0x80) {
+        *o++ = static_cast<char>(c);
+    } else if (c < 0x800) {
+        *o++ = static_cast<char>(0xC0 | (c >> 6));
+        *o++ = static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        *o++ = static_cast<char>(0xE0 | (c >> 12));
+        *o++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        *o++ = static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        *o++ = static_cast<char>(0xF0 | (c >> 18));
+        *o++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        *o++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        *o++ = static_cast<char>(0x80 | (c & 0x3F));
+    }
+    return o;
+}
+
 }  // namespace
 
 namespace utf8 {
@@ -58,8 +99,10 @@ std::wstring decode(std::string_view in) {
     wchar_t* o = out.data();
     std::size_t i = 0;
     while (i < in.size()) {
-        const auto b = static_cast<unsigned char>(in[i]);
-        if (b < 0x80) { *o++ = static_cast<wchar_t>(b); ++i; continue; }
+        const std::size_t ascii = asciiPrefix(in.data() + i, in.size() - i);
+        for (std::size_t k = 0; k < ascii; ++k) *o++ = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
+        i += ascii;
+        if (i == in.size()) break;
         char32_t cp;
         const char* what = nullptr;
         const std::size_t at = i;
@@ -70,49 +113,88 @@ std::wstring decode(std::string_view in) {
     return out;
 }
 
-void encodeAppend(std::wstring_view in, std::string& out) {
-    // Text is mostly ASCII: copy the leading ASCII part eight characters at a
-    // time (a loop the compiler turns into vector code), then encode the rest
-    // character by character.
-    const std::size_t n = in.size();
-    const std::size_t start = out.size();
-    out.resize(start + n);
-    char* const p = out.data() + start;
+void decodeReplacing(std::string_view in, std::wstring& out) {
+    out.resize(in.size());  // never more characters than bytes
+    wchar_t* o = out.data();
     std::size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        std::uint32_t any = 0;
-        for (std::size_t k = 0; k < 8; ++k) any |= static_cast<std::uint32_t>(in[i + k]);
-        if (any >= 0x80) break;
-        for (std::size_t k = 0; k < 8; ++k) p[i + k] = static_cast<char>(in[i + k]);
-    }
-    for (; i < n && static_cast<std::uint32_t>(in[i]) < 0x80; ++i) p[i] = static_cast<char>(in[i]);
-    out.resize(start + i);
-    for (; i < n; ++i) {
-        const auto c = static_cast<char32_t>(in[i]);
-        if (c < 0x80) {
-            out.push_back(static_cast<char>(c));
-        } else if (c < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        } else if (c < 0x10000) {
-            if (!isScalarValue(c)) throw Utf8Error(L"cannot encode a surrogate code point as UTF-8 (character " + std::to_wstring(i) + L")");
-            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        } else if (c <= 0x10FFFF) {
-            out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        } else {
-            throw Utf8Error(L"cannot encode a code point above U+10FFFF as UTF-8 (character " + std::to_wstring(i) + L")");
+    while (i < in.size()) {
+        const std::size_t ascii = asciiPrefix(in.data() + i, in.size() - i);
+        for (std::size_t k = 0; k < ascii; ++k) *o++ = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
+        i += ascii;
+        if (i == in.size()) break;
+        char32_t cp;
+        const char* what = nullptr;
+        if (!decodeOne(in, i, cp, what)) {
+            cp = 0xFFFD;  // one replacement per byte that starts no valid sequence
+            ++i;
         }
+        *o++ = static_cast<wchar_t>(cp);
     }
+    out.resize(static_cast<std::size_t>(o - out.data()));
+}
+
+std::size_t encodedLength(std::wstring_view in) noexcept {
+    const std::size_t ascii = asciiPrefix(in.data(), in.size());
+    std::size_t n = ascii;
+    for (std::size_t i = ascii; i < in.size(); ++i) {
+        const auto c = static_cast<char32_t>(in[i]);
+        if (!isScalarValue(c)) return SIZE_MAX;
+        n += scalarLength(c);
+    }
+    return n;
+}
+
+namespace {
+
+// encodeInto after its first `ascii` characters were found to be ASCII.
+char* encodeRest(std::wstring_view in, std::size_t ascii, char* out) noexcept {
+    for (std::size_t i = 0; i < ascii; ++i) out[i] = static_cast<char>(in[i]);  // indexed: vectorises
+    out += ascii;
+    for (std::size_t i = ascii; i < in.size(); ++i) {
+        const auto c = static_cast<char32_t>(in[i]);
+        out = putScalar(isScalarValue(c) ? c : char32_t{0xFFFD}, out);
+    }
+    return out;
+}
+
+}  // namespace
+
+char* encodeInto(std::wstring_view in, char* out) noexcept {
+    return encodeRest(in, asciiPrefix(in.data(), in.size()), out);
+}
+
+void encodeAppend(std::wstring_view in, std::string& out) {
+    const std::size_t ascii = asciiPrefix(in.data(), in.size());
+    if (ascii == in.size()) {  // the usual case: one scan, one copy
+        const std::size_t start = out.size();
+        out.resize(start + ascii);
+        encodeRest(in, ascii, out.data() + start);
+        return;
+    }
+    const std::size_t bytes = encodedLength(in);
+    if (bytes == SIZE_MAX) {
+        // Encode what comes before the offending character, then refuse it.
+        std::size_t bad = 0;
+        while (isScalarValue(static_cast<char32_t>(in[bad]))) ++bad;
+        encodeAppend(in.substr(0, bad), out);
+        if (static_cast<char32_t>(in[bad]) <= 0x10FFFF)
+            throw Utf8Error(L"cannot encode a surrogate code point as UTF-8 (character " + std::to_wstring(bad) + L")");
+        throw Utf8Error(L"cannot encode a code point above U+10FFFF as UTF-8 (character " + std::to_wstring(bad) + L")");
+    }
+    const std::size_t start = out.size();
+    out.resize(start + bytes);
+    encodeInto(in, out.data() + start);
+}
+
+void encodeAppendReplacing(std::wstring_view in, std::string& out) {
+    const std::size_t start = out.size();
+    out.resize(start + in.size() * 4);  // at most four bytes a character
+    char* const end = encodeInto(in, out.data() + start);
+    out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
 std::string encode(std::wstring_view in) {
     std::string out;
-    out.reserve(in.size());
     encodeAppend(in, out);
     return out;
 }
@@ -120,14 +202,8 @@ std::string encode(std::wstring_view in) {
 bool isValid(std::string_view in) noexcept {
     std::size_t i = 0;
     while (i < in.size()) {
-        // Documents are mostly ASCII: step over it eight bytes at a time.
-        while (i + 8 <= in.size()) {
-            std::uint64_t word;
-            std::memcpy(&word, in.data() + i, sizeof word);
-            if (word & 0x8080808080808080ull) break;
-            i += 8;
-        }
-        if (i >= in.size()) break;
+        i += asciiPrefix(in.data() + i, in.size() - i);
+        if (i == in.size()) break;
         char32_t cp;
         const char* what = nullptr;
         if (!decodeOne(in, i, cp, what)) return false;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
 #include "qz/platform/exception.h"
@@ -65,6 +66,43 @@ TEST(Utf8Codec, AsciiPrefixFollowedByOtherCharactersRoundTrips) {
     EXPECT_EQ(enc, "/shared/report-\xc3\xa9t\xc3\xa9/\xe4\xb8\xad\xf0\x9f\x98\x80/end");
     EXPECT_EQ(utf8::decode(enc), wide);
     EXPECT_EQ(utf8::decode(enc).size(), wide.size());
+}
+
+TEST(Utf8Codec, EncodedLengthCountsBytesAndRefusesNonScalarValues) {
+    EXPECT_EQ(utf8::encodedLength(L""), 0u);
+    EXPECT_EQ(utf8::encodedLength(std::wstring(40, L'a') + L"\u00e9\u4e2d\U0001F600"), 40u + 2 + 3 + 4);
+    EXPECT_EQ(utf8::encodedLength(std::wstring(20, L'a') + wchar_t(0xD800)), SIZE_MAX);
+    EXPECT_EQ(utf8::encodedLength(std::wstring(1, wchar_t(0x110000))), SIZE_MAX);
+}
+
+TEST(Utf8Codec, EncodeAppendKeepsWhatPrecedesARefusedCharacter) {
+    std::string out = "x";
+    const std::wstring in = std::wstring(L"ab\u00e9") + wchar_t(0xDC00) + L"cd";
+    EXPECT_THROW(utf8::encodeAppend(in, out), Utf8Error);
+    EXPECT_EQ(out, "xab\xc3\xa9");
+    out.clear();
+    EXPECT_THROW(utf8::encodeAppend(std::wstring(1, wchar_t(0x110000)), out), Utf8Error);
+    EXPECT_EQ(out, "");
+}
+
+TEST(Utf8Codec, ReplacingEncoderWritesReplacementCharacters) {
+    std::string out = "p:";
+    const std::wstring in = std::wstring(18, L'a') + wchar_t(0xD800) + L"\u00e9" + wchar_t(0x110000);
+    utf8::encodeAppendReplacing(in, out);
+    EXPECT_EQ(out, "p:" + std::string(18, 'a') + "\xef\xbf\xbd\xc3\xa9\xef\xbf\xbd");
+    char buf[8];
+    EXPECT_EQ(utf8::encodeInto(L"\u4e2d", buf) - buf, 3);
+    EXPECT_EQ(std::string(buf, 3), "\xe4\xb8\xad");
+}
+
+TEST(Utf8Codec, ReplacingDecoderReplacesEachBadByte) {
+    std::wstring out = L"old";
+    utf8::decodeReplacing(std::string(17, 'a') + bytes({0xC3, 0xA9, 0xFF, 0xC0, 0xAF, 0xE4, 0xB8}) + "z", out);
+    EXPECT_EQ(out, std::wstring(17, L'a') + L"\u00e9\ufffd\ufffd\ufffd\ufffd\ufffdz");
+    utf8::decodeReplacing(bytes({0xED, 0xA0, 0x80}), out);  // a surrogate: three bad bytes
+    EXPECT_EQ(out, L"\ufffd\ufffd\ufffd");
+    utf8::decodeReplacing("", out);
+    EXPECT_TRUE(out.empty());
 }
 
 TEST(Utf8Codec, BoundaryCodePointsRoundTrip) {

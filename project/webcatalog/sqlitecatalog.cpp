@@ -53,34 +53,9 @@ constexpr int kMaxLinkHops = 64;
 // ---------------------------------------------------------------------------
 // UTF-8 without exceptions or fresh allocations on the hot path.
 
-void appendUtf8(std::string& out, std::wstring_view in) {
-    // Paths are mostly ASCII: copy a leading ASCII run in one go.
-    std::size_t ascii = 0;
-    while (ascii < in.size() && static_cast<std::uint32_t>(in[ascii]) < 0x80) ++ascii;
-    const std::size_t start = out.size();
-    out.resize(start + ascii);
-    for (std::size_t i = 0; i < ascii; ++i) out[start + i] = static_cast<char>(in[i]);
-    in.remove_prefix(ascii);
-    for (wchar_t wc : in) {
-        auto c = static_cast<std::uint32_t>(wc);
-        if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
-        if (c < 0x80) {
-            out.push_back(static_cast<char>(c));
-        } else if (c < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        } else if (c < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        }
-    }
-}
+// Stored texts are written whatever they hold: a character that is not a
+// Unicode scalar value becomes U+FFFD.
+void appendUtf8(std::string& out, std::wstring_view in) { utf8::encodeAppendReplacing(in, out); }
 
 std::string toUtf8(std::wstring_view in) {
     std::string out;
@@ -105,41 +80,7 @@ std::string toUtf8(const Path& path) {
 
 // Decodes into `out`, reusing its storage; malformed bytes become U+FFFD
 // (the store is written by this code, so that happens only to a damaged file).
-void decodeInto(String& out, std::string_view in) {
-    const auto* p = reinterpret_cast<const unsigned char*>(in.data());
-    const std::size_t n = in.size();
-    // Mostly ASCII: widen a leading ASCII run in one go.
-    std::size_t ascii = 0;
-    while (ascii < n && p[ascii] < 0x80) ++ascii;
-    out.resize(ascii);
-    for (std::size_t i = 0; i < ascii; ++i) out[i] = static_cast<wchar_t>(p[i]);
-    for (std::size_t i = ascii; i < n;) {
-        const unsigned b = p[i];
-        if (b < 0x80) {
-            out.push_back(static_cast<wchar_t>(b));
-            ++i;
-            continue;
-        }
-        std::size_t len = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 0;
-        std::uint32_t c = len == 4 ? (b & 0x07) : len == 3 ? (b & 0x0F) : (b & 0x1F);
-        bool ok = len != 0 && i + len <= n && b < 0xF5;
-        for (std::size_t k = 1; ok && k < len; ++k) {
-            if ((p[i + k] & 0xC0) != 0x80) ok = false;
-            c = (c << 6) | (p[i + k] & 0x3F);
-        }
-        if (ok) {
-            const std::uint32_t minimum = len == 2 ? 0x80 : len == 3 ? 0x800 : 0x10000;
-            ok = c >= minimum && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF);
-        }
-        if (!ok) {
-            out.push_back(L'\xFFFD');
-            ++i;
-            continue;
-        }
-        out.push_back(static_cast<wchar_t>(c));
-        i += len;
-    }
-}
+void decodeInto(String& out, std::string_view in) { utf8::decodeReplacing(in, out); }
 
 String fromUtf8(std::string_view in) {
     String s;

@@ -49,11 +49,24 @@ namespace utf8 {
 // Decodes UTF-8; throws Utf8Error (with the byte offset) on malformed input,
 // overlong forms, surrogates and code points above U+10FFFF.
 std::wstring decode(std::string_view in);
+// Decodes into `out` (reusing its storage), writing U+FFFD for each byte that
+// does not start a well-formed sequence; never throws for bad input.
+void decodeReplacing(std::string_view in, std::wstring& out);
 // Encodes; throws Utf8Error for a character that is not a Unicode scalar value.
 std::string encode(std::wstring_view in);
 // The same, appended to `out` (whose storage a caller may reuse). On a throw,
 // `out` holds the encoding of the characters before the offending one.
 void encodeAppend(std::wstring_view in, std::string& out);
+// Appends the UTF-8 form of `in`, writing U+FFFD for each character that is
+// not a Unicode scalar value (for texts that must be stored whatever they hold).
+void encodeAppendReplacing(std::wstring_view in, std::string& out);
+// Number of UTF-8 bytes of `in`, or SIZE_MAX when it holds a character that is
+// not a Unicode scalar value.
+std::size_t encodedLength(std::wstring_view in) noexcept;
+// Writes the UTF-8 form of `in` to `out`, which has room for it (encodedLength
+// bytes, or four a character), U+FFFD standing for any character that is not a
+// scalar value; returns the end of what was written.
+char* encodeInto(std::wstring_view in, char* out) noexcept;
 // True if `in` is well-formed UTF-8.
 bool isValid(std::string_view in) noexcept;
 }  // namespace utf8

@@ -35,89 +35,9 @@ bool keyLess(const String& a, const String& b) noexcept {
     return static_cast<const std::wstring&>(a) < static_cast<const std::wstring&>(b);
 }
 
-// Characters looked at together by the ASCII fast paths below: each block is
-// one branch-free loop that the compiler turns into vector instructions.
+// Characters looked at together by the escaping fast path below: each block
+// is one branch-free loop that the compiler turns into vector instructions.
 constexpr std::size_t kBlock = 16;
-
-// UTF-8 to String with a fast path for pure ASCII; throws Utf8Error.
-String decodeUtf8(std::string_view s) {
-    const std::size_t n = s.size();
-    const auto* src = reinterpret_cast<const unsigned char*>(s.data());
-    unsigned bits = 0;
-    std::size_t i = 0;
-    for (; i + kBlock <= n; i += kBlock) {
-        for (std::size_t k = 0; k < kBlock; ++k) bits |= src[i + k];
-    }
-    for (; i < n; ++i) bits |= src[i];
-    if (bits >= 0x80) return String::fromUtf8(s);
-    String out;
-    out.resize(n);
-    wchar_t* dst = out.data();
-    for (i = 0; i + kBlock <= n; i += kBlock) {
-        for (std::size_t k = 0; k < kBlock; ++k) dst[i + k] = static_cast<wchar_t>(src[i + k]);
-    }
-    for (; i < n; ++i) dst[i] = static_cast<wchar_t>(src[i]);
-    return out;
-}
-
-// Number of UTF-8 bytes for `in`, or SIZE_MAX when it holds a character that
-// is not a Unicode scalar value.
-std::size_t utf8Length(std::wstring_view in) noexcept {
-    std::size_t n = 0;
-    std::size_t i = 0;
-    while (i < in.size()) {
-        if (i + kBlock <= in.size()) {
-            std::uint32_t bits = 0;
-            for (std::size_t k = 0; k < kBlock; ++k) bits |= static_cast<std::uint32_t>(in[i + k]);
-            if (bits < 0x80) {
-                n += kBlock;
-                i += kBlock;
-                continue;
-            }
-        }
-        const std::size_t end = std::min(i + kBlock, in.size());
-        for (; i < end; ++i) {
-            const auto c = static_cast<std::uint32_t>(in[i]);
-            if (c < 0x80) n += 1;
-            else if (c < 0x800) n += 2;
-            else if (c >= 0xD800 && c <= 0xDFFF) return SIZE_MAX;
-            else if (c < 0x10000) n += 3;
-            else if (c <= 0x10FFFF) n += 4;
-            else return SIZE_MAX;
-        }
-    }
-    return n;
-}
-
-// Writes the UTF-8 form of `in` (already checked by utf8Length) to `out`.
-void encodeUtf8(std::wstring_view in, char* out) noexcept {
-    std::size_t i = 0;
-    for (; i + kBlock <= in.size(); i += kBlock) {
-        std::uint32_t bits = 0;
-        for (std::size_t k = 0; k < kBlock; ++k) bits |= static_cast<std::uint32_t>(in[i + k]);
-        if (bits >= 0x80) break;
-        for (std::size_t k = 0; k < kBlock; ++k) out[k] = static_cast<char>(in[i + k]);
-        out += kBlock;
-    }
-    for (wchar_t wc : in.substr(i)) {
-        const auto c = static_cast<std::uint32_t>(wc);
-        if (c < 0x80) {
-            *out++ = static_cast<char>(c);
-        } else if (c < 0x800) {
-            *out++ = static_cast<char>(0xC0 | (c >> 6));
-            *out++ = static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            *out++ = static_cast<char>(0xE0 | (c >> 12));
-            *out++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            *out++ = static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            *out++ = static_cast<char>(0xF0 | (c >> 18));
-            *out++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            *out++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            *out++ = static_cast<char>(0x80 | (c & 0x3F));
-        }
-    }
-}
 
 // Shortest round-trip text of a double.
 void appendDouble(std::wstring& out, double d, bool asJson) {
@@ -310,7 +230,7 @@ public:
                 out = GDVariant(static_cast<double>(e.get_uint64().value_unsafe()));
                 return true;
             case element_type::DOUBLE: out = GDVariant(e.get_double().value_unsafe()); return true;
-            case element_type::STRING: out = GDVariant(decodeUtf8(e.get_string().value_unsafe())); return true;
+            case element_type::STRING: out = GDVariant(String::fromUtf8(e.get_string().value_unsafe())); return true;
             case element_type::ARRAY: {
                 if (depth + 1 > GDExpressionEvaluator::kMaxDepth) return false;
                 simdjson::dom::array arr = e.get_array().value_unsafe();
@@ -329,7 +249,7 @@ public:
                 std::vector<GDJsonObject::Member> members;
                 members.reserve(obj.size());
                 for (simdjson::dom::key_value_pair kv : obj) {
-                    members.emplace_back(decodeUtf8(kv.key), GDVariant());
+                    members.emplace_back(String::fromUtf8(kv.key), GDVariant());
                     if (!convert(kv.value, depth + 1, members.back().second)) return false;
                 }
                 out = GDVariant(Handle<GDValue>(new GDJsonObject(std::move(members))));
@@ -510,7 +430,7 @@ struct GDContext::Memo {
         JsonWriter writer(out, &base->spans);
         writer.writeValue(p);
         base->text = String(std::move(out));
-        const std::size_t bytes = utf8Length(base->text);
+        const std::size_t bytes = utf8::encodedLength(base->text);
         base->exact = writer.exact() && bytes != SIZE_MAX && bytes <= GDExpressionEvaluator::kMaxTextBytes;
         if (bases.size() == kBases) bases.erase(bases.begin());
         bases.push_back(base);
@@ -607,7 +527,7 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
     if (view.size() == text.size() && m_context.m_memo->take(view, result)) return true;
 
     if (view.size() > kMaxTextBytes) return false;  // every character takes at least one byte
-    const std::size_t bytes = utf8Length(view);
+    const std::size_t bytes = utf8::encodedLength(view);
     if (bytes == SIZE_MAX || bytes > kMaxTextBytes) return false;
 
     Impl& impl = *m_impl;
@@ -618,7 +538,7 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
         impl.allocated = true;
     }
     char* buf = impl.reserve(bytes);
-    encodeUtf8(view, buf);
+    utf8::encodeInto(view, buf);
     std::memset(buf + bytes, 0, simdjson::SIMDJSON_PADDING);
 
     simdjson::dom::element root;
