@@ -92,45 +92,44 @@ char* putScalar(char32_t c, char* o) noexcept {
 
 namespace utf8 {
 
-std::wstring decode(std::string_view in) {
-    // A UTF-8 text never has more characters than bytes: size once, write
-    // through a pointer, trim at the end.
-    std::wstring out(in.size(), L'\0');
-    wchar_t* o = out.data();
-    std::size_t i = 0;
-    while (i < in.size()) {
-        const std::size_t ascii = asciiPrefix(in.data() + i, in.size() - i);
-        for (std::size_t k = 0; k < ascii; ++k) *o++ = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
-        i += ascii;
-        if (i == in.size()) break;
-        char32_t cp;
-        const char* what = nullptr;
-        const std::size_t at = i;
-        if (!decodeOne(in, i, cp, what)) throwUtf8(what, at);
-        *o++ = static_cast<wchar_t>(cp);
-    }
-    out.resize(static_cast<std::size_t>(o - out.data()));
-    return out;
-}
+namespace {
 
-void decodeReplacing(std::string_view in, std::wstring& out) {
+// Decodes `in` into `out` (reusing its storage). At a byte that starts no
+// well-formed sequence, `onError(what, offset)` either throws or returns the
+// character that stands for that one byte.
+template <class OnError>
+void decodeTo(std::string_view in, std::wstring& out, OnError onError) {
     out.resize(in.size());  // never more characters than bytes
     wchar_t* o = out.data();
     std::size_t i = 0;
     while (i < in.size()) {
         const std::size_t ascii = asciiPrefix(in.data() + i, in.size() - i);
-        for (std::size_t k = 0; k < ascii; ++k) *o++ = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
+        for (std::size_t k = 0; k < ascii; ++k) o[k] = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
+        o += ascii;
         i += ascii;
         if (i == in.size()) break;
         char32_t cp;
         const char* what = nullptr;
+        const std::size_t at = i;
         if (!decodeOne(in, i, cp, what)) {
-            cp = 0xFFFD;  // one replacement per byte that starts no valid sequence
-            ++i;
+            cp = onError(what, at);
+            i = at + 1;
         }
         *o++ = static_cast<wchar_t>(cp);
     }
     out.resize(static_cast<std::size_t>(o - out.data()));
+}
+
+}  // namespace
+
+std::wstring decode(std::string_view in) {
+    std::wstring out;
+    decodeTo(in, out, [](const char* what, std::size_t at) -> char32_t { throwUtf8(what, at); });
+    return out;
+}
+
+void decodeReplacing(std::string_view in, std::wstring& out) {
+    decodeTo(in, out, [](const char*, std::size_t) -> char32_t { return 0xFFFD; });
 }
 
 std::size_t encodedLength(std::wstring_view in) noexcept {
