@@ -585,23 +585,45 @@ String XmlElement::getNamespaceUri() const {
     return ns ? fromXml(ns->href) : String();
 }
 
-String XmlElement::getAttributeValue(const String& name, ERequired required) const {
+namespace {
+
+// The un-namespaced attribute `name` of `node`, or null.
+xmlAttrPtr findAttribute(xmlNodePtr node, const String& name) {
     const std::string n = name.toUtf8();
-    xmlAttrPtr attr = xmlHasNsProp(toNode(this), xc(n), nullptr);
-    if (!attr || attr->type != XML_ATTRIBUTE_NODE) {
+    xmlAttrPtr attr = xmlHasNsProp(node, xc(n), nullptr);
+    return attr && attr->type == XML_ATTRIBUTE_NODE ? attr : nullptr;
+}
+
+// Calls `use` with the attribute's value as UTF-8 text. A parsed value is one
+// text node (entities are never substituted into references here), read in
+// place; anything else is concatenated by libxml2 first.
+template <class Use>
+void withAttributeValue(xmlAttrPtr attr, Use&& use) {
+    const xmlNode* value = attr->children;
+    if (!value) {
+        use(BAD_CAST "");
+    } else if (value->type == XML_TEXT_NODE && !value->next) {
+        use(value->content);
+    } else {
+        XmlCharPtr joined(xmlNodeListGetString(attr->doc, attr->children, 1));
+        use(joined ? joined.get() : BAD_CAST "");
+    }
+}
+
+}  // namespace
+
+String XmlElement::getAttributeValue(const String& name, ERequired required) const {
+    xmlAttrPtr attr = findAttribute(toNode(this), name);
+    if (!attr) {
         if (required == kRequired) {
             throw XmlException(String(L"The element '") + getLocalName() + L"' has no attribute '" + name +
                                L"'.");
         }
         return String();
     }
-    // A parsed attribute value is one text node (entities are never
-    // substituted into references here): read it in place instead of
-    // having libxml2 concatenate a copy.
-    const xmlNode* value = attr->children;
-    if (!value) return String();
-    if (value->type == XML_TEXT_NODE && !value->next) return fromXml(value->content);
-    return takeXmlString(xmlNodeListGetString(attr->doc, attr->children, 1));
+    String out;
+    withAttributeValue(attr, [&out](const xmlChar* text) { out = fromXml(text); });
+    return out;
 }
 
 String XmlElement::unchecked_getAttributeValue(const String& name, ERequired) const {
@@ -609,18 +631,14 @@ String XmlElement::unchecked_getAttributeValue(const String& name, ERequired) co
 }
 
 std::string XmlElement::getAttributeValueUtf8(const String& name) const {
-    const std::string n = name.toUtf8();
-    xmlAttrPtr attr = xmlHasNsProp(toNode(this), xc(n), nullptr);
-    if (!attr || attr->type != XML_ATTRIBUTE_NODE) return std::string();
-    XmlCharPtr value(xmlNodeListGetString(attr->doc, attr->children, 1));
-    return value ? std::string(reinterpret_cast<const char*>(value.get())) : std::string();
+    std::string out;
+    if (xmlAttrPtr attr = findAttribute(toNode(this), name))
+        withAttributeValue(attr, [&out](const xmlChar* text) { out = reinterpret_cast<const char*>(text); });
+    return out;
 }
 
-bool XmlElement::hasAttribute(const String& name) const {
-    const std::string n = name.toUtf8();
-    xmlAttrPtr attr = xmlHasNsProp(toNode(this), xc(n), nullptr);
-    return attr && attr->type == XML_ATTRIBUTE_NODE;
-}
+bool XmlElement::hasAttribute(const String& name) const { return findAttribute(toNode(this), name) != nullptr; }
+
 
 void XmlElement::setAttributeValue(const XmlQualifiedName& name, const String& value) {
     xmlNodePtr node = toNode(this);
