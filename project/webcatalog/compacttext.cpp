@@ -103,7 +103,7 @@ void CompactText::appendUtf8(std::string& out) const {
         return;
     }
     if (isWide()) {
-        out += utf8::encode(std::wstring_view(wide(), size()));
+        utf8::encodeAppend(std::wstring_view(wide(), size()), out);
         return;
     }
     // Latin-1: one or two bytes per character.

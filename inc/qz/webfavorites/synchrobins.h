@@ -36,7 +36,6 @@ public:
         if (n == 0) n = 1;
         m_BucketContainers.reserve(n);
         for (std::uint64_t i = 0; i < n; ++i) m_BucketContainers.push_back(std::make_unique<BucketContainer>());
-        m_nBins = n;
         m_binReciprocal = ~static_cast<unsigned __int128>(0) / n + 1;
     }
 
@@ -112,9 +111,10 @@ private:
     // every 64-bit h and every d >= 1 (c wraps to 0 for d = 1, giving 0).
     std::uint64_t remainder(std::uint64_t h) const noexcept {
         using U128 = unsigned __int128;
+        const std::uint64_t bins = m_BucketContainers.size();
         const U128 fraction = m_binReciprocal * h;  // modulo 2^128
-        const U128 low = (static_cast<U128>(static_cast<std::uint64_t>(fraction)) * m_nBins) >> 64;
-        const U128 high = static_cast<U128>(static_cast<std::uint64_t>(fraction >> 64)) * m_nBins;
+        const U128 low = (static_cast<U128>(static_cast<std::uint64_t>(fraction)) * bins) >> 64;
+        const U128 high = static_cast<U128>(static_cast<std::uint64_t>(fraction >> 64)) * bins;
         return static_cast<std::uint64_t>((low + high) >> 64);
     }
 
@@ -124,8 +124,7 @@ private:
         Lock& m_l;
     };
     std::vector<std::unique_ptr<BucketContainer>> m_BucketContainers;
-    std::uint64_t m_nBins = 1;
-    unsigned __int128 m_binReciprocal = 0;  // ceil(2^128 / m_nBins), modulo 2^128
+    unsigned __int128 m_binReciprocal = 0;  // ceil(2^128 / bin count), modulo 2^128
 };
 
 }  // namespace kiv
