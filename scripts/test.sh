@@ -12,7 +12,7 @@ if [ "${CI:-}" = "true" ]; then werror=ON; fi
 targets=()
 if [ "$preset" = "tsan" ]; then
   # Only the concurrency tests run under ThreadSanitizer.
-  for t in platform_concurrency_tests xml_concurrency_tests sqlitecatalog_concurrency_tests \
+  for t in platform_concurrency_tests xml_concurrency_tests gd_concurrency_tests sqlitecatalog_concurrency_tests \
            favorites_concurrency_tests; do
     targets+=(--target "$t")
   done

@@ -46,11 +46,14 @@
 //     always carry a fraction or exponent ("2.0") so that they stay doubles;
 //   - a reference holder: the text of its target.
 //
-// Thread safety: an evaluator (it reuses its parser buffers) is used by one
-// thread at a time. Values it produced are immutable and may be shared and
-// read from any thread; their reference counts are atomic.
+// Thread safety: an evaluator is used by one thread at a time (evaluations
+// on one thread share that thread's parser buffers). Values it produced are
+// immutable and may be shared and read from any thread; their reference
+// counts are atomic, and the members an array or object reads from its
+// document on first need are published atomically.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -119,39 +122,71 @@ public:
     virtual bool getProperty(GDContext& ctx, const GDPropertyKey& key, GDVariant& out) const = 0;
 };
 
+namespace detail {
+// A parsed JSON document that the values of one evaluation read from.
+struct JsonDocument;
+struct JsonAccess;
+}  // namespace detail
+
 // A JSON array: elements in document order.
+//
+// An array made by the evaluator reads its elements from the parsed document
+// only when they are first asked for (and then keeps them); nested arrays and
+// objects are read the same way, level by level. An array built from a vector
+// holds its elements from the start. Both behave the same to every reader.
 class GDJsonArray final : public GDValue, public IGDRandomAccessContainer {
 public:
-    GDJsonArray() = default;
-    explicit GDJsonArray(std::vector<GDVariant> elements) : m_elements(std::move(elements)) {}
+    GDJsonArray();
+    explicit GDJsonArray(std::vector<GDVariant> elements);
+    ~GDJsonArray() override;
+    GDJsonArray(const GDJsonArray&) = delete;
+    GDJsonArray& operator=(const GDJsonArray&) = delete;
 
-    std::size_t getCount() const noexcept override { return m_elements.size(); }
+    std::size_t getCount() const noexcept override;
     bool getElement(std::size_t i, GDVariant& out) const override;
-    const std::vector<GDVariant>& elements() const noexcept { return m_elements; }
+    const std::vector<GDVariant>& elements() const;
 
 private:
-    std::vector<GDVariant> m_elements;
+    friend struct detail::JsonAccess;
+    GDJsonArray(std::shared_ptr<const detail::JsonDocument> doc, std::uint32_t index) noexcept;
+
+    std::shared_ptr<const detail::JsonDocument> m_doc;  // null when built from a vector
+    std::uint32_t m_index = 0;                          // the array's place in m_doc
+    mutable std::atomic<const std::vector<GDVariant>*> m_elements{nullptr};
 };
 
 // A JSON object: members in the order their keys first appeared.
+//
+// Read from the parsed document like an array (see above): a property read
+// looks the key up in the document and converts that one value; the member
+// list is made only when asked for.
 class GDJsonObject final : public GDValue, public IGDReadablePropertyBag {
 public:
     using Member = std::pair<String, GDVariant>;
 
-    GDJsonObject() = default;
+    GDJsonObject();
     // Applies the duplicate-key rule: last value wins, first position kept.
     explicit GDJsonObject(std::vector<Member> members);
+    ~GDJsonObject() override;
+    GDJsonObject(const GDJsonObject&) = delete;
+    GDJsonObject& operator=(const GDJsonObject&) = delete;
 
     bool getProperty(GDContext& ctx, const GDPropertyKey& key, GDVariant& out) const override;
     // Context-free lookup: the value or null when absent.
-    const GDVariant* find(const String& key) const noexcept;
-    std::size_t getCount() const noexcept { return m_members.size(); }
-    const std::vector<Member>& members() const noexcept { return m_members; }
+    const GDVariant* find(const String& key) const;
+    std::size_t getCount() const { return members().size(); }
+    const std::vector<Member>& members() const;
+
+    struct Members;  // the member list and its look-up index
 
 private:
-    std::vector<Member> m_members;
-    // For larger objects: member indexes sorted by key (binary search).
-    std::vector<std::uint32_t> m_sorted;
+    friend struct detail::JsonAccess;
+    GDJsonObject(std::shared_ptr<const detail::JsonDocument> doc, std::uint32_t index) noexcept;
+    const Members& materialised() const;
+
+    std::shared_ptr<const detail::JsonDocument> m_doc;  // null when built from members
+    std::uint32_t m_index = 0;
+    mutable std::atomic<const Members*> m_members{nullptr};
 };
 
 // A reference holder: stands for another value. resolveReferences() gives
@@ -221,9 +256,7 @@ public:
     GDContext& getContext() noexcept { return m_context; }
 
 private:
-    struct Impl;
     GDContext m_context;
-    std::unique_ptr<Impl> m_impl;
 };
 
 }  // namespace kiv

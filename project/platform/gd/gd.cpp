@@ -1,9 +1,10 @@
 // Generic-data values and the JSON evaluator over the simdjson DOM parser.
 //
 // An evaluation encodes the text to UTF-8 once (into a padded buffer reused
-// between evaluations), lets simdjson parse and validate it, and copies the
-// DOM into our own immutable value tree, so the parser can be reused at once
-// and values outlive the evaluator.
+// between evaluations) and lets simdjson parse and validate it into a document
+// of its own, which the values of that evaluation share and read from: an
+// array or object converts its members when they are first read, so a reader
+// pays only for what it reads, and the values outlive the evaluator.
 #include "qz/platform/gd.h"
 
 #include <simdjson.h>
@@ -70,9 +71,9 @@ unsigned needsEscape(wchar_t c) noexcept {
     return static_cast<unsigned>(u == 0x22) | static_cast<unsigned>(u == 0x5C) | static_cast<unsigned>(u < 0x20);
 }
 
-void appendJsonString(std::wstring& out, std::wstring_view s) {
+// Appends `s` with the characters JSON strings must escape escaped.
+void appendEscaped(std::wstring& out, std::wstring_view s) {
     static const wchar_t kHex[] = L"0123456789abcdef";
-    out.push_back(L'"');
     std::size_t run = 0;  // start of the characters not yet written
     std::size_t i = 0;
     while (i < s.size()) {
@@ -106,8 +107,112 @@ void appendJsonString(std::wstring& out, std::wstring_view s) {
         }
     }
     out.append(s.data() + run, s.size() - run);
+}
+
+void appendJsonString(std::wstring& out, std::wstring_view s) {
+    out.push_back(L'"');
+    appendEscaped(out, s);
     out.push_back(L'"');
 }
+
+}  // namespace
+
+// ---------------------------------------------------------------- documents
+
+namespace detail {
+
+struct JsonDocument {
+    simdjson::dom::document dom;
+    std::size_t textBytes = 0;   // the parsed text's length in UTF-8 bytes
+    std::size_t tapeLength = 1;  // words on the tape
+};
+
+// Reads the simdjson tape, in its documented layout: one 64-bit word per
+// value whose top byte is the value's type: '[' and '{' start a container
+// (low 32 bits: the index just after its closing word; bits 32 to 55: its
+// element or member count, saturated at 0xFFFFFF), '"' is a string (low 56
+// bits: its offset in the string buffer, where a 32-bit length and the UTF-8
+// bytes follow), 'l', 'u' and 'd' are a number held in the next word, and
+// 't', 'f' and 'n' the literals. An object's words alternate key and value.
+// The document's root value is at index 1.
+class Tape {
+public:
+    static constexpr std::uint32_t kRoot = 1;
+    static constexpr std::uint32_t kCountSaturated = 0xFFFFFF;
+
+    explicit Tape(const JsonDocument& doc) noexcept : m_words(doc.dom.tape.get()), m_strings(doc.dom.string_buf.get()) {}
+
+    char type(std::uint32_t i) const noexcept { return static_cast<char>(m_words[i] >> 56); }
+    // Words on the tape: the first word ('r') holds the index of the last.
+    std::uint32_t length() const noexcept { return static_cast<std::uint32_t>(m_words[0]) + 1; }
+    const void* id(std::uint32_t i) const noexcept { return &m_words[i]; }
+    // The index of the value after the one at i.
+    std::uint32_t next(std::uint32_t i) const noexcept {
+        switch (type(i)) {
+            case '[':
+            case '{': return static_cast<std::uint32_t>(m_words[i]);
+            case 'l':
+            case 'u':
+            case 'd': return i + 2;
+            default: return i + 1;
+        }
+    }
+    // A container's first member and its closing word.
+    std::uint32_t first(std::uint32_t i) const noexcept { return i + 1; }
+    std::uint32_t end(std::uint32_t i) const noexcept { return static_cast<std::uint32_t>(m_words[i]) - 1; }
+    std::uint32_t count(std::uint32_t i) const noexcept {
+        return static_cast<std::uint32_t>((m_words[i] >> 32) & kCountSaturated);
+    }
+    std::string_view string(std::uint32_t i) const noexcept {
+        const std::uint64_t offset = m_words[i] & 0x00FFFFFFFFFFFFFFull;
+        std::uint32_t length;
+        std::memcpy(&length, m_strings + offset, sizeof length);
+        return {reinterpret_cast<const char*>(m_strings + offset + sizeof length), length};
+    }
+    template <class T>
+    T number(std::uint32_t i) const noexcept {
+        T v;
+        std::memcpy(&v, &m_words[i + 1], sizeof v);
+        return v;
+    }
+
+private:
+    const std::uint64_t* m_words;
+    const std::uint8_t* m_strings;
+};
+
+// What the values read from a document need of each other.
+struct JsonAccess {
+    // The value at tape index i: scalars converted, containers read lazily.
+    static GDVariant valueAt(const std::shared_ptr<const JsonDocument>& doc, std::uint32_t i) {
+        const Tape tape(*doc);
+        switch (tape.type(i)) {
+            case '[': return GDVariant(Handle<GDValue>(new GDJsonArray(doc, i)));
+            case '{': return GDVariant(Handle<GDValue>(new GDJsonObject(doc, i)));
+            case '"': return GDVariant(String::fromUtf8(tape.string(i)));
+            case 'l': return GDVariant(tape.number<std::int64_t>(i));
+            // Above INT64_MAX: kept as the nearest double.
+            case 'u': return GDVariant(static_cast<double>(tape.number<std::uint64_t>(i)));
+            case 'd': return GDVariant(tape.number<double>(i));
+            case 't': return GDVariant(true);
+            case 'f': return GDVariant(false);
+            default: return GDVariant();
+        }
+    }
+    // The document and place a container is read from; null for one built
+    // from a vector.
+    template <class C>
+    static std::pair<const JsonDocument*, std::uint32_t> source(const C& c) noexcept {
+        return {c.m_doc.get(), c.m_index};
+    }
+};
+
+}  // namespace detail
+
+namespace {
+
+using detail::JsonAccess;
+using detail::Tape;
 
 // dynamic_cast<const T*>(v) for a final class T, as one comparison of the
 // dynamic type: the JSON writer asks this of every value it writes.
@@ -133,6 +238,134 @@ bool isJsonContainer(const GDValue* v) noexcept {
     return exactly<GDJsonArray>(v) != nullptr || exactly<GDJsonObject>(v) != nullptr;
 }
 
+// The document and place a JSON container is read from ({null, 0} for one
+// built from a vector, and for anything else).
+std::pair<const detail::JsonDocument*, std::uint32_t> sourceOf(const GDValue* v) noexcept {
+    if (auto* arr = exactly<GDJsonArray>(v)) return JsonAccess::source(*arr);
+    if (auto* obj = exactly<GDJsonObject>(v)) return JsonAccess::source(*obj);
+    return {nullptr, 0};
+}
+
+// About how many characters the JSON text of `v` takes, to reserve room for
+// it: for a container read from a document, its share of the parsed text.
+std::size_t expectedLength(const GDValue* v) noexcept {
+    const auto [doc, index] = sourceOf(v);
+    if (!doc) return 0;
+    const Tape tape(*doc);
+    const double share = static_cast<double>(tape.next(index) - index) / static_cast<double>(doc->tapeLength);
+    return static_cast<std::size_t>(share * static_cast<double>(doc->textBytes)) + 2;
+}
+
+// What identifies a container: its place in the document it is read from
+// (every value read from one place is the same container), else its address.
+const void* identity(const GDValue* v) noexcept {
+    const auto [doc, index] = sourceOf(v);
+    return doc ? Tape(*doc).id(index) : v;
+}
+
+// Appends the JSON string literal of UTF-8 text (valid: it comes from a parsed
+// document). Returns how many more bytes than characters the appended text
+// takes in UTF-8.
+std::size_t appendJsonStringUtf8(std::wstring& out, std::string_view s) {
+    auto plain = [](char c) noexcept {
+        const auto b = static_cast<unsigned char>(c);
+        return static_cast<unsigned>(b < 0x80) & (needsEscape(static_cast<wchar_t>(b)) ^ 1u);
+    };
+    const std::size_t at = out.size();
+    out.resize(at + s.size() + 2);
+    wchar_t* p = out.data() + at + 1;
+    p[-1] = L'"';
+    // Plain ASCII with nothing to escape is one character per byte, widened in
+    // blocks without branches (through a local block, which the compiler
+    // knows does not overlap the input); the last block may overlap the one
+    // before it.
+    auto block = [&](std::size_t from) noexcept {
+        unsigned all = 1;
+        for (std::size_t k = 0; k < kBlock; ++k) all &= plain(s[from + k]);
+        if (!all) return false;
+        wchar_t wide[kBlock];
+        for (std::size_t k = 0; k < kBlock; ++k) wide[k] = static_cast<wchar_t>(static_cast<unsigned char>(s[from + k]));
+        std::memcpy(p + from, wide, sizeof wide);
+        return true;
+    };
+    std::size_t i = 0;
+    while (i + kBlock <= s.size() && block(i)) i += kBlock;
+    if (i < s.size() && s.size() >= kBlock && i + kBlock > s.size() && block(s.size() - kBlock)) i = s.size();
+    for (; i < s.size() && plain(s[i]); ++i) p[i] = static_cast<wchar_t>(static_cast<unsigned char>(s[i]));
+    if (i == s.size()) {
+        p[i] = L'"';
+        return 0;
+    }
+    // The rest holds something to escape or a multi-byte character.
+    out.resize(at + 1 + i);
+    thread_local std::wstring wide;
+    utf8::decodeReplacing(s.substr(i), wide);
+    appendEscaped(out, wide);
+    out.push_back(L'"');
+    // Escapes replace ASCII characters only; everything else is as decoded.
+    return utf8::encodedLength(wide) - wide.size();
+}
+
+// Whether UTF-8 text `u` spells the wide text `w`.
+bool sameText(std::string_view u, std::wstring_view w) noexcept {
+    std::size_t j = 0;
+    for (const wchar_t c : w) {
+        if (static_cast<std::uint32_t>(c) < 0x80) {
+            if (j == u.size() || static_cast<unsigned char>(u[j]) != static_cast<std::uint32_t>(c)) return false;
+            ++j;
+            continue;
+        }
+        char bytes[4];
+        const std::size_t n = static_cast<std::size_t>(utf8::encodeInto(std::wstring_view(&c, 1), bytes) - bytes);
+        if (u.substr(j, n) != std::string_view(bytes, n)) return false;
+        j += n;
+    }
+    return j == u.size();
+}
+
+// The members of the object at tape index `obj` as the duplicate-key rule
+// keeps them: for each key at the position of its first occurrence, the tape
+// index of the key and of its last value, in order.
+void keptMembers(const Tape& tape, std::uint32_t obj,
+                 std::vector<std::pair<std::uint32_t, std::uint32_t>>& out) {
+    out.clear();
+    for (std::uint32_t k = tape.first(obj); k < tape.end(obj); k = tape.next(k + 1)) out.emplace_back(k, k + 1);
+    const std::size_t n = out.size();
+    if (n < 2) return;
+    auto key = [&](std::size_t m) { return tape.string(out[m].first); };
+    bool duplicates = false;
+    std::vector<std::uint32_t> order;
+    if (n <= kLinearMembers) {
+        for (std::size_t i = 1; i < n && !duplicates; ++i)
+            for (std::size_t j = 0; j < i && !duplicates; ++j) duplicates = key(i) == key(j);
+    } else {
+        order.resize(n);
+        std::iota(order.begin(), order.end(), 0u);
+        std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) { return key(a) < key(b); });
+        for (std::size_t i = 1; i < n && !duplicates; ++i) duplicates = key(order[i]) == key(order[i - 1]);
+    }
+    if (!duplicates) return;
+    if (order.empty()) {
+        order.resize(n);
+        std::iota(order.begin(), order.end(), 0u);
+        std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) { return key(a) < key(b); });
+    }
+    // In each group of equal keys (document order kept by the stable sort),
+    // the first member takes the last one's value; the others are dropped.
+    std::vector<char> keep(n, 0);
+    for (std::size_t g = 0; g < n;) {
+        std::size_t end = g + 1;
+        while (end < n && key(order[end]) == key(order[g])) ++end;
+        out[order[g]].second = out[order[end - 1]].second;
+        keep[order[g]] = 1;
+        g = end;
+    }
+    std::size_t kept = 0;
+    for (std::size_t m = 0; m < n; ++m)
+        if (keep[m]) out[kept++] = out[m];
+    out.resize(kept);
+}
+
 // Writes the JSON text of values. Optionally it notes where the text of every
 // array and object begins and ends, and whether evaluating the text would give
 // back a structure equal to the value (it would not for what JSON cannot
@@ -140,8 +373,9 @@ bool isJsonContainer(const GDValue* v) noexcept {
 // nesting beyond the evaluator's limit).
 class JsonWriter {
 public:
+    // `id` is what identifies a container (see identity()).
     struct Span {
-        const GDValue* value;
+        const void* id;
         std::size_t offset;
         std::size_t length;
     };
@@ -149,6 +383,9 @@ public:
     explicit JsonWriter(std::wstring& out, std::vector<Span>* spans = nullptr) : m_out(out), m_spans(spans) {}
 
     bool exact() const noexcept { return m_exact; }
+    // The UTF-8 length of what was written; SIZE_MAX when it holds a character
+    // that is not a Unicode scalar value.
+    std::size_t utf8Length() const noexcept { return m_unencodable ? SIZE_MAX : m_out.size() + m_extraBytes; }
 
     void write(const GDVariant& value) {
         const GDVariant& v = followHolders(value);
@@ -161,10 +398,10 @@ public:
                 if (!std::isfinite(v.getDouble())) m_exact = false;
                 appendDouble(m_out, v.getDouble(), true);
                 break;
-            case GDVariant::Kind::kString: appendJsonString(m_out, v.getString()); break;
+            case GDVariant::Kind::kString: writeString(v.getString()); break;
             case GDVariant::Kind::kMessage:
                 m_exact = false;
-                appendJsonString(m_out, v.toText());
+                writeString(v.toText());
                 break;
             case GDVariant::Kind::kValue: writeValue(v.getValue()); break;
         }
@@ -176,11 +413,12 @@ public:
             m_out += L"null";
             return;
         }
-        // Noted before the members, so that spans are in document order.
-        const std::size_t span = m_spans ? m_spans->size() : 0;
-        if (m_spans) m_spans->push_back({v, m_out.size(), 0});
+        if (const auto [doc, index] = sourceOf(v); doc) {
+            writeTape(Tape(*doc), index);
+            return;
+        }
+        const std::size_t span = open(v);
         if (auto* arr = exactly<GDJsonArray>(v)) {
-            if (++m_depth > GDExpressionEvaluator::kMaxDepth) m_exact = false;
             m_out.push_back(L'[');
             bool first = true;
             for (const GDVariant& e : arr->elements()) {
@@ -189,88 +427,149 @@ public:
                 write(e);
             }
             m_out.push_back(L']');
-            --m_depth;
         } else {
             auto* obj = static_cast<const GDJsonObject*>(v);
-            if (++m_depth > GDExpressionEvaluator::kMaxDepth) m_exact = false;
             m_out.push_back(L'{');
             bool first = true;
             for (const auto& m : obj->members()) {
                 if (!first) m_out.push_back(L',');
                 first = false;
-                appendJsonString(m_out, m.first);
+                writeString(m.first);
                 m_out.push_back(L':');
                 write(m.second);
             }
             m_out.push_back(L'}');
-            --m_depth;
         }
-        if (m_spans) (*m_spans)[span].length = m_out.size() - (*m_spans)[span].offset;
+        close(span);
+    }
+
+    // The value at tape index i, straight from the parsed document.
+    void writeTape(const Tape& tape, std::uint32_t i) {
+        switch (tape.type(i)) {
+            case '[': {
+                const std::size_t span = open(tape.id(i));
+                m_out.push_back(L'[');
+                for (std::uint32_t e = tape.first(i); e < tape.end(i); e = tape.next(e)) {
+                    if (e != tape.first(i)) m_out.push_back(L',');
+                    writeTape(tape, e);
+                }
+                m_out.push_back(L']');
+                close(span);
+                break;
+            }
+            case '{': {
+                const std::size_t span = open(tape.id(i));
+                // One member list per depth, reused from object to object.
+                if (m_members.size() <= m_depth) m_members.resize(m_depth + 1);
+                auto& members = m_members[m_depth];
+                keptMembers(tape, i, members);
+                m_out.push_back(L'{');
+                bool first = true;
+                for (const auto& [key, value] : members) {
+                    if (!first) m_out.push_back(L',');
+                    first = false;
+                    m_extraBytes += appendJsonStringUtf8(m_out, tape.string(key));
+                    m_out.push_back(L':');
+                    writeTape(tape, value);
+                }
+                m_out.push_back(L'}');
+                close(span);
+                break;
+            }
+            case '"': m_extraBytes += appendJsonStringUtf8(m_out, tape.string(i)); break;
+            case 'l': appendInt(m_out, tape.number<std::int64_t>(i)); break;
+            case 'u': appendDouble(m_out, static_cast<double>(tape.number<std::uint64_t>(i)), true); break;
+            case 'd': appendDouble(m_out, tape.number<double>(i), true); break;
+            case 't': m_out += L"true"; break;
+            case 'f': m_out += L"false"; break;
+            default: m_out += L"null"; break;
+        }
     }
 
 private:
+    // Notes where a container's text begins (before its members, so that
+    // spans are in document order) and counts its depth; close() ends both.
+    std::size_t open(const void* id) {
+        if (++m_depth > GDExpressionEvaluator::kMaxDepth) m_exact = false;
+        if (!m_spans) return 0;
+        m_spans->push_back({id, m_out.size(), 0});
+        return m_spans->size() - 1;
+    }
+    void close(std::size_t span) {
+        --m_depth;
+        if (m_spans) (*m_spans)[span].length = m_out.size() - (*m_spans)[span].offset;
+    }
+
+    void writeString(std::wstring_view s) {
+        const std::size_t bytes = utf8::encodedLength(s);
+        if (bytes == SIZE_MAX) m_unencodable = true;
+        else m_extraBytes += bytes - s.size();
+        appendJsonString(m_out, s);
+    }
+
     std::wstring& m_out;
     std::vector<Span>* m_spans;
+    std::size_t m_extraBytes = 0;  // UTF-8 bytes beyond one per character written
+    bool m_unencodable = false;
+    std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> m_members;
     std::size_t m_depth = 0;
     bool m_exact = true;
-};
-
-// Copies a simdjson DOM element into a variant; false on any failure
-// (nesting too deep, integer out of range, string not decodable).
-class DomConverter {
-public:
-    bool convert(simdjson::dom::element e, std::size_t depth, GDVariant& out) {
-        using simdjson::dom::element_type;
-        switch (e.type()) {
-            case element_type::NULL_VALUE: out = GDVariant(); return true;
-            case element_type::BOOL: out = GDVariant(e.get_bool().value_unsafe()); return true;
-            case element_type::INT64: out = GDVariant(e.get_int64().value_unsafe()); return true;
-            case element_type::UINT64:
-                // Above INT64_MAX: kept as the nearest double.
-                out = GDVariant(static_cast<double>(e.get_uint64().value_unsafe()));
-                return true;
-            case element_type::DOUBLE: out = GDVariant(e.get_double().value_unsafe()); return true;
-            case element_type::STRING: out = GDVariant(String::fromUtf8(e.get_string().value_unsafe())); return true;
-            case element_type::ARRAY: {
-                if (depth + 1 > GDExpressionEvaluator::kMaxDepth) return false;
-                simdjson::dom::array arr = e.get_array().value_unsafe();
-                std::vector<GDVariant> elements;
-                elements.reserve(arr.size());
-                for (simdjson::dom::element child : arr) {
-                    elements.emplace_back();
-                    if (!convert(child, depth + 1, elements.back())) return false;
-                }
-                out = GDVariant(Handle<GDValue>(new GDJsonArray(std::move(elements))));
-                return true;
-            }
-            case element_type::OBJECT: {
-                if (depth + 1 > GDExpressionEvaluator::kMaxDepth) return false;
-                simdjson::dom::object obj = e.get_object().value_unsafe();
-                std::vector<GDJsonObject::Member> members;
-                members.reserve(obj.size());
-                for (simdjson::dom::key_value_pair kv : obj) {
-                    members.emplace_back(String::fromUtf8(kv.key), GDVariant());
-                    if (!convert(kv.value, depth + 1, members.back().second)) return false;
-                }
-                out = GDVariant(Handle<GDValue>(new GDJsonObject(std::move(members))));
-                return true;
-            }
-        }
-        return false;
-    }
 };
 
 }  // namespace
 
 // ---------------------------------------------------------------- values
 
+GDJsonArray::GDJsonArray() : GDJsonArray(std::vector<GDVariant>()) {}
+
+GDJsonArray::GDJsonArray(std::vector<GDVariant> elements)
+    : m_elements(new std::vector<GDVariant>(std::move(elements))) {}
+
+GDJsonArray::GDJsonArray(std::shared_ptr<const detail::JsonDocument> doc, std::uint32_t index) noexcept
+    : m_doc(std::move(doc)), m_index(index) {}
+
+GDJsonArray::~GDJsonArray() { delete m_elements.load(std::memory_order_acquire); }
+
+std::size_t GDJsonArray::getCount() const noexcept {
+    if (m_doc && !m_elements.load(std::memory_order_acquire)) {
+        const std::uint32_t n = Tape(*m_doc).count(m_index);
+        if (n < Tape::kCountSaturated) return n;
+    }
+    return elements().size();
+}
+
 bool GDJsonArray::getElement(std::size_t i, GDVariant& out) const {
-    if (i >= m_elements.size()) return false;
-    out = m_elements[i];
+    const std::vector<GDVariant>& e = elements();
+    if (i >= e.size()) return false;
+    out = e[i];
     return true;
 }
 
-GDJsonObject::GDJsonObject(std::vector<Member> members) {
+// Read from the document on first need; threads that race each build the
+// list, the first to publish it wins and the others drop theirs.
+const std::vector<GDVariant>& GDJsonArray::elements() const {
+    if (const auto* e = m_elements.load(std::memory_order_acquire)) return *e;
+    auto built = std::make_unique<std::vector<GDVariant>>();
+    const Tape tape(*m_doc);
+    if (const std::uint32_t n = tape.count(m_index); n < Tape::kCountSaturated) built->reserve(n);
+    for (std::uint32_t i = tape.first(m_index); i < tape.end(m_index); i = tape.next(i))
+        built->push_back(JsonAccess::valueAt(m_doc, i));
+    const std::vector<GDVariant>* expected = nullptr;
+    if (m_elements.compare_exchange_strong(expected, built.get(), std::memory_order_acq_rel)) return *built.release();
+    return *expected;
+}
+
+struct GDJsonObject::Members {
+    std::vector<Member> list;
+    // For larger objects: member indexes sorted by key (binary search).
+    std::vector<std::uint32_t> sorted;
+
+    // Applies the duplicate-key rule: last value wins, first position kept.
+    explicit Members(std::vector<Member> members);
+    const GDVariant* find(const String& key) const noexcept;
+};
+
+GDJsonObject::Members::Members(std::vector<Member> members) {
     const std::size_t n = members.size();
     if (n <= kLinearMembers) {
         bool unique = true;
@@ -283,15 +582,14 @@ GDJsonObject::GDJsonObject(std::vector<Member> members) {
             }
         }
         if (unique) {
-            m_members = std::move(members);
+            list = std::move(members);
             return;
         }
-        m_members.reserve(n);
+        list.reserve(n);
         for (auto& m : members) {
-            auto it = std::find_if(m_members.begin(), m_members.end(),
-                                   [&](const Member& x) { return x.first == m.first; });
-            if (it != m_members.end()) it->second = std::move(m.second);  // last value wins
-            else m_members.push_back(std::move(m));
+            auto it = std::find_if(list.begin(), list.end(), [&](const Member& x) { return x.first == m.first; });
+            if (it != list.end()) it->second = std::move(m.second);  // last value wins
+            else list.push_back(std::move(m));
         }
         return;
     }
@@ -316,30 +614,72 @@ GDJsonObject::GDJsonObject(std::vector<Member> members) {
         g = end;
     }
     std::vector<std::uint32_t> newIndex(n, 0);
-    m_members.reserve(groupFirst.size());
+    list.reserve(groupFirst.size());
     for (std::size_t i = 0; i < n; ++i) {
         if (!keep[i]) continue;
-        newIndex[i] = static_cast<std::uint32_t>(m_members.size());
-        m_members.push_back(std::move(members[i]));
+        newIndex[i] = static_cast<std::uint32_t>(list.size());
+        list.push_back(std::move(members[i]));
     }
-    m_sorted.reserve(groupFirst.size());
-    for (std::uint32_t first : groupFirst) m_sorted.push_back(newIndex[first]);
+    sorted.reserve(groupFirst.size());
+    for (std::uint32_t first : groupFirst) sorted.push_back(newIndex[first]);
 }
 
-const GDVariant* GDJsonObject::find(const String& key) const noexcept {
-    if (m_sorted.empty()) {
-        for (const auto& m : m_members) {
+const GDVariant* GDJsonObject::Members::find(const String& key) const noexcept {
+    if (sorted.empty()) {
+        for (const auto& m : list) {
             if (m.first == key) return &m.second;
         }
         return nullptr;
     }
-    auto it = std::lower_bound(m_sorted.begin(), m_sorted.end(), key,
-                               [&](std::uint32_t i, const String& k) { return keyLess(m_members[i].first, k); });
-    if (it == m_sorted.end() || m_members[*it].first != key) return nullptr;
-    return &m_members[*it].second;
+    auto it = std::lower_bound(sorted.begin(), sorted.end(), key,
+                               [&](std::uint32_t i, const String& k) { return keyLess(list[i].first, k); });
+    if (it == sorted.end() || list[*it].first != key) return nullptr;
+    return &list[*it].second;
 }
 
+GDJsonObject::GDJsonObject() : GDJsonObject(std::vector<Member>()) {}
+
+GDJsonObject::GDJsonObject(std::vector<Member> members) : m_members(new Members(std::move(members))) {}
+
+GDJsonObject::GDJsonObject(std::shared_ptr<const detail::JsonDocument> doc, std::uint32_t index) noexcept
+    : m_doc(std::move(doc)), m_index(index) {}
+
+GDJsonObject::~GDJsonObject() { delete m_members.load(std::memory_order_acquire); }
+
+// Read from the document on first need, as GDJsonArray::elements.
+const GDJsonObject::Members& GDJsonObject::materialised() const {
+    if (const auto* m = m_members.load(std::memory_order_acquire)) return *m;
+    const Tape tape(*m_doc);
+    std::vector<Member> members;
+    if (const std::uint32_t n = tape.count(m_index); n < Tape::kCountSaturated) members.reserve(n);
+    for (std::uint32_t k = tape.first(m_index); k < tape.end(m_index); k = tape.next(k + 1))
+        members.emplace_back(String::fromUtf8(tape.string(k)), JsonAccess::valueAt(m_doc, k + 1));
+    auto built = std::make_unique<Members>(std::move(members));
+    const Members* expected = nullptr;
+    if (m_members.compare_exchange_strong(expected, built.get(), std::memory_order_acq_rel)) return *built.release();
+    return *expected;
+}
+
+const std::vector<GDJsonObject::Member>& GDJsonObject::members() const { return materialised().list; }
+
+const GDVariant* GDJsonObject::find(const String& key) const { return materialised().find(key); }
+
 bool GDJsonObject::getProperty(GDContext&, const GDPropertyKey& key, GDVariant& out) const {
+    // A small object still unread answers from the document: the key is
+    // compared where it lies and only the value read is converted (the last
+    // one, when the key appears more than once).
+    if (m_doc && !m_members.load(std::memory_order_acquire)) {
+        const Tape tape(*m_doc);
+        if (tape.count(m_index) <= kLinearMembers) {
+            std::uint32_t value = 0;
+            for (std::uint32_t k = tape.first(m_index); k < tape.end(m_index); k = tape.next(k + 1)) {
+                if (sameText(tape.string(k), key.getName())) value = k + 1;
+            }
+            if (value == 0) return false;
+            out = JsonAccess::valueAt(m_doc, value);
+            return true;
+        }
+    }
     const GDVariant* v = find(key.getName());
     if (!v) return false;
     out = *v;
@@ -381,22 +721,22 @@ struct GDContext::Memo {
         // The span of `v`. Readers mostly ask for containers in document
         // order, so the spans just after the last answer are looked at first;
         // otherwise an index by address, built on first need, answers.
-        const JsonWriter::Span* find(const GDValue* v) const {
+        const JsonWriter::Span* find(const void* id) const {
             const std::size_t end = std::min(spans.size(), next + kLookAhead);
             for (std::size_t i = next; i < end; ++i) {
-                if (spans[i].value == v) return found(i);
+                if (spans[i].id == id) return found(i);
             }
             if (byAddress.empty()) {
                 byAddress.resize(spans.size());
                 std::iota(byAddress.begin(), byAddress.end(), std::size_t{0});
                 std::sort(byAddress.begin(), byAddress.end(), [&](std::size_t a, std::size_t b) {
-                    return std::less<const GDValue*>()(spans[a].value, spans[b].value);
+                    return std::less<const void*>()(spans[a].id, spans[b].id);
                 });
             }
-            auto it = std::lower_bound(byAddress.begin(), byAddress.end(), v, [&](std::size_t i, const GDValue* p) {
-                return std::less<const GDValue*>()(spans[i].value, p);
+            auto it = std::lower_bound(byAddress.begin(), byAddress.end(), id, [&](std::size_t i, const void* p) {
+                return std::less<const void*>()(spans[i].id, p);
             });
-            return it != byAddress.end() && spans[*it].value == v ? found(*it) : nullptr;
+            return it != byAddress.end() && spans[*it].id == id ? found(*it) : nullptr;
         }
 
     private:
@@ -421,20 +761,22 @@ struct GDContext::Memo {
     // The text of `v`, which holds an array or an object.
     String textOf(const GDVariant& v) {
         const GDValue* p = v.getValue();
+        const void* id = identity(p);
         for (auto it = bases.rbegin(); it != bases.rend(); ++it) {
-            if (const JsonWriter::Span* span = (*it)->find(p)) return give(*it, *span, v);
+            if (const JsonWriter::Span* span = (*it)->find(id)) return give(*it, *span, v);
         }
         auto base = std::make_shared<Base>();
         base->value = v;
         std::wstring out;
+        out.reserve(expectedLength(p));
         JsonWriter writer(out, &base->spans);
         writer.writeValue(p);
+        const std::size_t bytes = writer.utf8Length();
         base->text = String(std::move(out));
-        const std::size_t bytes = utf8::encodedLength(base->text);
         base->exact = writer.exact() && bytes != SIZE_MAX && bytes <= GDExpressionEvaluator::kMaxTextBytes;
         if (bases.size() == kBases) bases.erase(bases.begin());
         bases.push_back(base);
-        return give(base, *base->find(p), v);  // the first span, `p` itself
+        return give(base, *base->find(id), v);  // the first span, `p` itself
     }
 
     String give(const std::shared_ptr<const Base>& base, const JsonWriter::Span& span, const GDVariant& v) {
@@ -497,14 +839,30 @@ String GDTypeConversions::toJson(GDContext&, const GDVariant& value) {
 
 // ---------------------------------------------------------------- evaluator
 
-struct GDExpressionEvaluator::Impl {
-    simdjson::dom::parser parser{kMaxTextBytes};
+namespace {
+
+// The parser and the padded UTF-8 buffer an evaluation works in. Each thread
+// keeps one for texts up to kKeptScratchBytes, so that the evaluations made
+// on a thread (by any evaluator: a host typically makes one per request)
+// reuse its memory instead of allocating and touching it anew; a larger text
+// gets one of its own, freed after the evaluation. The parser holds about
+// five bytes per byte of the largest text it parsed.
+struct Scratch {
+    static constexpr std::size_t kKeptScratchBytes = 2u << 20;
+
+    simdjson::dom::parser parser{GDExpressionEvaluator::kMaxTextBytes};
     std::unique_ptr<char[]> buffer;
     std::size_t bufferCapacity = 0;
     bool allocated = false;
 
-    // Makes room for `n` bytes plus simdjson's padding.
+    // Makes room for `n` bytes plus simdjson's padding; null when the parser
+    // cannot be set up.
     char* reserve(std::size_t n) {
+        if (!allocated) {
+            // simdjson counts the document itself as one level.
+            if (parser.allocate(4096, GDExpressionEvaluator::kMaxDepth + 1) != simdjson::SUCCESS) return nullptr;
+            allocated = true;
+        }
         if (n > bufferCapacity || !buffer) {
             const std::size_t cap = std::max<std::size_t>(n, 4096);
             buffer.reset(new char[cap + simdjson::SIMDJSON_PADDING]);
@@ -514,7 +872,9 @@ struct GDExpressionEvaluator::Impl {
     }
 };
 
-GDExpressionEvaluator::GDExpressionEvaluator() : m_impl(std::make_unique<Impl>()) {}
+}  // namespace
+
+GDExpressionEvaluator::GDExpressionEvaluator() = default;
 GDExpressionEvaluator::~GDExpressionEvaluator() = default;
 
 bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t length, GDVariant& result, int flag) {
@@ -530,28 +890,21 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
     const std::size_t bytes = utf8::encodedLength(view);
     if (bytes == SIZE_MAX || bytes > kMaxTextBytes) return false;
 
-    Impl& impl = *m_impl;
-    if (!impl.allocated) {
-        // simdjson counts the document itself as one level; our own exact
-        // check runs while converting, so give the parser a little slack.
-        if (impl.parser.allocate(4096, kMaxDepth + 8) != simdjson::SUCCESS) return false;
-        impl.allocated = true;
-    }
-    char* buf = impl.reserve(bytes);
+    thread_local Scratch kept;
+    std::unique_ptr<Scratch> own;
+    Scratch& scratch = bytes <= Scratch::kKeptScratchBytes ? kept : *(own = std::make_unique<Scratch>());
+    char* buf = scratch.reserve(bytes);
+    if (!buf) return false;
     utf8::encodeInto(view, buf);
     std::memset(buf + bytes, 0, simdjson::SIMDJSON_PADDING);
 
+    auto doc = std::make_shared<detail::JsonDocument>();
     simdjson::dom::element root;
-    if (impl.parser.parse(buf, bytes, false).get(root) != simdjson::SUCCESS) return false;
-    try {
-        GDVariant value;
-        DomConverter converter;
-        if (!converter.convert(root, 0, value)) return false;
-        result = std::move(value);
-        return true;
-    } catch (const Utf8Error&) {
-        return false;
-    }
+    if (scratch.parser.parse_into_document(doc->dom, buf, bytes, false).get(root) != simdjson::SUCCESS) return false;
+    doc->textBytes = bytes;
+    doc->tapeLength = Tape(*doc).length();
+    result = JsonAccess::valueAt(doc, Tape::kRoot);
+    return true;
 }
 
 }  // namespace kiv

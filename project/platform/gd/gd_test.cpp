@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -440,6 +441,179 @@ TEST(GDTypeConversionsToString, ValueSharedInsideOneTreeHasOneText) {
     auto again = eval(ev, text);
     ASSERT_TRUE(again);
     EXPECT_EQ(again->getValue(), shared.get());
+}
+
+// ------------------------------------------------------- values read lazily
+
+// An evaluated array or object reads its members from the parsed document on
+// first need. These tests read them in the orders a caller may choose and
+// compare with values built from vectors, which hold their members from the
+// start.
+
+// A copy of `v` made of values built from vectors (strings, numbers and
+// literals copied; arrays and objects rebuilt member by member).
+GDVariant rebuilt(const GDVariant& v) {
+    if (auto* a = asArray(v)) {
+        std::vector<GDVariant> elements;
+        for (const GDVariant& e : a->elements()) elements.push_back(rebuilt(e));
+        return GDVariant(Handle<GDValue>(new GDJsonArray(std::move(elements))));
+    }
+    if (auto* o = asObject(v)) {
+        std::vector<GDJsonObject::Member> members;
+        for (const auto& [key, value] : o->members()) members.emplace_back(key, rebuilt(value));
+        return GDVariant(Handle<GDValue>(new GDJsonObject(std::move(members))));
+    }
+    return v;
+}
+
+const wchar_t* const kVariedText =
+    L"[{\"s\":\"plain ascii text that is longer than sixteen\",\"e\":\"\\\"q\\\" \\\\ \\/ \\b\\f\\n\\r\\t \\u0001\\u001f\","
+    L"\"u\":\"caf\u00e9 \u4e2d \\ud83d\\ude00 and then a long ascii tail after them\",\"k\u00e9y\":1},"
+    L"12345678901234,-7,0,18446744073709551615,2.0,-0.0,1e-7,1.5e300,0.1,true,false,null,\"\",[],{},"
+    L"[[[\"deep\"]]],{\"a\":{\"b\":{\"c\":[1,{\"d\":null}]}}},"
+    L"\"0123456789abcde\\\"\",\"0123456789abcdef\\n\",\"0123456789abcdef0123456789abcde\u00e9\"]";
+
+TEST(GDLazyValues, TextWrittenFromTheDocumentEqualsTextWrittenFromValues) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, kVariedText);
+    ASSERT_TRUE(v);
+    GDContext fresh;
+    const String fromDocument = GDTypeConversions::toJson(fresh, *v);  // written before any member is read
+    const String fromValues = GDTypeConversions::toJson(fresh, rebuilt(*v));
+    EXPECT_EQ(fromDocument, fromValues);
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), *v), fromValues);
+    auto again = eval(fromDocument);
+    ASSERT_TRUE(again);
+    EXPECT_TRUE(sameValue(*again, *v));
+}
+
+TEST(GDLazyValues, EveryNestedTextEqualsItsTextWrittenFromValues) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, kVariedText);
+    ASSERT_TRUE(v);
+    GDContext& ctx = ev.getContext();
+    (void)GDTypeConversions::toString(ctx, *v);  // nested texts are cut from this one
+    GDContext fresh;
+    std::size_t containers = 0;
+    std::function<void(const GDVariant&)> check = [&](const GDVariant& x) {
+        if (!asArray(x) && !asObject(x)) return;
+        ++containers;
+        EXPECT_EQ(GDTypeConversions::toString(ctx, x), GDTypeConversions::toJson(fresh, rebuilt(x)));
+        if (auto* a = asArray(x))
+            for (const GDVariant& e : a->elements()) check(e);
+        else
+            for (const auto& m : asObject(x)->members()) check(m.second);
+    };
+    check(*v);
+    EXPECT_EQ(containers, 12u);
+}
+
+TEST(GDLazyValues, PropertyOfAnUnreadObjectIsItsLastValue) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"{\"type\":0,\"path\":\"/first\",\"type\":1,\"path\":\"/last\",\"n\":null}");
+    ASSERT_TRUE(v);
+    const GDJsonObject* o = asObject(*v);
+    GDVariant out;
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"path"), out));  // before the member list exists
+    EXPECT_EQ(out.getString(), L"/last");
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"type"), out));
+    EXPECT_EQ(out.getInt(), 1);
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"n"), out));
+    EXPECT_TRUE(out.isEmpty());
+    GDVariant untouched(L"x");
+    EXPECT_FALSE(o->getProperty(ev.getContext(), GDPropertyKey(L"typ"), untouched));
+    EXPECT_FALSE(o->getProperty(ev.getContext(), GDPropertyKey(L"types"), untouched));
+    EXPECT_FALSE(o->getProperty(ev.getContext(), GDPropertyKey(L""), untouched));
+    EXPECT_EQ(untouched.getString(), L"x");
+    EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), *v), L"{\"type\":1,\"path\":\"/last\",\"n\":null}");
+    EXPECT_EQ(o->getCount(), 3u);
+}
+
+TEST(GDLazyValues, NonAsciiKeysAreFoundWhereTheyLie) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"{\"caf\u00e9\":1,\"\\u4e2d\":2,\"\\ud83d\\ude00\":3,\"cafe\":4}");
+    ASSERT_TRUE(v);
+    const GDJsonObject* o = asObject(*v);
+    GDVariant out;
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"caf\u00e9"), out));
+    EXPECT_EQ(out.getInt(), 1);
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"\u4e2d"), out));
+    EXPECT_EQ(out.getInt(), 2);
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(String(1, static_cast<wchar_t>(0x1F600))), out));
+    EXPECT_EQ(out.getInt(), 3);
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"cafe"), out));
+    EXPECT_EQ(out.getInt(), 4);
+    String surrogate(1, static_cast<wchar_t>(0xD83D));  // no key can spell it
+    EXPECT_FALSE(o->getProperty(ev.getContext(), GDPropertyKey(surrogate), out));
+    EXPECT_FALSE(o->getProperty(ev.getContext(), GDPropertyKey(L"caf"), out));
+}
+
+TEST(GDLazyValues, LargeUnreadObjectAnswersLikeItsMemberList) {
+    String text = L"{";
+    for (int i = 0; i < 40; ++i) text += L"\"k" + std::to_wstring(i) + L"\":" + std::to_wstring(i) + L",";
+    text += L"\"k7\":700}";
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, text);
+    ASSERT_TRUE(v);
+    const GDJsonObject* o = asObject(*v);
+    GDVariant out;
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"k7"), out));
+    EXPECT_EQ(out.getInt(), 700);
+    ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"k39"), out));
+    EXPECT_EQ(out.getInt(), 39);
+    EXPECT_FALSE(o->getProperty(ev.getContext(), GDPropertyKey(L"k40"), out));
+    EXPECT_EQ(o->getCount(), 40u);
+}
+
+TEST(GDLazyValues, ArrayCountIsKnownBeforeItsElementsAreRead) {
+    auto v = eval(L"[1,[2,3],{\"a\":4},\"five\",6.5]");
+    ASSERT_TRUE(v);
+    const GDJsonArray* a = asArray(*v);
+    EXPECT_EQ(a->getCount(), 5u);
+    GDVariant out;
+    EXPECT_FALSE(a->getElement(5, out));
+    ASSERT_TRUE(a->getElement(3, out));
+    EXPECT_EQ(out.getString(), L"five");
+    ASSERT_TRUE(a->getElement(1, out));
+    EXPECT_EQ(asArray(out)->getCount(), 2u);
+    EXPECT_EQ(a->getCount(), 5u);
+}
+
+TEST(GDLazyValues, OnePropertyReadTwiceIsOneContainerForItsText) {
+    GDExpressionEvaluator ev;
+    auto v = eval(ev, L"{\"children\":[{\"type\":0,\"path\":\"/x\"}],\"other\":[1]}");
+    ASSERT_TRUE(v);
+    GDContext& ctx = ev.getContext();
+    GDVariant first, second;
+    ASSERT_TRUE(asObject(*v)->getProperty(ctx, GDPropertyKey(L"children"), first));
+    ASSERT_TRUE(asObject(*v)->getProperty(ctx, GDPropertyKey(L"children"), second));
+    EXPECT_TRUE(sameValue(first, second));
+    (void)GDTypeConversions::toString(ctx, *v);
+    EXPECT_EQ(GDTypeConversions::toString(ctx, first), L"[{\"type\":0,\"path\":\"/x\"}]");
+    const String text = GDTypeConversions::toString(ctx, second);
+    EXPECT_EQ(text, L"[{\"type\":0,\"path\":\"/x\"}]");
+    auto again = eval(ev, text);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->getValue(), second.getValue());
+}
+
+TEST(GDLazyValues, ValuesOfALargeTextAreReadLikeThoseOfASmallOne) {
+    // Larger than what a thread keeps its parser buffers for.
+    String text = L"[";
+    for (int i = 0; i < 120000; ++i) {
+        if (i) text += L",";
+        text += L"{\"type\":0,\"path\":\"/shared/reports/r" + std::to_wstring(i) + L"\"}";
+    }
+    text += L"]";
+    ASSERT_GT(text.size(), 4u << 20);
+    GDExpressionEvaluator ev;
+    auto big = eval(ev, text);
+    ASSERT_TRUE(big);
+    auto small = eval(ev, L"[{\"type\":0,\"path\":\"/shared/reports/r119999\"}]");
+    ASSERT_TRUE(small);
+    GDVariant item;
+    ASSERT_TRUE(asArray(*big)->getElement(119999, item));
+    EXPECT_TRUE(sameValue(item, asArray(*small)->elements()[0]));
 }
 
 // Texts of values that no evaluation could have produced: evaluating them
