@@ -323,47 +323,40 @@ bool sameText(std::string_view u, std::wstring_view w) noexcept {
     return j == u.size();
 }
 
-// The members of the object at tape index `obj` as the duplicate-key rule
-// keeps them: for each key at the position of its first occurrence, the tape
-// index of the key and of its last value, in order.
-void keptMembers(const Tape& tape, std::uint32_t obj,
-                 std::vector<std::pair<std::uint32_t, std::uint32_t>>& out) {
+// The duplicate-key rule: of n members whose keys key(i) gives, each key is
+// kept once, at the position of its first member and with the value of its
+// last. `out` gets, in document order, the indexes of that first and that last
+// member ({i, i} for a key that appears once).
+template <class KeyOf>
+void keptMembers(std::size_t n, KeyOf key, std::vector<std::pair<std::uint32_t, std::uint32_t>>& out) {
     out.clear();
-    for (std::uint32_t k = tape.first(obj); k < tape.end(obj); k = tape.next(k + 1)) out.emplace_back(k, k + 1);
-    const std::size_t n = out.size();
-    if (n < 2) return;
-    auto key = [&](std::size_t m) { return tape.string(out[m].first); };
-    bool duplicates = false;
-    std::vector<std::uint32_t> order;
     if (n <= kLinearMembers) {
-        for (std::size_t i = 1; i < n && !duplicates; ++i)
-            for (std::size_t j = 0; j < i && !duplicates; ++j) duplicates = key(i) == key(j);
-    } else {
-        order.resize(n);
-        std::iota(order.begin(), order.end(), 0u);
-        std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) { return key(a) < key(b); });
-        for (std::size_t i = 1; i < n && !duplicates; ++i) duplicates = key(order[i]) == key(order[i - 1]);
+        for (std::uint32_t i = 0; i < n; ++i) {
+            bool seen = false;
+            for (std::uint32_t j = 0; j < i && !seen; ++j) seen = key(j) == key(i);
+            if (seen) continue;
+            std::uint32_t last = i;
+            for (std::uint32_t j = i + 1; j < n; ++j)
+                if (key(j) == key(i)) last = j;
+            out.emplace_back(i, last);
+        }
+        return;
     }
-    if (!duplicates) return;
-    if (order.empty()) {
-        order.resize(n);
-        std::iota(order.begin(), order.end(), 0u);
-        std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) { return key(a) < key(b); });
-    }
-    // In each group of equal keys (document order kept by the stable sort),
-    // the first member takes the last one's value; the others are dropped.
-    std::vector<char> keep(n, 0);
+    // Sorted by key, stably, so that each group of equal keys is in document
+    // order.
+    std::vector<std::uint32_t> order(n);
+    std::iota(order.begin(), order.end(), 0u);
+    std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) { return key(a) < key(b); });
+    constexpr std::uint32_t kDropped = UINT32_MAX;
+    std::vector<std::uint32_t> lastOf(n, kDropped);
     for (std::size_t g = 0; g < n;) {
         std::size_t end = g + 1;
         while (end < n && key(order[end]) == key(order[g])) ++end;
-        out[order[g]].second = out[order[end - 1]].second;
-        keep[order[g]] = 1;
+        lastOf[order[g]] = order[end - 1];
         g = end;
     }
-    std::size_t kept = 0;
-    for (std::size_t m = 0; m < n; ++m)
-        if (keep[m]) out[kept++] = out[m];
-    out.resize(kept);
+    for (std::uint32_t i = 0; i < n; ++i)
+        if (lastOf[i] != kDropped) out.emplace_back(i, lastOf[i]);
 }
 
 // Writes the JSON text of values. Optionally it notes where the text of every
@@ -459,18 +452,20 @@ public:
             }
             case '{': {
                 const std::size_t span = open(tape.id(i));
-                // One member list per depth, reused from object to object.
+                // Member lists per depth, reused from object to object.
                 if (m_members.size() <= m_depth) m_members.resize(m_depth + 1);
-                auto& members = m_members[m_depth];
-                keptMembers(tape, i, members);
+                auto& [keys, kept] = m_members[m_depth];
+                keys.clear();
+                for (std::uint32_t k = tape.first(i); k < tape.end(i); k = tape.next(k + 1)) keys.push_back(k);
+                keptMembers(keys.size(), [&](std::size_t m) { return tape.string(keys[m]); }, kept);
                 m_out.push_back(L'{');
                 bool first = true;
-                for (const auto& [key, value] : members) {
+                for (const auto& [firstMember, lastMember] : kept) {
                     if (!first) m_out.push_back(L',');
                     first = false;
-                    m_extraBytes += appendJsonStringUtf8(m_out, tape.string(key));
+                    m_extraBytes += appendJsonStringUtf8(m_out, tape.string(keys[firstMember]));
                     m_out.push_back(L':');
-                    writeTape(tape, value);
+                    writeTape(tape, keys[lastMember] + 1);
                 }
                 m_out.push_back(L'}');
                 close(span);
@@ -511,7 +506,8 @@ private:
     std::vector<Span>* m_spans;
     std::size_t m_extraBytes = 0;  // UTF-8 bytes beyond one per character written
     bool m_unencodable = false;
-    std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> m_members;
+    // Per depth: the tape indexes of an object's keys, and the members kept.
+    std::vector<std::pair<std::vector<std::uint32_t>, std::vector<std::pair<std::uint32_t, std::uint32_t>>>> m_members;
     std::size_t m_depth = 0;
     bool m_exact = true;
 };
@@ -570,58 +566,20 @@ struct GDJsonObject::Members {
 };
 
 GDJsonObject::Members::Members(std::vector<Member> members) {
-    const std::size_t n = members.size();
-    if (n <= kLinearMembers) {
-        bool unique = true;
-        for (std::size_t i = 1; i < n && unique; ++i) {
-            for (std::size_t j = 0; j < i; ++j) {
-                if (members[i].first == members[j].first) {
-                    unique = false;
-                    break;
-                }
-            }
-        }
-        if (unique) {
-            list = std::move(members);
-            return;
-        }
-        list.reserve(n);
-        for (auto& m : members) {
-            auto it = std::find_if(list.begin(), list.end(), [&](const Member& x) { return x.first == m.first; });
-            if (it != list.end()) it->second = std::move(m.second);  // last value wins
-            else list.push_back(std::move(m));
-        }
-        return;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> kept;
+    keptMembers(members.size(), [&](std::size_t i) -> const String& { return members[i].first; }, kept);
+    if (kept.size() == members.size()) {
+        list = std::move(members);  // no key twice
+    } else {
+        list.reserve(kept.size());
+        for (const auto& [first, last] : kept)
+            list.emplace_back(std::move(members[first].first), std::move(members[last].second));
     }
-    // Sort member indexes by key (stable: equal keys stay in document order),
-    // then keep one member per key at its first position with its last value.
-    std::vector<std::uint32_t> order(n);
-    std::iota(order.begin(), order.end(), 0u);
-    std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-        return keyLess(members[a].first, members[b].first);
-    });
-    std::vector<char> keep(n, 0);
-    std::vector<std::uint32_t> groupFirst;
-    groupFirst.reserve(n);
-    for (std::size_t g = 0; g < n;) {
-        std::size_t end = g + 1;
-        while (end < n && members[order[end]].first == members[order[g]].first) ++end;
-        const std::uint32_t first = order[g];
-        const std::uint32_t last = order[end - 1];
-        if (first != last) members[first].second = std::move(members[last].second);
-        keep[first] = 1;
-        groupFirst.push_back(first);
-        g = end;
-    }
-    std::vector<std::uint32_t> newIndex(n, 0);
-    list.reserve(groupFirst.size());
-    for (std::size_t i = 0; i < n; ++i) {
-        if (!keep[i]) continue;
-        newIndex[i] = static_cast<std::uint32_t>(list.size());
-        list.push_back(std::move(members[i]));
-    }
-    sorted.reserve(groupFirst.size());
-    for (std::uint32_t first : groupFirst) sorted.push_back(newIndex[first]);
+    if (list.size() <= kLinearMembers) return;
+    sorted.resize(list.size());
+    std::iota(sorted.begin(), sorted.end(), 0u);
+    std::sort(sorted.begin(), sorted.end(),
+              [&](std::uint32_t a, std::uint32_t b) { return keyLess(list[a].first, list[b].first); });
 }
 
 const GDVariant* GDJsonObject::Members::find(const String& key) const noexcept {

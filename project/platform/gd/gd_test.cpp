@@ -562,7 +562,13 @@ TEST(GDLazyValues, LargeUnreadObjectAnswersLikeItsMemberList) {
     ASSERT_TRUE(o->getProperty(ev.getContext(), GDPropertyKey(L"k39"), out));
     EXPECT_EQ(out.getInt(), 39);
     EXPECT_FALSE(o->getProperty(ev.getContext(), GDPropertyKey(L"k40"), out));
+    // Its text, written from the document, keeps k7 at its first place with its last value.
+    GDContext fresh;
+    const String written = GDTypeConversions::toJson(fresh, *v);
+    EXPECT_NE(written.find(L"\"k6\":6,\"k7\":700,\"k8\":8"), String::npos) << std::string(written.toUtf8());
+    EXPECT_EQ(written.find(L"\"k7\"", written.find(L"\"k7\"") + 1), String::npos);
     EXPECT_EQ(o->getCount(), 40u);
+    EXPECT_EQ(written, GDTypeConversions::toJson(fresh, rebuilt(*v)));
 }
 
 TEST(GDLazyValues, ArrayCountIsKnownBeforeItsElementsAreRead) {
