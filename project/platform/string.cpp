@@ -162,6 +162,19 @@ char* encodeInto(std::wstring_view in, char* out) noexcept {
     return encodeRest(in, asciiPrefix(in.data(), in.size()), out);
 }
 
+std::size_t encodeIntoBounded(std::wstring_view in, char* out, std::size_t capacity) noexcept {
+    const std::size_t ascii = asciiPrefix(in.data(), in.size());
+    if (ascii > capacity) return SIZE_MAX;
+    for (std::size_t i = 0; i < ascii; ++i) out[i] = static_cast<char>(in[i]);  // indexed: vectorises
+    std::size_t n = ascii;
+    for (std::size_t i = ascii; i < in.size(); ++i) {
+        const auto c = static_cast<char32_t>(in[i]);
+        if (!isScalarValue(c) || capacity - n < scalarLength(c)) return SIZE_MAX;
+        n = static_cast<std::size_t>(putScalar(c, out + n) - out);
+    }
+    return n;
+}
+
 void encodeAppend(std::wstring_view in, std::string& out) {
     const std::size_t ascii = asciiPrefix(in.data(), in.size());
     if (ascii == in.size()) {  // the usual case: one scan, one copy

@@ -75,6 +75,19 @@ TEST(Utf8Codec, EncodedLengthCountsBytesAndRefusesNonScalarValues) {
     EXPECT_EQ(utf8::encodedLength(std::wstring(1, wchar_t(0x110000))), SIZE_MAX);
 }
 
+TEST(Utf8Codec, BoundedEncoderWritesWhatFitsAndRefusesTheRest) {
+    const std::wstring in = std::wstring(20, L'a') + L"\u00e9\u4e2d\U0001F600";
+    std::string buf(40, '\0');
+    ASSERT_EQ(utf8::encodeIntoBounded(in, buf.data(), 29), 29u);  // exactly enough room
+    EXPECT_EQ(buf.substr(0, 29), utf8::encode(in));
+    EXPECT_EQ(utf8::encodeIntoBounded(in, buf.data(), 28), SIZE_MAX);  // the emoji does not fit
+    EXPECT_EQ(utf8::encodeIntoBounded(in, buf.data(), 19), SIZE_MAX);  // nor does the ASCII run
+    EXPECT_EQ(utf8::encodeIntoBounded(std::wstring(20, L'a'), buf.data(), 20), 20u);
+    EXPECT_EQ(utf8::encodeIntoBounded(L"", buf.data(), 0), 0u);
+    EXPECT_EQ(utf8::encodeIntoBounded(std::wstring(3, L'a') + wchar_t(0xD800), buf.data(), 40), SIZE_MAX);
+    EXPECT_EQ(utf8::encodeIntoBounded(std::wstring(1, wchar_t(0x110000)), buf.data(), 40), SIZE_MAX);
+}
+
 TEST(Utf8Codec, EncodeAppendKeepsWhatPrecedesARefusedCharacter) {
     std::string out = "x";
     const std::wstring in = std::wstring(L"ab\u00e9") + wchar_t(0xDC00) + L"cd";

@@ -67,6 +67,11 @@ std::size_t encodedLength(std::wstring_view in) noexcept;
 // bytes, or four a character), U+FFFD standing for any character that is not a
 // scalar value; returns the end of what was written.
 char* encodeInto(std::wstring_view in, char* out) noexcept;
+// Writes the UTF-8 form of `in` to `out`, which has room for `capacity` bytes,
+// in one pass; returns the number of bytes written, or SIZE_MAX (what was
+// written then is unspecified) when `in` holds a character that is not a
+// Unicode scalar value or its UTF-8 form takes more than `capacity` bytes.
+std::size_t encodeIntoBounded(std::wstring_view in, char* out, std::size_t capacity) noexcept;
 // True if `in` is well-formed UTF-8.
 bool isValid(std::string_view in) noexcept;
 }  // namespace utf8

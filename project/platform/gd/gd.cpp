@@ -845,20 +845,33 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
     if (view.size() == text.size() && m_context.m_memo->take(view, result)) return true;
 
     if (view.size() > kMaxTextBytes) return false;  // every character takes at least one byte
-    const std::size_t bytes = utf8::encodedLength(view);
-    if (bytes == SIZE_MAX || bytes > kMaxTextBytes) return false;
-
+    // Most texts are all or mostly ASCII: room for one byte a character (the
+    // thread's buffers when that is small enough) takes them in one pass;
+    // others are measured first.
     thread_local Scratch kept;
     std::unique_ptr<Scratch> own;
-    Scratch& scratch = bytes <= Scratch::kKeptScratchBytes ? kept : *(own = std::make_unique<Scratch>());
-    char* buf = scratch.reserve(bytes);
+    auto scratchFor = [&](std::size_t bytes) -> Scratch& {
+        if (bytes <= Scratch::kKeptScratchBytes) return kept;
+        if (!own) own = std::make_unique<Scratch>();
+        return *own;
+    };
+    Scratch* scratch = &scratchFor(view.size());
+    char* buf = scratch->reserve(view.size());
     if (!buf) return false;
-    utf8::encodeInto(view, buf);
+    std::size_t bytes = utf8::encodeIntoBounded(view, buf, view.size());
+    if (bytes == SIZE_MAX) {
+        bytes = utf8::encodedLength(view);
+        if (bytes == SIZE_MAX || bytes > kMaxTextBytes) return false;
+        scratch = &scratchFor(bytes);
+        buf = scratch->reserve(bytes);
+        if (!buf) return false;
+        utf8::encodeInto(view, buf);
+    }
     std::memset(buf + bytes, 0, simdjson::SIMDJSON_PADDING);
 
     auto doc = std::make_shared<detail::JsonDocument>();
     simdjson::dom::element root;
-    if (scratch.parser.parse_into_document(doc->dom, buf, bytes, false).get(root) != simdjson::SUCCESS) return false;
+    if (scratch->parser.parse_into_document(doc->dom, buf, bytes, false).get(root) != simdjson::SUCCESS) return false;
     doc->textBytes = bytes;
     doc->tapeLength = Tape(*doc).length();
     result = JsonAccess::valueAt(doc, Tape::kRoot);
