@@ -13,6 +13,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string_view>
@@ -506,8 +507,9 @@ private:
     std::vector<Span>* m_spans;
     std::size_t m_extraBytes = 0;  // UTF-8 bytes beyond one per character written
     bool m_unencodable = false;
-    // Per depth: the tape indexes of an object's keys, and the members kept.
-    std::vector<std::pair<std::vector<std::uint32_t>, std::vector<std::pair<std::uint32_t, std::uint32_t>>>> m_members;
+    // Per depth: the tape indexes of an object's keys, and the members kept
+    // (a deque: growing it for a nested object leaves the outer lists in place).
+    std::deque<std::pair<std::vector<std::uint32_t>, std::vector<std::pair<std::uint32_t, std::uint32_t>>>> m_members;
     std::size_t m_depth = 0;
     bool m_exact = true;
 };
