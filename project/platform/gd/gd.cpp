@@ -455,7 +455,8 @@ public:
                 const std::size_t span = open(tape.id(i));
                 // Member lists per depth, reused from object to object.
                 if (m_members.size() <= m_depth) m_members.resize(m_depth + 1);
-                auto& [keys, kept] = m_members[m_depth];
+                std::vector<std::uint32_t>& keys = m_members[m_depth].first;
+                std::vector<std::pair<std::uint32_t, std::uint32_t>>& kept = m_members[m_depth].second;
                 keys.clear();
                 for (std::uint32_t k = tape.first(i); k < tape.end(i); k = tape.next(k + 1)) keys.push_back(k);
                 keptMembers(keys.size(), [&](std::size_t m) { return tape.string(keys[m]); }, kept);
