@@ -66,6 +66,30 @@ std::size_t asciiPrefix(const C* s, std::size_t n) noexcept {
     return i;
 }
 
+// Copies n ASCII characters between the narrow and the wide form. The blocks
+// go through a local array: the compiler cannot otherwise tell that the two
+// buffers do not overlap (a char may alias anything) and would copy one
+// character at a time.
+void widenAscii(const char* in, std::size_t n, wchar_t* out) noexcept {
+    std::size_t i = 0;
+    for (; i + kBlock <= n; i += kBlock) {
+        wchar_t block[kBlock];
+        for (std::size_t k = 0; k < kBlock; ++k) block[k] = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
+        std::memcpy(out + i, block, sizeof block);
+    }
+    for (; i < n; ++i) out[i] = static_cast<wchar_t>(static_cast<unsigned char>(in[i]));
+}
+
+void narrowAscii(const wchar_t* in, std::size_t n, char* out) noexcept {
+    std::size_t i = 0;
+    for (; i + kBlock <= n; i += kBlock) {
+        char block[kBlock];
+        for (std::size_t k = 0; k < kBlock; ++k) block[k] = static_cast<char>(in[i + k]);
+        std::memcpy(out + i, block, sizeof block);
+    }
+    for (; i < n; ++i) out[i] = static_cast<char>(in[i]);
+}
+
 std::size_t scalarLength(char32_t c) noexcept { return c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4; }
 
 // Writes the UTF-8 form of the scalar value `c`; returns the end.
@@ -104,7 +128,7 @@ void decodeTo(std::string_view in, std::wstring& out, OnError onError) {
     std::size_t i = 0;
     while (i < in.size()) {
         const std::size_t ascii = asciiPrefix(in.data() + i, in.size() - i);
-        for (std::size_t k = 0; k < ascii; ++k) o[k] = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
+        widenAscii(in.data() + i, ascii, o);
         o += ascii;
         i += ascii;
         if (i == in.size()) break;
@@ -147,7 +171,7 @@ namespace {
 
 // encodeInto after its first `ascii` characters were found to be ASCII.
 char* encodeRest(std::wstring_view in, std::size_t ascii, char* out) noexcept {
-    for (std::size_t i = 0; i < ascii; ++i) out[i] = static_cast<char>(in[i]);  // indexed: vectorises
+    narrowAscii(in.data(), ascii, out);
     out += ascii;
     for (std::size_t i = ascii; i < in.size(); ++i) {
         const auto c = static_cast<char32_t>(in[i]);
@@ -165,7 +189,7 @@ char* encodeInto(std::wstring_view in, char* out) noexcept {
 std::size_t encodeIntoBounded(std::wstring_view in, char* out, std::size_t capacity) noexcept {
     const std::size_t ascii = asciiPrefix(in.data(), in.size());
     if (ascii > capacity) return SIZE_MAX;
-    for (std::size_t i = 0; i < ascii; ++i) out[i] = static_cast<char>(in[i]);  // indexed: vectorises
+    narrowAscii(in.data(), ascii, out);
     std::size_t n = ascii;
     for (std::size_t i = ascii; i < in.size(); ++i) {
         const auto c = static_cast<char32_t>(in[i]);
