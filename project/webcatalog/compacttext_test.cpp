@@ -78,6 +78,37 @@ TEST(CompactTextTest, OrderAndEqualityAreThoseOfTheWideTexts) {
     }
 }
 
+// Long one-byte texts, compared 16 and 32 bytes at a time: every length up
+// to 100 against texts that differ from it at each position (in both
+// directions, also above U+007F) or only in length.
+TEST(CompactTextTest, LongNarrowTextsKeepTheOrderOfTheWideTexts) {
+    std::mt19937 rng(11);
+    const auto check = [](const std::wstring& a, const std::wstring& b) {
+        const CompactText ta{std::wstring_view(a)}, tb{std::wstring_view(b)};
+        ASSERT_FALSE(ta.isWide());
+        ASSERT_FALSE(tb.isWide());
+        SCOPED_TRACE(testing::Message() << a.size() << " " << b.size());
+        EXPECT_EQ(sign(compare(ta, tb)), sign(a.compare(b)));
+        EXPECT_EQ(sign(compare(tb, ta)), sign(b.compare(a)));
+        EXPECT_EQ(ta < tb, a < b);
+        EXPECT_EQ(ta == tb, a == b);
+    };
+    for (std::size_t n = 0; n <= 100; ++n) {
+        std::wstring a(n, L'a');
+        for (auto& c : a) c = static_cast<wchar_t>(L'/' + rng() % 0xD0);  // up to U+00FE
+        check(a, a);
+        check(a, a + L'x');
+        if (n > 0) check(a, a.substr(0, n - 1));
+        for (std::size_t at = 0; at < n; ++at) {
+            std::wstring b = a;
+            b[at] = static_cast<wchar_t>(b[at] + 1);
+            check(a, b);
+            b.resize(at + 1 + rng() % (n + 1));
+            check(a, b);
+        }
+    }
+}
+
 TEST(CompactTextTest, APieceOfAWideTextIsNarrowWhenItCan) {
     const CompactText t{std::wstring_view(L"ab\u0100cd")};
     ASSERT_TRUE(t.isWide());

@@ -252,6 +252,23 @@ TEST(PathTest, TheHashOfArbitraryTextsMatchesTheRule) {
     }
 }
 
+// Every length up to 3,000 and lengths around each doubling up to 2^22: the
+// number of samples and the stride change at these boundaries.
+TEST(PathTest, TheHashSamplesRightAtEveryLength) {
+    std::vector<std::size_t> lengths;
+    for (std::size_t n = 0; n <= 3000; ++n) lengths.push_back(n);
+    for (std::size_t p = 2048; p <= (std::size_t{1} << 22); p *= 2)
+        for (std::size_t n : {p * 5 / 4 - 1, p * 5 / 4, p * 5 / 4 + 1, p * 5 / 2 - 1, p * 5 / 2, p - 1, p, p + 1})
+            lengths.push_back(n);
+    std::mt19937 rng(5);
+    std::wstring all(std::size_t{1} << 23, L'x');
+    for (auto& c : all) c = static_cast<wchar_t>(L' ' + rng() % 0xC0);
+    for (std::size_t n : lengths) {
+        const std::wstring text = all.substr(0, n);
+        ASSERT_EQ(std::hash<Path>()(Path(text, kUnchecked)), expectedHash(text)) << n;
+    }
+}
+
 TEST(PathTest, TheHashHasTheseKnownValues) {
     // Worked out by hand from the rule.
     EXPECT_EQ(std::hash<Path>()(Path(L"/")), 248u);

@@ -85,7 +85,10 @@ public:
 
     friend bool operator==(const Path& a, const Path& b) noexcept { return a.m_text == b.m_text; }
     friend bool operator!=(const Path& a, const Path& b) noexcept { return !(a == b); }
-    friend bool operator<(const Path& a, const Path& b) noexcept { return a.m_text < b.m_text; }
+    // Inlined into ordered look-ups, as the text comparison is.
+    [[gnu::always_inline]] friend bool operator<(const Path& a, const Path& b) noexcept {
+        return a.m_text < b.m_text;
+    }
 
 private:
     explicit Path(CompactText text) noexcept : m_text(std::move(text)) {}
