@@ -9,7 +9,12 @@ String GDVariant::toText() const {
     switch (kind()) {
         case Kind::kEmpty: return String();
         case Kind::kBool: return getBool() ? String(L"true") : String(L"false");
-        case Kind::kInt: return String(std::to_wstring(getInt()));
+        case Kind::kInt: {
+            // to_chars rather than to_wstring, which formats through swprintf.
+            char buf[24];
+            auto res = std::to_chars(buf, buf + sizeof buf, getInt());
+            return String(std::wstring(buf, res.ptr));
+        }
         case Kind::kDouble: {
             const double d = getDouble();
             if (std::isnan(d)) return String(L"nan");
