@@ -66,28 +66,28 @@ std::size_t asciiPrefix(const C* s, std::size_t n) noexcept {
     return i;
 }
 
-// Copies n ASCII characters between the narrow and the wide form. The blocks
-// go through a local array: the compiler cannot otherwise tell that the two
-// buffers do not overlap (a char may alias anything) and would copy one
-// character at a time.
-void widenAscii(const char* in, std::size_t n, wchar_t* out) noexcept {
+// Copies the leading run of ASCII characters of in[0, n) between the narrow
+// and the wide form, checking and copying each block in one pass; returns the
+// run's length. The blocks go through a local array: the compiler cannot
+// otherwise tell that the two buffers do not overlap (a char may alias
+// anything) and would copy one character at a time.
+template <class From, class To>
+std::size_t copyAsciiPrefix(const From* in, std::size_t n, To* out) noexcept {
+    using U = std::make_unsigned_t<From>;
     std::size_t i = 0;
     for (; i + kBlock <= n; i += kBlock) {
-        wchar_t block[kBlock];
-        for (std::size_t k = 0; k < kBlock; ++k) block[k] = static_cast<wchar_t>(static_cast<unsigned char>(in[i + k]));
+        std::uint32_t bits = 0;
+        To block[kBlock];
+        for (std::size_t k = 0; k < kBlock; ++k) {
+            bits |= static_cast<std::uint32_t>(static_cast<U>(in[i + k]));
+            block[k] = static_cast<To>(static_cast<U>(in[i + k]));
+        }
+        if (bits >= 0x80) break;
         std::memcpy(out + i, block, sizeof block);
     }
-    for (; i < n; ++i) out[i] = static_cast<wchar_t>(static_cast<unsigned char>(in[i]));
-}
-
-void narrowAscii(const wchar_t* in, std::size_t n, char* out) noexcept {
-    std::size_t i = 0;
-    for (; i + kBlock <= n; i += kBlock) {
-        char block[kBlock];
-        for (std::size_t k = 0; k < kBlock; ++k) block[k] = static_cast<char>(in[i + k]);
-        std::memcpy(out + i, block, sizeof block);
-    }
-    for (; i < n; ++i) out[i] = static_cast<char>(in[i]);
+    for (; i < n && static_cast<std::uint32_t>(static_cast<U>(in[i])) < 0x80; ++i)
+        out[i] = static_cast<To>(static_cast<U>(in[i]));
+    return i;
 }
 
 std::size_t scalarLength(char32_t c) noexcept { return c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4; }
@@ -127,8 +127,7 @@ void decodeTo(std::string_view in, std::wstring& out, OnError onError) {
     wchar_t* o = out.data();
     std::size_t i = 0;
     while (i < in.size()) {
-        const std::size_t ascii = asciiPrefix(in.data() + i, in.size() - i);
-        widenAscii(in.data() + i, ascii, o);
+        const std::size_t ascii = copyAsciiPrefix(in.data() + i, in.size() - i, o);
         o += ascii;
         i += ascii;
         if (i == in.size()) break;
@@ -167,11 +166,8 @@ std::size_t encodedLength(std::wstring_view in) noexcept {
     return n;
 }
 
-namespace {
-
-// encodeInto after its first `ascii` characters were found to be ASCII.
-char* encodeRest(std::wstring_view in, std::size_t ascii, char* out) noexcept {
-    narrowAscii(in.data(), ascii, out);
+char* encodeInto(std::wstring_view in, char* out) noexcept {
+    const std::size_t ascii = copyAsciiPrefix(in.data(), in.size(), out);
     out += ascii;
     for (std::size_t i = ascii; i < in.size(); ++i) {
         const auto c = static_cast<char32_t>(in[i]);
@@ -180,16 +176,8 @@ char* encodeRest(std::wstring_view in, std::size_t ascii, char* out) noexcept {
     return out;
 }
 
-}  // namespace
-
-char* encodeInto(std::wstring_view in, char* out) noexcept {
-    return encodeRest(in, asciiPrefix(in.data(), in.size()), out);
-}
-
 std::size_t encodeIntoBounded(std::wstring_view in, char* out, std::size_t capacity) noexcept {
-    const std::size_t ascii = asciiPrefix(in.data(), in.size());
-    if (ascii > capacity) return SIZE_MAX;
-    narrowAscii(in.data(), ascii, out);
+    const std::size_t ascii = copyAsciiPrefix(in.data(), std::min(in.size(), capacity), out);
     std::size_t n = ascii;
     for (std::size_t i = ascii; i < in.size(); ++i) {
         const auto c = static_cast<char32_t>(in[i]);
@@ -200,13 +188,10 @@ std::size_t encodeIntoBounded(std::wstring_view in, char* out, std::size_t capac
 }
 
 void encodeAppend(std::wstring_view in, std::string& out) {
-    const std::size_t ascii = asciiPrefix(in.data(), in.size());
-    if (ascii == in.size()) {  // the usual case: one scan, one copy
-        const std::size_t start = out.size();
-        out.resize(start + ascii);
-        encodeRest(in, ascii, out.data() + start);
-        return;
-    }
+    const std::size_t start = out.size();
+    out.resize(start + in.size());
+    if (copyAsciiPrefix(in.data(), in.size(), out.data() + start) == in.size()) return;  // the usual case
+    out.resize(start);
     const std::size_t bytes = encodedLength(in);
     if (bytes == SIZE_MAX) {
         // Encode what comes before the offending character, then refuse it.
@@ -217,7 +202,6 @@ void encodeAppend(std::wstring_view in, std::string& out) {
             throw Utf8Error(L"cannot encode a surrogate code point as UTF-8 (character " + std::to_wstring(bad) + L")");
         throw Utf8Error(L"cannot encode a code point above U+10FFFF as UTF-8 (character " + std::to_wstring(bad) + L")");
     }
-    const std::size_t start = out.size();
     out.resize(start + bytes);
     encodeInto(in, out.data() + start);
 }

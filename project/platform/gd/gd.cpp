@@ -807,7 +807,10 @@ namespace {
 // on a thread (by any evaluator: a host typically makes one per request)
 // reuse its memory instead of allocating and touching it anew; a larger text
 // gets one of its own, freed after the evaluation. The parser holds about
-// five bytes per byte of the largest text it parsed.
+// five bytes per byte of the largest text it parsed. The thread also keeps
+// the last document it parsed into (about ten bytes per byte of text), and
+// parses the next text into it when no value of the earlier evaluation is
+// alive any more.
 struct Scratch {
     static constexpr std::size_t kKeptScratchBytes = 2u << 20;
 
@@ -815,6 +818,7 @@ struct Scratch {
     std::unique_ptr<char[]> buffer;
     std::size_t bufferCapacity = 0;
     bool allocated = false;
+    std::shared_ptr<detail::JsonDocument> spare;
 
     // Makes room for `n` bytes plus simdjson's padding; null when the parser
     // cannot be set up.
@@ -872,7 +876,16 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
     }
     std::memset(buf + bytes, 0, simdjson::SIMDJSON_PADDING);
 
-    auto doc = std::make_shared<detail::JsonDocument>();
+    // The thread's last document, when no value holds it any more, is parsed
+    // into again: its memory is already allocated and touched.
+    std::shared_ptr<detail::JsonDocument> doc;
+    if (scratch == &kept && kept.spare && kept.spare.use_count() == 1) {
+        std::atomic_thread_fence(std::memory_order_acquire);  // after the last reader let go
+        doc = kept.spare;
+    } else {
+        doc = std::make_shared<detail::JsonDocument>();
+        if (scratch == &kept) kept.spare = doc;
+    }
     simdjson::dom::element root;
     if (scratch->parser.parse_into_document(doc->dom, buf, bytes, false).get(root) != simdjson::SUCCESS) return false;
     doc->textBytes = bytes;

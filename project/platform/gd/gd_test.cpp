@@ -831,6 +831,36 @@ TEST(GDJsonEvaluator, ValuesOutliveTheEvaluatorAndLaterEvaluations) {
     EXPECT_EQ(GDTypeConversions::toString(ctx, *first), L"{\"k\":[\"v\"]}");
 }
 
+TEST(GDJsonEvaluator, LaterEvaluationsOnTheThreadLeaveLiveValuesAlone) {
+    GDExpressionEvaluator ev;
+    auto kept = eval(ev, L"[{\"k\":\"first\"},[1,2]]");  // nothing read from it yet
+    ASSERT_TRUE(kept);
+    for (int i = 0; i < 3; ++i) {
+        auto other = eval(ev, L"[{\"k\":\"other " + std::to_wstring(i) + L"\"},[3]]");
+        ASSERT_TRUE(other);
+        GDVariant k;
+        ASSERT_TRUE(asObject(asArray(*other)->elements()[0])->getProperty(ev.getContext(), GDPropertyKey(L"k"), k));
+        EXPECT_EQ(k.getString(), L"other " + std::to_wstring(i));
+    }
+    GDVariant k;
+    ASSERT_TRUE(asObject(asArray(*kept)->elements()[0])->getProperty(ev.getContext(), GDPropertyKey(L"k"), k));
+    EXPECT_EQ(k.getString(), L"first");
+    EXPECT_EQ(asArray(asArray(*kept)->elements()[1])->getCount(), 2u);
+}
+
+TEST(GDJsonEvaluator, ADocumentNoValueHoldsIsParsedIntoAgain) {
+    GDExpressionEvaluator ev;
+    for (int i = 0; i < 5; ++i) {
+        // Each evaluation's values are dropped before the next; shorter and
+        // longer texts alternate.
+        String text = L"[\"" + String(static_cast<std::size_t>(i % 2 ? 3 : 300), L'a' + static_cast<wchar_t>(i)) + L"\"]";
+        auto v = eval(ev, text);
+        ASSERT_TRUE(v);
+        GDContext fresh;
+        EXPECT_EQ(GDTypeConversions::toJson(fresh, *v), text);
+    }
+}
+
 TEST(GDJsonEvaluator, TenThousandItemTreeIsReadCompletely) {
     String text = L"[";
     for (int i = 0; i < 10000; ++i) {
