@@ -802,15 +802,31 @@ String GDTypeConversions::toJson(GDContext&, const GDVariant& value) {
 
 namespace {
 
+// A document whose values are all gone is kept for the next evaluation of a
+// text of up to Scratch::kKeptScratchBytes, which parses into it: its memory
+// is already allocated and touched. One is kept for the whole process (about
+// ten bytes per byte of the text it last held); whichever thread lets go of
+// the last value of a document puts it there, replacing the one before.
+std::atomic<detail::JsonDocument*>& spareDocument() noexcept {
+    // Never destroyed: values may be let go of during static destruction.
+    static auto* spare = new std::atomic<detail::JsonDocument*>(nullptr);
+    return *spare;
+}
+
+struct DocumentRelease {
+    bool keep;
+    void operator()(detail::JsonDocument* doc) const noexcept {
+        if (keep) doc = spareDocument().exchange(doc, std::memory_order_acq_rel);
+        delete doc;
+    }
+};
+
 // The parser and the padded UTF-8 buffer an evaluation works in. Each thread
 // keeps one for texts up to kKeptScratchBytes, so that the evaluations made
 // on a thread (by any evaluator: a host typically makes one per request)
 // reuse its memory instead of allocating and touching it anew; a larger text
 // gets one of its own, freed after the evaluation. The parser holds about
-// five bytes per byte of the largest text it parsed. The thread also keeps
-// the last document it parsed into (about ten bytes per byte of text), and
-// parses the next text into it when no value of the earlier evaluation is
-// alive any more.
+// five bytes per byte of the largest text it parsed.
 struct Scratch {
     static constexpr std::size_t kKeptScratchBytes = 2u << 20;
 
@@ -818,7 +834,6 @@ struct Scratch {
     std::unique_ptr<char[]> buffer;
     std::size_t bufferCapacity = 0;
     bool allocated = false;
-    std::shared_ptr<detail::JsonDocument> spare;
 
     // Makes room for `n` bytes plus simdjson's padding; null when the parser
     // cannot be set up.
@@ -836,6 +851,13 @@ struct Scratch {
         return buffer.get();
     }
 };
+
+std::shared_ptr<detail::JsonDocument> newDocument(std::size_t bytes) {
+    const bool keep = bytes <= Scratch::kKeptScratchBytes;
+    detail::JsonDocument* doc = keep ? spareDocument().exchange(nullptr, std::memory_order_acq_rel) : nullptr;
+    if (!doc) doc = new detail::JsonDocument();
+    return std::shared_ptr<detail::JsonDocument>(doc, DocumentRelease{keep});  // releases `doc` if it throws
+}
 
 }  // namespace
 
@@ -876,16 +898,7 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
     }
     std::memset(buf + bytes, 0, simdjson::SIMDJSON_PADDING);
 
-    // The thread's last document, when no value holds it any more, is parsed
-    // into again: its memory is already allocated and touched.
-    std::shared_ptr<detail::JsonDocument> doc;
-    if (scratch == &kept && kept.spare && kept.spare.use_count() == 1) {
-        std::atomic_thread_fence(std::memory_order_acquire);  // after the last reader let go
-        doc = kept.spare;
-    } else {
-        doc = std::make_shared<detail::JsonDocument>();
-        if (scratch == &kept) kept.spare = doc;
-    }
+    std::shared_ptr<detail::JsonDocument> doc = newDocument(bytes);
     simdjson::dom::element root;
     if (scratch->parser.parse_into_document(doc->dom, buf, bytes, false).get(root) != simdjson::SUCCESS) return false;
     doc->textBytes = bytes;

@@ -88,5 +88,36 @@ TEST(GDConcurrency, ThreadsReadingOneTreeForTheFirstTimeAllSeeAllOfIt) {
     }
 }
 
+TEST(GDConcurrency, ThreadsEvaluatingAtOnceEachReadTheirOwnText) {
+    // Documents whose values are gone are handed from evaluation to
+    // evaluation, across threads; each value must still read its own text.
+    constexpr int kThreads = 4;
+    std::atomic<int> mismatches{0};
+    std::vector<GDVariant> handedOver(kThreads);  // per thread, a value kept past its round
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 200; ++round) {
+                GDExpressionEvaluator ev;
+                const String text = treeText(1 + (t + round) % 3, 1 + round % 5);
+                GDVariant tree;
+                if (!ev.evaluateExpression(text, SIZE_MAX, tree, GDExpressionEvaluator::kJsonLiteral)) {
+                    ++mismatches;
+                    continue;
+                }
+                if (round % 7 == 0) handedOver[t] = tree;  // kept alive past this round
+                GDContext ctx;
+                if (GDTypeConversions::toString(ctx, tree) != text) ++mismatches;
+                if (readPaths(tree, ctx).size() != static_cast<std::size_t>((1 + (t + round) % 3) * (1 + round % 5)))
+                    ++mismatches;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    GDContext ctx;
+    for (const GDVariant& v : handedOver) EXPECT_FALSE(readPaths(v, ctx).empty());
+}
+
 }  // namespace
 }  // namespace kiv
