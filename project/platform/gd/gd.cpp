@@ -124,8 +124,7 @@ namespace detail {
 
 struct JsonDocument {
     simdjson::dom::document dom;
-    std::size_t textBytes = 0;   // the parsed text's length in UTF-8 bytes
-    std::size_t tapeLength = 1;  // words on the tape
+    std::size_t textBytes = 0;  // the parsed text's length in UTF-8 bytes
 };
 
 // Reads the simdjson tape, in its documented layout: one 64-bit word per
@@ -247,21 +246,12 @@ std::pair<const detail::JsonDocument*, std::uint32_t> sourceOf(const GDValue* v)
     return {nullptr, 0};
 }
 
-// About how many characters the JSON text of `v` takes, to reserve room for
-// it: for a container read from a document, its share of the parsed text.
-std::size_t expectedLength(const GDValue* v) noexcept {
-    const auto [doc, index] = sourceOf(v);
-    if (!doc) return 0;
-    const Tape tape(*doc);
-    const double share = static_cast<double>(tape.next(index) - index) / static_cast<double>(doc->tapeLength);
-    return static_cast<std::size_t>(share * static_cast<double>(doc->textBytes)) + 2;
-}
-
-// What identifies a container: its place in the document it is read from
-// (every value read from one place is the same container), else its address.
-const void* identity(const GDValue* v) noexcept {
-    const auto [doc, index] = sourceOf(v);
-    return doc ? Tape(*doc).id(index) : v;
+// About how many characters the JSON text of the container at tape index
+// `index` takes, to reserve room for it: its share of the parsed text.
+std::size_t expectedLength(const detail::JsonDocument& doc, std::uint32_t index) noexcept {
+    const Tape tape(doc);
+    const double share = static_cast<double>(tape.next(index) - index) / static_cast<double>(tape.length());
+    return static_cast<std::size_t>(share * static_cast<double>(doc.textBytes)) + 2;
 }
 
 // Appends the JSON string literal of UTF-8 text (valid: it comes from a parsed
@@ -367,7 +357,7 @@ void keptMembers(std::size_t n, KeyOf key, std::vector<std::pair<std::uint32_t, 
 // nesting beyond the evaluator's limit).
 class JsonWriter {
 public:
-    // `id` is what identifies a container (see identity()).
+    // `id` is what identifies a container (see Memo::textOf).
     struct Span {
         const void* id;
         std::size_t offset;
@@ -402,17 +392,19 @@ public:
     }
 
     void writeValue(const GDValue* v) {
-        if (!isJsonContainer(v)) {
+        const auto* arr = exactly<GDJsonArray>(v);
+        const auto* obj = arr ? nullptr : exactly<GDJsonObject>(v);
+        if (!arr && !obj) {
             m_exact = false;
             m_out += L"null";
             return;
         }
-        if (const auto [doc, index] = sourceOf(v); doc) {
+        if (const auto [doc, index] = arr ? JsonAccess::source(*arr) : JsonAccess::source(*obj); doc) {
             writeTape(Tape(*doc), index);
             return;
         }
         const std::size_t span = open(v);
-        if (auto* arr = exactly<GDJsonArray>(v)) {
+        if (arr) {
             m_out.push_back(L'[');
             bool first = true;
             for (const GDVariant& e : arr->elements()) {
@@ -422,7 +414,6 @@ public:
             }
             m_out.push_back(L']');
         } else {
-            auto* obj = static_cast<const GDJsonObject*>(v);
             m_out.push_back(L'{');
             bool first = true;
             for (const auto& m : obj->members()) {
@@ -722,14 +713,18 @@ struct GDContext::Memo {
     // The text of `v`, which holds an array or an object.
     String textOf(const GDVariant& v) {
         const GDValue* p = v.getValue();
-        const void* id = identity(p);
+        // A container read from a document is identified by its place there
+        // (every value read from one place is the same container), any other
+        // by its address.
+        const auto [doc, index] = sourceOf(p);
+        const void* id = doc ? Tape(*doc).id(index) : p;
         for (auto it = bases.rbegin(); it != bases.rend(); ++it) {
             if (const JsonWriter::Span* span = (*it)->find(id)) return give(*it, *span, v);
         }
         auto base = std::make_shared<Base>();
         base->value = v;
         std::wstring out;
-        out.reserve(expectedLength(p));
+        if (doc) out.reserve(expectedLength(*doc, index));
         JsonWriter writer(out, &base->spans);
         writer.writeValue(p);
         const std::size_t bytes = writer.utf8Length();
@@ -902,7 +897,6 @@ bool GDExpressionEvaluator::evaluateExpression(const String& text, std::size_t l
     simdjson::dom::element root;
     if (scratch->parser.parse_into_document(doc->dom, buf, bytes, false).get(root) != simdjson::SUCCESS) return false;
     doc->textBytes = bytes;
-    doc->tapeLength = Tape(*doc).length();
     result = JsonAccess::valueAt(doc, Tape::kRoot);
     return true;
 }
