@@ -226,10 +226,15 @@ TEST(GDJsonContainers, DuplicateKeysLastValueWinsAtFirstPosition) {
     EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), *v), L"{\"type\":1,\"path\":\"/last\"}");
 }
 
-TEST(GDJsonContainers, DuplicateKeysInLargeObjectFollowTheSameRule) {
+// The start of an object with members "k0":0 to "k<n-1>":n-1, each followed by a comma.
+String numberedMembers(int n) {
     String text = L"{";
-    for (int i = 0; i < 100; ++i) text += L"\"k" + std::to_wstring(i) + L"\":" + std::to_wstring(i) + L",";
-    text += L"\"k5\":500,\"k99\":990,\"k5\":555}";
+    for (int i = 0; i < n; ++i) text += L"\"k" + std::to_wstring(i) + L"\":" + std::to_wstring(i) + L",";
+    return text;
+}
+
+TEST(GDJsonContainers, DuplicateKeysInLargeObjectFollowTheSameRule) {
+    const String text = numberedMembers(100) + L"\"k5\":500,\"k99\":990,\"k5\":555}";
     GDExpressionEvaluator ev;
     auto v = eval(ev, text);
     ASSERT_TRUE(v);
@@ -549,9 +554,7 @@ TEST(GDLazyValues, NonAsciiKeysAreFoundWhereTheyLie) {
 }
 
 TEST(GDLazyValues, LargeUnreadObjectAnswersLikeItsMemberList) {
-    String text = L"{";
-    for (int i = 0; i < 40; ++i) text += L"\"k" + std::to_wstring(i) + L"\":" + std::to_wstring(i) + L",";
-    text += L"\"k7\":700}";
+    const String text = numberedMembers(40) + L"\"k7\":700}";
     GDExpressionEvaluator ev;
     auto v = eval(ev, text);
     ASSERT_TRUE(v);

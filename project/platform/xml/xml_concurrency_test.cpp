@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <latch>
 #include <string>
 #include <thread>
@@ -36,33 +37,41 @@ String freshSchemaCopy() {
     return String::fromUtf8(dst.string());
 }
 
-TEST(XmlConcurrencyTest, SchemaCacheServesFourThreadsValidatingAtOnce) {
-    const String schema = freshSchemaCopy();
+// Runs body(t) for t = 0 .. kThreads-1, each on its own thread, all released
+// at once, and waits for them.
+void onThreads(const std::function<void(int)>& body) {
     std::latch start(kThreads);
-    std::atomic<int> validOk{0}, invalidRejected{0}, wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            XmlValidator validator({xml::SchemaLocation(L"urn:kiv-web:favorites/v1", schema)});
+        threads.emplace_back([&, t] {
             start.arrive_and_wait();
-            for (int i = 0; i < kRounds; ++i) {
-                // Each thread parses its own documents; only the schema is shared.
-                auto good = XmlDocument::fromBuffer(kValid, std::char_traits<char>::length(kValid));
-                auto bad = XmlDocument::fromBuffer(kInvalid, std::char_traits<char>::length(kInvalid));
-                std::vector<String> errors;
-                if (validator.validate(*good, errors) && errors.empty())
-                    ++validOk;
-                else
-                    ++wrong;
-                errors.clear();
-                if (!validator.validate(*bad, errors) && !errors.empty())
-                    ++invalidRejected;
-                else
-                    ++wrong;
-            }
+            body(t);
         });
     }
     for (auto& th : threads) th.join();
+}
+
+TEST(XmlConcurrencyTest, SchemaCacheServesFourThreadsValidatingAtOnce) {
+    const String schema = freshSchemaCopy();
+    std::atomic<int> validOk{0}, invalidRejected{0}, wrong{0};
+    onThreads([&](int) {
+        XmlValidator validator({xml::SchemaLocation(L"urn:kiv-web:favorites/v1", schema)});
+        for (int i = 0; i < kRounds; ++i) {
+            // Each thread parses its own documents; only the schema is shared.
+            auto good = XmlDocument::fromBuffer(kValid, std::char_traits<char>::length(kValid));
+            auto bad = XmlDocument::fromBuffer(kInvalid, std::char_traits<char>::length(kInvalid));
+            std::vector<String> errors;
+            if (validator.validate(*good, errors) && errors.empty())
+                ++validOk;
+            else
+                ++wrong;
+            errors.clear();
+            if (!validator.validate(*bad, errors) && !errors.empty())
+                ++invalidRejected;
+            else
+                ++wrong;
+        }
+    });
     std::error_code ec;
     fs::remove(schema.toUtf8(), ec);
     EXPECT_EQ(wrong.load(), 0);
@@ -71,27 +80,21 @@ TEST(XmlConcurrencyTest, SchemaCacheServesFourThreadsValidatingAtOnce) {
 }
 
 TEST(XmlConcurrencyTest, HostileDocumentsFailOnEveryThread) {
-    std::latch start(kThreads);
     std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
     const std::string bomb = "<!DOCTYPE x [<!ENTITY a 'aaaa'><!ENTITY b '&a;&a;&a;&a;'>]><x>&b;</x>";
     const std::string broken = "<x><y></x>";
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            start.arrive_and_wait();
-            for (int i = 0; i < kRounds; ++i) {
-                for (const std::string* text : {&bomb, &broken}) {
-                    XmlDocument doc;
-                    try {
-                        doc.parse(text->data(), text->size());
-                    } catch (const XmlException&) {
-                        ++failures;
-                    }
+    onThreads([&](int) {
+        for (int i = 0; i < kRounds; ++i) {
+            for (const std::string* text : {&bomb, &broken}) {
+                XmlDocument doc;
+                try {
+                    doc.parse(text->data(), text->size());
+                } catch (const XmlException&) {
+                    ++failures;
                 }
             }
-        });
-    }
-    for (auto& th : threads) th.join();
+        }
+    });
     EXPECT_EQ(failures.load(), kThreads * kRounds * 2);
 }
 
@@ -99,48 +102,36 @@ TEST(XmlConcurrencyTest, HostileDocumentsFailOnEveryThread) {
 // that attribute values pass through never mixes one thread's text with
 // another's.
 TEST(XmlConcurrencyTest, ThreadsBuildingDocumentsKeepTheirOwnValues) {
-    std::latch start(kThreads);
     std::atomic<int> mismatches{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int i = 0; i < kRounds; ++i) {
-                XmlDocument doc;
-                XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"list"));
-                doc.setRootElement(root, XmlDocument::kSplice);
-                const String value = String(L"thread ") + String(std::to_wstring(t)) + L" round " +
-                                     String(std::to_wstring(i)) + L" \u00e9\u4e2d";
-                for (int k = 0; k < 20; ++k)
-                    root->appendXmlElement(XmlQualifiedName(L"e"))->setAttributeValue(XmlQualifiedName(L"v"), value);
-                std::string out;
-                doc.serialize([&out](const char* data, std::size_t size) { out.append(data, size); });
-                Handle<XmlDocument> back = XmlDocument::fromBuffer(out.data(), out.size());
-                for (XmlElement* e = back->getRootElementRef().getFirstChildElement(); e; e = e->getNextSiblingElement())
-                    if (e->getAttributeValue(L"v", XmlElement::kRequired) != value) ++mismatches;
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
+    onThreads([&](int t) {
+        for (int i = 0; i < kRounds; ++i) {
+            XmlDocument doc;
+            XmlElement* root = doc.createXmlElement(XmlQualifiedName(L"list"));
+            doc.setRootElement(root, XmlDocument::kSplice);
+            const String value = String(L"thread ") + String(std::to_wstring(t)) + L" round " +
+                                 String(std::to_wstring(i)) + L" \u00e9\u4e2d";
+            for (int k = 0; k < 20; ++k)
+                root->appendXmlElement(XmlQualifiedName(L"e"))->setAttributeValue(XmlQualifiedName(L"v"), value);
+            std::string out;
+            doc.serialize([&out](const char* data, std::size_t size) { out.append(data, size); });
+            Handle<XmlDocument> back = XmlDocument::fromBuffer(out.data(), out.size());
+            for (XmlElement* e = back->getRootElementRef().getFirstChildElement(); e; e = e->getNextSiblingElement())
+                if (e->getAttributeValue(L"v", XmlElement::kRequired) != value) ++mismatches;
+        }
+    });
     EXPECT_EQ(mismatches.load(), 0);
 }
 
 TEST(XmlConcurrencyTest, MessageLookupsFromSeveralThreadsAgree) {
-    std::latch start(kThreads);
     std::atomic<int> mismatches{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int i = 0; i < kRounds; ++i) {
-                if (t == 0 && i % 10 == 0) MessageFilesRegistry::getRegistry().reload();
-                ParamMessage m(ExternalMessage(L"kmsgNotDefinedInAnyFile"));
-                m.setParam(1, GDVariant(String(L"x")));
-                if (m.getText() != L"kmsgNotDefinedInAnyFile: x") ++mismatches;
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
+    onThreads([&](int t) {
+        for (int i = 0; i < kRounds; ++i) {
+            if (t == 0 && i % 10 == 0) MessageFilesRegistry::getRegistry().reload();
+            ParamMessage m(ExternalMessage(L"kmsgNotDefinedInAnyFile"));
+            m.setParam(1, GDVariant(String(L"x")));
+            if (m.getText() != L"kmsgNotDefinedInAnyFile: x") ++mismatches;
+        }
+    });
     EXPECT_EQ(mismatches.load(), 0);
 }
 
