@@ -10,12 +10,6 @@ namespace kiv::catalog {
 
 static_assert(sizeof(CompactText) == sizeof(void*));
 
-namespace {
-
-inline bool fitsByte(wchar_t c) noexcept { return static_cast<std::uint32_t>(c) <= 0xFF; }
-
-}  // namespace
-
 CompactText::Rep* CompactText::allocate(std::size_t size, bool wide) {
     if (size > (std::uint32_t(-1) >> kFlagBits)) throw std::length_error("CompactText: text too long");
     void* mem = ::operator new(sizeof(Rep) + size * (wide ? sizeof(wchar_t) : 1));
@@ -34,32 +28,43 @@ bool CompactText::computeAscii(const Rep* rep) noexcept {
     return std::all_of(p, p + n, [](unsigned char c) { return c < 0x80; });
 }
 
-CompactText::Rep* CompactText::makeFrom(const unsigned char* chars, std::size_t n) {
+CompactText::Rep* CompactText::makeNarrow(const unsigned char* chars, std::size_t n, bool ascii) {
     if (n == 0) return nullptr;
     Rep* rep = allocate(n, false);
     std::memcpy(reinterpret_cast<unsigned char*>(rep + 1), chars, n);
-    rep->bits |= computeAscii(rep) ? kAsciiFlag : 0;
+    rep->bits |= ascii ? kAsciiFlag : 0;
     return rep;
+}
+
+CompactText::Rep* CompactText::makeFrom(const unsigned char* chars, std::size_t n) {
+    return makeNarrow(chars, n, std::all_of(chars, chars + n, [](unsigned char c) { return c < 0x80; }));
 }
 
 CompactText::Rep* CompactText::makeFrom(const wchar_t* chars, std::size_t n) {
     if (n == 0) return nullptr;
-    const bool wide = !std::all_of(chars, chars + n, fitsByte);
+    // One pass tells both forms apart: every character is <= U+00FF exactly
+    // when their bitwise or is, and below U+0080 when the or is.
+    std::uint32_t bits = 0;
+    for (std::size_t i = 0; i < n; ++i) bits |= static_cast<std::uint32_t>(chars[i]);
+    const bool wide = bits > 0xFF;
     Rep* rep = allocate(n, wide);
     if (wide) {
         std::memcpy(reinterpret_cast<wchar_t*>(rep + 1), chars, n * sizeof(wchar_t));
     } else {
         auto* out = reinterpret_cast<unsigned char*>(rep + 1);
         for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<unsigned char>(chars[i]);
-        rep->bits |= computeAscii(rep) ? kAsciiFlag : 0;
+        rep->bits |= bits < 0x80 ? kAsciiFlag : 0;
     }
     return rep;
 }
 
 CompactText CompactText::fromUtf8(std::string_view utf8) {
-    // ASCII (the usual catalog text) is copied as it is.
-    if (std::all_of(utf8.begin(), utf8.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
-        return CompactText(Narrow(reinterpret_cast<const unsigned char*>(utf8.data()), utf8.size()));
+    // ASCII (the usual catalog text) is copied as it is, already known to be ASCII.
+    if (std::all_of(utf8.begin(), utf8.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+        CompactText t;
+        t.m_rep = makeNarrow(reinterpret_cast<const unsigned char*>(utf8.data()), utf8.size(), true);
+        return t;
+    }
     return CompactText(std::wstring_view(utf8::decode(utf8)));
 }
 

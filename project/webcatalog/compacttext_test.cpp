@@ -34,6 +34,14 @@ TEST(CompactTextTest, TheFormFollowsTheWidestCharacter) {
     EXPECT_TRUE(CompactText(std::wstring_view(L"/\U0001F600")).isWide());
     const wchar_t negative[] = {L'/', static_cast<wchar_t>(0x80000001u)};
     EXPECT_TRUE(CompactText(std::wstring_view(negative, 2)).isWide());
+    // The same from UTF-8 and from narrow characters.
+    EXPECT_TRUE(CompactText::fromUtf8("/shared/Sales").isAscii());
+    EXPECT_EQ(CompactText::fromUtf8("/shared/Sales"), ascii);
+    EXPECT_FALSE(CompactText::fromUtf8("/r\xc3\xa9sum\xc3\xa9\xc3\xbf").isAscii());
+    EXPECT_EQ(CompactText::fromUtf8("/r\xc3\xa9sum\xc3\xa9\xc3\xbf"), latin1);
+    const unsigned char bytes[] = {'/', 0xE9};
+    EXPECT_FALSE(CompactText(CompactText::Narrow(bytes, 2)).isAscii());
+    EXPECT_TRUE(CompactText(CompactText::Narrow(bytes, 1)).isAscii());
 }
 
 TEST(CompactTextTest, EveryFormGivesItsTextBack) {

@@ -150,6 +150,7 @@ private:
 
     static Rep* allocate(std::size_t size, bool wide);
     static bool computeAscii(const Rep* rep) noexcept;
+    static Rep* makeNarrow(const unsigned char* chars, std::size_t n, bool ascii);
     static Rep* makeFrom(const unsigned char* chars, std::size_t n);
     static Rep* makeFrom(const wchar_t* chars, std::size_t n);
     static int compareSlow(const CompactText& a, const CompactText& b) noexcept;
