@@ -16,16 +16,17 @@
 //   BM_IsFavoriteThreads     threads:2 / threads:1 (items_per_second); beside it
 //                              BM_IsFavoriteStdMapThreads, the scaling an unlocked
 //                              map reaches on this machine in the same run
-//   BM_Load/N                / BM_LoadBaseline/N: xmlReadMemory, XSD validation
-//                              with a precompiled schema, one prepared SQLite
-//                              metadata look-up per leaf (BM_LoadParts* split it)
-//   BM_Persist/N             / BM_PersistBaseline/N: xmlNewDoc/xmlNewDocNode/
-//                              xmlNewProp, xmlDocDumpMemory, one UPDATE of the
-//                              body and a modification counter in a
-//                              transaction (WAL, synchronous=FULL)
-//   BM_LoadFlat              / BM_Load/10000
-//   BM_UpdateAllJsonVsDirect counter json_over_direct (both builds in turns,
-//                              timed on their own; see below)
+// Pairs timed in turns (see inTurns; counters baseline_ms and ratio):
+//   BM_LoadVsBaseline/N      a load / xmlReadMemory, XSD validation with a
+//                              precompiled schema, one prepared SQLite metadata
+//                              look-up per leaf (BM_LoadPart* split it)
+//   BM_PersistVsBaseline/N   a save / xmlNewDoc/xmlNewDocNode/xmlNewProp,
+//                              xmlDocDumpMemory, one UPDATE of the body and a
+//                              modification counter in a transaction (WAL,
+//                              synchronous=FULL)
+//   BM_LoadFlatVsSpread      a load of the flat workload / of spread 10,000
+//   BM_UpdateAllJsonVsDirect updateAll's rebuild from JSON / the direct build
+//                              (see below)
 //   BM_MemoryPerFavorite     counter bytes_per_favorite (heap held by the tree
 //                              and the index, the document already freed)
 #include <benchmark/benchmark.h>
@@ -364,6 +365,41 @@ const std::string& spreadUser(std::int64_t n) {
     return n == 1000 ? k1 : k10;
 }
 
+// Runs `figure` and `baseline` in turns, the order swapped every iteration,
+// and times each on its own. This machine runs whole repetitions in fast and
+// slow phases (up to a third apart) that move both sides alike, so a ratio
+// taken within each repetition holds where the ratio of two separately run
+// benchmarks' medians mixes phases. The benchmark's (manual) time is the
+// figure's; counter baseline_ms is the baseline's and ratio the figure's
+// total over the baseline's.
+template <class Figure, class Baseline>
+void inTurns(benchmark::State& state, Figure&& figure, Baseline&& baseline) {
+    using Clock = std::chrono::steady_clock;
+    auto timed = [](auto& work) {
+        const auto start = Clock::now();
+        work();
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    };
+    double figureSeconds = 0, baselineSeconds = 0;
+    bool figureFirst = true;
+    for (auto _ : state) {
+        double f, b;
+        if (figureFirst) {
+            f = timed(figure);
+            b = timed(baseline);
+        } else {
+            b = timed(baseline);
+            f = timed(figure);
+        }
+        figureFirst = !figureFirst;
+        figureSeconds += f;
+        baselineSeconds += b;
+        state.SetIterationTime(f);
+    }
+    state.counters["baseline_ms"] = baselineSeconds * 1e3 / static_cast<double>(state.iterations());
+    state.counters["ratio"] = figureSeconds / baselineSeconds;
+}
+
 // --- isFavorite ------------------------------------------------------------------
 
 void BM_IsFavorite(benchmark::State& state) {
@@ -462,24 +498,15 @@ void BM_IsFavoriteStdMapThreads(benchmark::State& state) {
 
 // --- Loading -----------------------------------------------------------------------
 
-void runLoad(benchmark::State& state, Workload& w) {
-    FavoritesManager& m = *w.manager;
-    const std::size_t expected = std::set<std::string>(w.leafPaths.begin(), w.leafPaths.end()).size();
-    for (auto _ : state) {
-        if (Peer::load(m) != catalog::kSuccess) {
-            state.SkipWithError("loading failed");
-            break;
-        }
-    }
-    if (Peer::indexSize(m) != expected) state.SkipWithError("the index misses favorites");
-    state.counters["favorites"] = static_cast<double>(expected);
-    state.counters["document_bytes"] = static_cast<double>(w.stored.size());
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(expected));
+std::size_t distinctLeaves(const Workload& w) {
+    return std::set<std::string>(w.leafPaths.begin(), w.leafPaths.end()).size();
 }
 
-void BM_Load(benchmark::State& state) { runLoad(state, Fixture::get().workload(spreadUser(state.range(0)))); }
-
-void BM_LoadFlat(benchmark::State& state) { runLoad(state, Fixture::get().workload("flat10000")); }
+// One load of the workload's favorites, which must find `expected` of them.
+void loadOnce(Workload& w, std::size_t expected) {
+    if (Peer::load(*w.manager) != catalog::kSuccess) fail("loading failed");
+    if (Peer::indexSize(*w.manager) != expected) fail("the index misses favorites");
+}
 
 xmlDocPtr parse(const std::string& body) {
     return xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, "UTF-8", kParseOptions);
@@ -520,25 +547,34 @@ constexpr const char* kMetaQuery = "SELECT type, mtime, signature, properties FR
 
 // Parse, validate, and one raw look-up per leaf: the sum of the parts a load
 // cannot avoid.
-void BM_LoadBaseline(benchmark::State& state) {
+void loadBaselineOnce(const Fixture& f, const Workload& w, sqlite3_stmt* q) {
+    xmlDocPtr doc = parse(w.stored);
+    if (!doc || !validate(f.schema, doc)) fail("the stored document does not validate");
+    const std::size_t found = lookUpLeaves(q, xmlDocGetRootElement(doc));
+    xmlFreeDoc(doc);
+    if (found != w.leafPaths.size()) fail("a leaf was not found");
+}
+
+// A load in turns with its baseline.
+void BM_LoadVsBaseline(benchmark::State& state) {
     Fixture& f = Fixture::get();
-    const Workload& w = f.workload(spreadUser(state.range(0)));
+    Workload& w = f.workload(spreadUser(state.range(0)));
+    const std::size_t expected = distinctLeaves(w);
     Stmt q(f.metaDb, kMetaQuery);
-    for (auto _ : state) {
-        xmlDocPtr doc = parse(w.stored);
-        if (!doc || !validate(f.schema, doc)) {
-            state.SkipWithError("the document does not validate");
-            xmlFreeDoc(doc);
-            break;
-        }
-        const std::size_t found = lookUpLeaves(q.s, xmlDocGetRootElement(doc));
-        xmlFreeDoc(doc);
-        if (found != w.leafPaths.size()) {
-            state.SkipWithError("a leaf was not found");
-            break;
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(w.leafPaths.size()));
+    inTurns(state, [&] { loadOnce(w, expected); }, [&] { loadBaselineOnce(f, w, q.s); });
+    state.counters["favorites"] = static_cast<double>(expected);
+    state.counters["document_bytes"] = static_cast<double>(w.stored.size());
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(expected));
+}
+
+// 10,000 favorites in one category, in turns with the same favorites spread
+// over categories of 10.
+void BM_LoadFlatVsSpread(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    Workload& flat = f.workload("flat10000");
+    Workload& spread = f.workload("spread10000");
+    const std::size_t flatExpected = distinctLeaves(flat), spreadExpected = distinctLeaves(spread);
+    inTurns(state, [&] { loadOnce(flat, flatExpected); }, [&] { loadOnce(spread, spreadExpected); });
 }
 
 // The parts of the baseline on their own, to see where a load's time goes.
@@ -569,21 +605,6 @@ void BM_LoadPartLookups(benchmark::State& state) {
 
 // --- Persisting ----------------------------------------------------------------------
 
-void BM_Persist(benchmark::State& state) {
-    Fixture& f = Fixture::get();
-    Workload& w = f.workload(state.range(0) == 1000 ? "persist1000" : "persist10000");
-    FavoritesManager& m = *w.manager;
-    for (auto _ : state) {
-        Peer::dirty(m) = true;
-        if (m.persist() != favorites::kSuccess) {
-            state.SkipWithError("persist failed");
-            break;
-        }
-    }
-    state.counters["document_bytes"] = static_cast<double>(f.catalog->readRaw(favoritesPath(w.user)).size());
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(w.leafPaths.size()));
-}
-
 void appendElements(xmlDocPtr doc, xmlNodePtr parent, const Node& node) {
     for (const Node& c : node.children) {
         xmlNodePtr e = xmlNewDocNode(doc, nullptr, BAD_CAST "favorite", nullptr);
@@ -604,35 +625,54 @@ void appendElements(xmlDocPtr doc, xmlNodePtr parent, const Node& node) {
 // also takes a new modification counter, as every save records when it
 // happened: SQLite leaves pages whose bytes do not change unwritten, so a
 // row rewritten with the same document alone would commit nothing at all.
-void BM_PersistBaseline(benchmark::State& state) {
-    Fixture& f = Fixture::get();
-    const Workload& w = f.workload(state.range(0) == 1000 ? "persist1000" : "persist10000");
-    Stmt begin(f.writeDb, "BEGIN IMMEDIATE");
-    Stmt update(f.writeDb, "UPDATE bodies SET data = ?1, modified = ?2 WHERE id = 1");
-    sqlite3_int64 modified = 0;
-    Stmt commit(f.writeDb, "COMMIT");
-    int bytes = 0;
-    for (auto _ : state) {
+class PersistBaseline {
+public:
+    explicit PersistBaseline(Fixture& f)
+        : m_db(f.writeDb),
+          m_begin(m_db, "BEGIN IMMEDIATE"),
+          m_update(m_db, "UPDATE bodies SET data = ?1, modified = ?2 WHERE id = 1"),
+          m_commit(m_db, "COMMIT") {}
+
+    void operator()(const Node& tree) {
         xmlDocPtr doc = xmlNewDoc(BAD_CAST "1.0");
         xmlNodePtr root = xmlNewDocNode(doc, nullptr, BAD_CAST "favoritelist", nullptr);
         xmlSetNs(root, xmlNewNs(root, BAD_CAST kNamespace, BAD_CAST "f"));
         xmlDocSetRootElement(doc, root);
-        appendElements(doc, root, w.tree);
+        appendElements(doc, root, tree);
         xmlChar* text = nullptr;
+        int bytes = 0;
         xmlDocDumpMemory(doc, &text, &bytes);
         xmlFreeDoc(doc);
 
-        check(f.writeDb, sqlite3_step(begin.s), "begin");
-        sqlite3_reset(begin.s);
-        sqlite3_bind_blob(update.s, 1, text, bytes, SQLITE_STATIC);
-        sqlite3_bind_int64(update.s, 2, ++modified);
-        check(f.writeDb, sqlite3_step(update.s), "update");
-        sqlite3_reset(update.s);
-        check(f.writeDb, sqlite3_step(commit.s), "commit");
-        sqlite3_reset(commit.s);
+        check(m_db, sqlite3_step(m_begin.s), "begin");
+        sqlite3_reset(m_begin.s);
+        sqlite3_bind_blob(m_update.s, 1, text, bytes, SQLITE_STATIC);
+        sqlite3_bind_int64(m_update.s, 2, ++m_modified);
+        check(m_db, sqlite3_step(m_update.s), "update");
+        sqlite3_reset(m_update.s);
+        check(m_db, sqlite3_step(m_commit.s), "commit");
+        sqlite3_reset(m_commit.s);
         xmlFree(text);
     }
-    state.counters["document_bytes"] = bytes;
+
+private:
+    sqlite3* m_db;
+    Stmt m_begin, m_update, m_commit;
+    sqlite3_int64 m_modified = 0;
+};
+
+// A save of the whole tree in turns with its baseline.
+void BM_PersistVsBaseline(benchmark::State& state) {
+    Fixture& f = Fixture::get();
+    Workload& w = f.workload(state.range(0) == 1000 ? "persist1000" : "persist10000");
+    FavoritesManager& m = *w.manager;
+    PersistBaseline baseline(f);
+    auto persist = [&] {
+        Peer::dirty(m) = true;
+        if (m.persist() != favorites::kSuccess) fail("persist failed");
+    };
+    inTurns(state, persist, [&] { baseline(w.tree); });
+    state.counters["document_bytes"] = static_cast<double>(f.catalog->readRaw(favoritesPath(w.user)).size());
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(w.leafPaths.size()));
 }
 
@@ -706,53 +746,21 @@ void buildDirect(FavoritesManager& m, const Node& n, Handle<FavoritesItem>& pare
     }
 }
 
-// Both builds take turns within each repetition, the order swapped every
-// iteration, and each is timed on its own: this machine runs whole
-// repetitions in fast and slow phases (up to a third apart) that move both
-// builds alike, so the ratio is taken within a repetition rather than between
-// repetitions of two separate benchmarks. The time reported is the JSON
-// rebuild's; counter direct_ms is the direct build's and json_over_direct the
-// ratio of the two totals.
+// The rebuild in turns with the direct build.
 void BM_UpdateAllJsonVsDirect(benchmark::State& state) {
-    using Clock = std::chrono::steady_clock;
     Fixture& f = Fixture::get();
     Workload& w = f.workload("spread10000");
     FavoritesManager& m = *w.manager;
     const String json = String::fromUtf8(jsonOf(w.tree));
     auto fromJson = [&] {
-        const auto start = Clock::now();
         if (Peer::rebuildFromJson(m, json) != favorites::kSuccess) fail("JSON rebuild failed");
-        const std::chrono::duration<double> took = Clock::now() - start;
-        if (Peer::indexSize(m) != 10000) fail("JSON rebuild lost favorites");
-        return took.count();
     };
     auto direct = [&] {
-        const auto start = Clock::now();
         Peer::drop(m);
         buildDirect(m, w.tree, Peer::root(m));
-        const std::chrono::duration<double> took = Clock::now() - start;
-        if (Peer::indexSize(m) != 10000) fail("direct build lost favorites");
-        return took.count();
     };
-    double jsonSeconds = 0, directSeconds = 0;
-    bool jsonFirst = true;
-    for (auto _ : state) {
-        double j, d;
-        if (jsonFirst) {
-            j = fromJson();
-            d = direct();
-        } else {
-            d = direct();
-            j = fromJson();
-        }
-        jsonFirst = !jsonFirst;
-        jsonSeconds += j;
-        directSeconds += d;
-        state.SetIterationTime(j);
-    }
-    const auto n = static_cast<double>(state.iterations());
-    state.counters["direct_ms"] = directSeconds * 1e3 / n;
-    state.counters["json_over_direct"] = jsonSeconds / directSeconds;
+    inTurns(state, fromJson, direct);
+    if (Peer::indexSize(m) != 10000) fail("a rebuild lost favorites");
     state.counters["json_bytes"] = static_cast<double>(json.size());
     Peer::load(m);
 }
@@ -762,15 +770,14 @@ BENCHMARK(BM_IsFavoriteStdMap)->Arg(1000)->Arg(10000);
 BENCHMARK(BM_IsFavoriteSqlite)->Arg(1000)->Arg(10000);
 BENCHMARK(BM_IsFavoriteThreads)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_IsFavoriteStdMapThreads)->Threads(1)->Threads(2)->UseRealTime();
-BENCHMARK(BM_Load)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_LoadBaseline)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+// The pairs run in turns report manual time, the figure's side alone (their
+// CPU time covers both sides).
+BENCHMARK(BM_LoadVsBaseline)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LoadPartParse)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LoadPartValidate)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LoadPartLookups)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_LoadFlat)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Persist)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PersistBaseline)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-// Manual time: the JSON rebuilds alone (CPU time covers both builds).
+BENCHMARK(BM_LoadFlatVsSpread)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PersistVsBaseline)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_UpdateAllJsonVsDirect)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MemoryPerFavorite)->Iterations(1)->Unit(benchmark::kMillisecond);
 
