@@ -226,6 +226,16 @@ TEST(GDJsonContainers, DuplicateKeysLastValueWinsAtFirstPosition) {
     EXPECT_EQ(GDTypeConversions::toString(ev.getContext(), *v), L"{\"type\":1,\"path\":\"/last\"}");
 }
 
+// A JSON array of n catalog-object items with the paths /shared/reports/r0 to r(n-1).
+String leafArray(int n) {
+    String text = L"[";
+    for (int i = 0; i < n; ++i) {
+        if (i) text += L",";
+        text += L"{\"type\":0,\"path\":\"/shared/reports/r" + std::to_wstring(i) + L"\"}";
+    }
+    return text + L"]";
+}
+
 // The start of an object with members "k0":0 to "k<n-1>":n-1, each followed by a comma.
 String numberedMembers(int n) {
     String text = L"{";
@@ -608,12 +618,7 @@ TEST(GDLazyValues, OnePropertyReadTwiceIsOneContainerForItsText) {
 
 TEST(GDLazyValues, ValuesOfALargeTextAreReadLikeThoseOfASmallOne) {
     // Larger than what a thread keeps its parser buffers for.
-    String text = L"[";
-    for (int i = 0; i < 120000; ++i) {
-        if (i) text += L",";
-        text += L"{\"type\":0,\"path\":\"/shared/reports/r" + std::to_wstring(i) + L"\"}";
-    }
-    text += L"]";
+    const String text = leafArray(120000);
     ASSERT_GT(text.size(), 4u << 20);
     GDExpressionEvaluator ev;
     auto big = eval(ev, text);
@@ -865,12 +870,7 @@ TEST(GDJsonEvaluator, ADocumentNoValueHoldsIsParsedIntoAgain) {
 }
 
 TEST(GDJsonEvaluator, TenThousandItemTreeIsReadCompletely) {
-    String text = L"[";
-    for (int i = 0; i < 10000; ++i) {
-        if (i) text += L",";
-        text += L"{\"type\":0,\"path\":\"/shared/reports/r" + std::to_wstring(i) + L"\"}";
-    }
-    text += L"]";
+    const String text = leafArray(10000);
     GDExpressionEvaluator ev;
     auto v = eval(ev, text);
     ASSERT_TRUE(v);
