@@ -290,11 +290,12 @@ std::size_t appendJsonStringUtf8(std::wstring& out, std::string_view s) {
     // The rest holds something to escape or a multi-byte character.
     out.resize(at + 1 + i);
     thread_local std::wstring wide;
-    utf8::decodeReplacing(s.substr(i), wide);
+    utf8::decodeReplacing(s.substr(i), wide);  // valid UTF-8: nothing is replaced
     appendEscaped(out, wide);
     out.push_back(L'"');
-    // Escapes replace ASCII characters only; everything else is as decoded.
-    return utf8::encodedLength(wide) - wide.size();
+    // Escapes replace ASCII characters only, so the rest's UTF-8 bytes beyond
+    // one per character are those of the input.
+    return (s.size() - i) - wide.size();
 }
 
 // Whether UTF-8 text `u` spells the wide text `w`.

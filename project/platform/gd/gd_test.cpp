@@ -804,6 +804,32 @@ TEST(GDJsonBadInput, TextAboveTheSizeLimitFails) {
     EXPECT_FALSE(eval(wide));
 }
 
+// The text of an array read from a document is written again (numbers in
+// their own form: 1e2 becomes 100.0) and counted in UTF-8 bytes against the
+// limit: a string with a two-byte character and an escape, eight numbers that
+// grow by two bytes each, and a filler make the written text one byte longer
+// than the limit (one character shorter than that), while the document itself
+// is within it. Evaluating that text fails; one byte less and it evaluates.
+TEST(GDJsonBadInput, TextWrittenFromADocumentCountsItsUtf8BytesAgainstTheLimit) {
+    constexpr std::size_t kLimit = GDExpressionEvaluator::kMaxTextBytes;
+    for (const std::size_t written : {kLimit + 1, kLimit}) {
+        SCOPED_TRACE(written);
+        // Written: ["\u00e9\n",100.0 x8,"x...x"] = 6m + filler + 11 bytes (m = 8).
+        const std::size_t filler = written - 59;
+        String text = L"[[\"\u00e9\\n\"";
+        for (int m = 0; m < 8; ++m) text += L",1e2";
+        text += L",\"" + String(filler, L'x') + L"\"]]";
+        GDExpressionEvaluator ev;
+        auto outer = eval(ev, text);
+        ASSERT_TRUE(outer);
+        GDVariant inner;
+        ASSERT_TRUE(asArray(*outer)->getElement(0, inner));
+        const String innerText = GDTypeConversions::toString(ev.getContext(), inner);
+        ASSERT_EQ(innerText.size(), written - 1);  // the two-byte character is one character
+        EXPECT_EQ(eval(ev, innerText).has_value(), written <= kLimit);
+    }
+}
+
 TEST(GDJsonBadInput, HugeNumbersFollowTheDocumentedRule) {
     auto big = eval(L"18446744073709551615");
     ASSERT_TRUE(big);
