@@ -12,11 +12,15 @@
 //   mem        10,000 favorites spread as above, catalog paths of 64 characters
 //
 // Pairs (figure / baseline):
-//   BM_IsFavorite/N          / BM_IsFavoriteStdMap/N and BM_IsFavoriteSqlite/N
 //   BM_IsFavoriteThreads     threads:2 / threads:1 (items_per_second); beside it
 //                              BM_IsFavoriteStdMapThreads, the scaling an unlocked
 //                              map reaches on this machine in the same run
 // Pairs timed in turns (see inTurns; counters baseline_ms and ratio):
+//   BM_IsFavoriteVsStdMap/N  isFavorite on N keys / the same keys in one
+//                              std::map<std::wstring, unsigned>
+//   BM_IsFavoriteVsSqlite/N  isFavorite / one prepared SELECT per key on an
+//                              indexed table (counters ns and baseline_ns give
+//                              one look-up, and ratio their ratio)
 //   BM_LoadVsBaseline/N      a load / xmlReadMemory, XSD validation with a
 //                              precompiled schema, one prepared SQLite metadata
 //                              look-up per leaf (BM_LoadPart* split it)
@@ -402,56 +406,82 @@ void inTurns(benchmark::State& state, Figure&& figure, Baseline&& baseline) {
 
 // --- isFavorite ------------------------------------------------------------------
 
-void BM_IsFavorite(benchmark::State& state) {
+// Look-ups of the first n favorites' keys in the shuffled look-up order:
+// isFavorite against the same question asked of an unlocked
+// std::map<std::wstring, unsigned> or of an indexed SQLite table, timed in
+// turns. A turn is several passes over the keys (some 10 ms of work), so that
+// what one side leaves in the caches costs the other only at the start of a
+// turn. Counters ns and baseline_ns are the times of one look-up.
+struct LookupTurns {
+    std::size_t n;
+    std::vector<std::size_t> order;
+    std::size_t figurePasses;
+    std::size_t baselinePasses;
+
+    // `baselineCost`: about how many isFavorite look-ups one baseline look-up
+    // costs.
+    LookupTurns(std::size_t count, std::size_t baselineCost)
+        : n(count),
+          order(lookupOrder(count)),
+          figurePasses(std::max<std::size_t>(1, 64000 / count)),
+          baselinePasses(std::max<std::size_t>(1, 64000 / count / baselineCost)) {}
+};
+
+template <class Baseline>
+void isFavoriteInTurns(benchmark::State& state, const LookupTurns& turns, Baseline&& baseline) {
     Fixture& f = Fixture::get();
-    const auto n = static_cast<std::size_t>(state.range(0));
-    const FavoritesManager& m = *f.workload(spreadUser(state.range(0))).manager;
+    const FavoritesManager& m = *f.workload(spreadUser(static_cast<std::int64_t>(turns.n))).manager;
     std::vector<catalog::Path> keys;
-    for (std::size_t i : lookupOrder(n)) keys.emplace_back(String::fromUtf8(f.paths[i]));
-    std::size_t i = 0, hits = 0;
-    for (auto _ : state) {
-        hits += m.isFavorite(keys[i]);
-        if (++i == n) i = 0;
-    }
-    benchmark::DoNotOptimize(hits);
-    if (hits != static_cast<std::size_t>(state.iterations())) state.SkipWithError("a favorite was not found");
-    state.SetItemsProcessed(state.iterations());
+    for (std::size_t i : turns.order) keys.emplace_back(String::fromUtf8(f.paths[i]));
+    std::size_t figureHits = 0, baselineHits = 0;
+    inTurns(
+        state,
+        [&] {
+            for (std::size_t p = 0; p < turns.figurePasses; ++p)
+                for (const catalog::Path& k : keys) figureHits += m.isFavorite(k);
+        },
+        [&] {
+            for (std::size_t p = 0; p < turns.baselinePasses; ++p)
+                for (std::size_t i = 0; i < turns.n; ++i) baselineHits += baseline(i);
+        });
+    const auto iterations = static_cast<std::size_t>(state.iterations());
+    if (figureHits != iterations * turns.figurePasses * turns.n) fail("a favorite was not found");
+    if (baselineHits != iterations * turns.baselinePasses * turns.n) fail("the baseline did not find a key");
+    // Per look-up: the turns' totals (ratio and baseline_ms are per turn).
+    const double baselineNs =
+        state.counters["baseline_ms"].value * 1e6 / static_cast<double>(turns.baselinePasses * turns.n);
+    const double figureNs = state.counters["ratio"].value * state.counters["baseline_ms"].value * 1e6 /
+                            static_cast<double>(turns.figurePasses * turns.n);
+    state.counters["ns"] = figureNs;
+    state.counters["baseline_ns"] = baselineNs;
+    state.counters["ratio"] = figureNs / baselineNs;
+    state.SetItemsProcessed(static_cast<std::int64_t>(iterations * turns.figurePasses * turns.n));
 }
 
-void BM_IsFavoriteStdMap(benchmark::State& state) {
+void BM_IsFavoriteVsStdMap(benchmark::State& state) {
     Fixture& f = Fixture::get();
-    const auto n = static_cast<std::size_t>(state.range(0));
+    const LookupTurns turns(static_cast<std::size_t>(state.range(0)), 1);
     std::map<std::wstring, unsigned> map;
-    for (std::size_t i = 0; i < n; ++i) map.emplace(String::fromUtf8(f.paths[i]), 1u);
+    for (std::size_t i = 0; i < turns.n; ++i) map.emplace(String::fromUtf8(f.paths[i]), 1u);
     std::vector<std::wstring> keys;
-    for (std::size_t i : lookupOrder(n)) keys.push_back(String::fromUtf8(f.paths[i]));
-    std::size_t i = 0, hits = 0;
-    for (auto _ : state) {
-        hits += map.find(keys[i]) != map.end();
-        if (++i == n) i = 0;
-    }
-    benchmark::DoNotOptimize(hits);
-    if (hits != static_cast<std::size_t>(state.iterations())) state.SkipWithError("a key was not found");
-    state.SetItemsProcessed(state.iterations());
+    for (std::size_t i : turns.order) keys.push_back(String::fromUtf8(f.paths[i]));
+    isFavoriteInTurns(state, turns, [&](std::size_t i) { return map.find(keys[i]) != map.end(); });
 }
 
-void BM_IsFavoriteSqlite(benchmark::State& state) {
+void BM_IsFavoriteVsSqlite(benchmark::State& state) {
     Fixture& f = Fixture::get();
-    const auto n = static_cast<std::size_t>(state.range(0));
-    const std::string sql = "SELECT count FROM fav" + std::to_string(n) + " WHERE path = ?1";
+    const LookupTurns turns(static_cast<std::size_t>(state.range(0)), 16);
+    const std::string sql = "SELECT count FROM fav" + std::to_string(turns.n) + " WHERE path = ?1";
     Stmt q(f.indexDb, sql.c_str());
     std::vector<std::string> keys;
-    for (std::size_t i : lookupOrder(n)) keys.push_back(f.paths[i]);
-    std::size_t i = 0, hits = 0;
-    for (auto _ : state) {
+    for (std::size_t i : turns.order) keys.push_back(f.paths[i]);
+    isFavoriteInTurns(state, turns, [&](std::size_t i) {
         const std::string& k = keys[i];
         sqlite3_bind_text(q.s, 1, k.data(), static_cast<int>(k.size()), SQLITE_STATIC);
-        hits += sqlite3_step(q.s) == SQLITE_ROW && sqlite3_column_int(q.s, 0) > 0;
+        const bool hit = sqlite3_step(q.s) == SQLITE_ROW && sqlite3_column_int(q.s, 0) > 0;
         sqlite3_reset(q.s);
-        if (++i == n) i = 0;
-    }
-    if (hits != static_cast<std::size_t>(state.iterations())) state.SkipWithError("a row was not found");
-    state.SetItemsProcessed(state.iterations());
+        return hit;
+    });
 }
 
 // Every thread asks about all 10,000 favorites, each from its own offset.
@@ -765,9 +795,8 @@ void BM_UpdateAllJsonVsDirect(benchmark::State& state) {
     Peer::load(m);
 }
 
-BENCHMARK(BM_IsFavorite)->Arg(1000)->Arg(10000);
-BENCHMARK(BM_IsFavoriteStdMap)->Arg(1000)->Arg(10000);
-BENCHMARK(BM_IsFavoriteSqlite)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_IsFavoriteVsStdMap)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_IsFavoriteVsSqlite)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IsFavoriteThreads)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_IsFavoriteStdMapThreads)->Threads(1)->Threads(2)->UseRealTime();
 // The pairs run in turns report manual time, the figure's side alone (their
