@@ -243,6 +243,58 @@ TEST(Utf8Codec, EncodingANegativeWideCharacterThrows) {
     EXPECT_THROW(utf8::encode(std::wstring(1, static_cast<wchar_t>(-1))), Utf8Error);
 }
 
+// The ASCII runs are converted 16 characters at a time: a character that is
+// not ASCII must be found at every place in a block, in the last partial
+// block and right after a block.
+TEST(Utf8Codec, NonAsciiCharacterAtEveryPlaceOfTheBlocksRoundTrips) {
+    for (const wchar_t other : {wchar_t{0x80}, wchar_t{0xFF}, wchar_t{0x100}, wchar_t{0x4E2D}, wchar_t{0x1F600}}) {
+        for (std::size_t length = 1; length <= 50; ++length) {
+            for (std::size_t at = 0; at < length; ++at) {
+                std::wstring wide;
+                for (std::size_t i = 0; i < length; ++i) wide.push_back(static_cast<wchar_t>(L'!' + i % 90));
+                wide[at] = other;
+                const std::string enc = utf8::encode(wide);
+                ASSERT_EQ(enc.size(), length - 1 + (other < 0x80 ? 1 : other < 0x800 ? 2 : other < 0x10000 ? 3 : 4))
+                    << length << " " << at;
+                ASSERT_EQ(enc.substr(0, at), utf8::encode(wide.substr(0, at))) << length << " " << at;
+                ASSERT_EQ(utf8::decode(enc), wide) << length << " " << at;
+            }
+        }
+    }
+}
+
+TEST(Utf8Codec, CharacterOutsideTheUnicodeRangeInsideAnAsciiBlockIsRefused) {
+    // Each has ASCII low bits, so only a check of every bit above the low
+    // seven tells it from an ASCII character.
+    for (const wchar_t bad : {static_cast<wchar_t>(-1), static_cast<wchar_t>(0x80000041), static_cast<wchar_t>(0x10041),
+                              static_cast<wchar_t>(0x110041)}) {
+        for (std::size_t at = 0; at < 40; ++at) {
+            std::wstring wide(40, L'a');
+            wide[at] = bad;
+            if (bad == static_cast<wchar_t>(0x10041)) {
+                EXPECT_EQ(utf8::encode(wide).size(), 39u + 4u) << at;  // a valid scalar value, four bytes
+                continue;
+            }
+            EXPECT_THROW(utf8::encode(wide), Utf8Error) << at;
+            EXPECT_EQ(utf8::encodedLength(wide), SIZE_MAX) << at;
+            std::string out = "x";
+            EXPECT_THROW(utf8::encodeAppend(wide, out), Utf8Error) << at;
+            EXPECT_EQ(out, "x" + std::string(at, 'a')) << at;
+        }
+    }
+}
+
+TEST(Utf8Codec, ByteWithTheTopBitSetInsideAnAsciiBlockIsDecodedAsPartOfItsSequence) {
+    for (std::size_t at = 0; at + 2 <= 40; ++at) {
+        std::string in(40, 'a');
+        in[at] = static_cast<char>(0xC3);
+        in[at + 1] = static_cast<char>(0xA9);
+        std::wstring expected(39, L'a');
+        expected[at] = L'\u00e9';
+        EXPECT_EQ(utf8::decode(in), expected) << at;
+    }
+}
+
 // --- comparisons -------------------------------------------------------------
 
 TEST(StringCompare, CompareIsThreeWayByCodePoint) {
