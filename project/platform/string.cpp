@@ -10,10 +10,7 @@
 #include <locale.h>
 #include <wctype.h>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
+#include "asciiblocks.h"
 #include "qz/platform/exception.h"
 
 namespace kiv {
@@ -71,58 +68,13 @@ std::size_t asciiPrefix(const C* s, std::size_t n) noexcept {
 }
 
 // Copies the leading run of ASCII characters of in[0, n) between the narrow
-// and the wide form, checking and copying each block of 16 in one pass;
-// returns the run's length. With SSE2 a block is four 16-byte vectors on the
-// wide side and one on the narrow side; otherwise the blocks go through a
-// local array, since the compiler cannot otherwise tell that the two buffers
-// do not overlap (a char may alias anything) and would copy one character at
-// a time.
+// and the wide form, a block at a time (see asciiblocks.h); returns the run's
+// length.
 template <class From, class To>
 std::size_t copyAsciiPrefix(const From* in, std::size_t n, To* out) noexcept {
     using U = std::make_unsigned_t<From>;
     std::size_t i = 0;
-#if defined(__SSE2__)
-    static_assert(sizeof(wchar_t) == 4 && kBlock == 16);
-    if constexpr (std::is_same_v<From, wchar_t>) {
-        // A character is ASCII when no bit above the low seven is set: the
-        // test covers the negative ones too, so the signed packs below only
-        // ever see values 0 to 0x7F and copy them exactly.
-        const __m128i high = _mm_set1_epi32(~0x7F);
-        for (; i + kBlock <= n; i += kBlock) {
-            const auto* p = reinterpret_cast<const __m128i*>(in + i);
-            const __m128i a = _mm_loadu_si128(p), b = _mm_loadu_si128(p + 1);
-            const __m128i c = _mm_loadu_si128(p + 2), d = _mm_loadu_si128(p + 3);
-            const __m128i over = _mm_and_si128(_mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d)), high);
-            if (_mm_movemask_epi8(_mm_cmpeq_epi32(over, _mm_setzero_si128())) != 0xFFFF) break;
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i),
-                             _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d)));
-        }
-    } else {
-        static_assert(std::is_same_v<From, char> && std::is_same_v<To, wchar_t>);
-        const __m128i zero = _mm_setzero_si128();
-        for (; i + kBlock <= n; i += kBlock) {
-            const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
-            if (_mm_movemask_epi8(x) != 0) break;  // some byte has its top bit set
-            const __m128i lo = _mm_unpacklo_epi8(x, zero), hi = _mm_unpackhi_epi8(x, zero);
-            auto* o = reinterpret_cast<__m128i*>(out + i);
-            _mm_storeu_si128(o, _mm_unpacklo_epi16(lo, zero));
-            _mm_storeu_si128(o + 1, _mm_unpackhi_epi16(lo, zero));
-            _mm_storeu_si128(o + 2, _mm_unpacklo_epi16(hi, zero));
-            _mm_storeu_si128(o + 3, _mm_unpackhi_epi16(hi, zero));
-        }
-    }
-#else
-    for (; i + kBlock <= n; i += kBlock) {
-        std::uint32_t bits = 0;
-        To block[kBlock];
-        for (std::size_t k = 0; k < kBlock; ++k) {
-            bits |= static_cast<std::uint32_t>(static_cast<U>(in[i + k]));
-            block[k] = static_cast<To>(static_cast<U>(in[i + k]));
-        }
-        if (bits >= 0x80) break;
-        std::memcpy(out + i, block, sizeof block);
-    }
-#endif
+    while (i + detail::kAsciiBlock <= n && detail::asciiBlock(in + i, out + i)) i += detail::kAsciiBlock;
     for (; i < n && static_cast<std::uint32_t>(static_cast<U>(in[i])) < 0x80; ++i)
         out[i] = static_cast<To>(static_cast<U>(in[i]));
     return i;

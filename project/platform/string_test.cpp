@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
+#include <cwchar>
 #include <string>
 
+#include "asciiblocks.h"
 #include "qz/platform/exception.h"
 
 namespace kiv {
@@ -292,6 +295,50 @@ TEST(Utf8Codec, ByteWithTheTopBitSetInsideAnAsciiBlockIsDecodedAsPartOfItsSequen
         std::wstring expected(39, L'a');
         expected[at] = L'\u00e9';
         EXPECT_EQ(utf8::decode(in), expected) << at;
+    }
+}
+
+// The block conversions the codec and the JSON writer use: the vector form
+// this build selects agrees with the portable one for every value at every
+// place of a block.
+TEST(AsciiBlocks, SelectedFormAgreesWithThePortableOne) {
+    using namespace detail;
+    for (unsigned value = 0; value < 256; ++value) {
+        for (std::size_t at = 0; at < kAsciiBlock; ++at) {
+            char narrow[kAsciiBlock];
+            for (std::size_t i = 0; i < kAsciiBlock; ++i) narrow[i] = static_cast<char>('A' + i);
+            narrow[at] = static_cast<char>(value);
+            wchar_t a[kAsciiBlock] = {}, b[kAsciiBlock] = {};
+            const bool widened = widenAsciiBlock(narrow, a);
+            ASSERT_EQ(widened, portable::widenAsciiBlock(narrow, b)) << value << " " << at;
+            ASSERT_EQ(widened, value < 0x80) << value << " " << at;
+            if (widened) {
+                ASSERT_EQ(std::wmemcmp(a, b, kAsciiBlock), 0) << value << " " << at;
+            }
+            const bool plain = widenJsonPlainBlock(narrow, a);
+            ASSERT_EQ(plain, portable::widenJsonPlainBlock(narrow, b)) << value << " " << at;
+            ASSERT_EQ(plain, value >= 0x20 && value < 0x80 && value != '"' && value != '\\') << value << " " << at;
+            if (plain) {
+                ASSERT_EQ(std::wmemcmp(a, b, kAsciiBlock), 0) << value << " " << at;
+            }
+        }
+    }
+    for (const wchar_t value : {wchar_t{0}, wchar_t{0x41}, wchar_t{0x7F}, wchar_t{0x80}, wchar_t{0xFF}, wchar_t{0x100},
+                                wchar_t{0x4E2D}, wchar_t{0xFFFF}, wchar_t{0x10041}, wchar_t{0x10FFFF},
+                                static_cast<wchar_t>(-1), static_cast<wchar_t>(0x80000041)}) {
+        for (std::size_t at = 0; at < kAsciiBlock; ++at) {
+            wchar_t wide[kAsciiBlock];
+            for (std::size_t i = 0; i < kAsciiBlock; ++i) wide[i] = static_cast<wchar_t>(L'a' + i);
+            wide[at] = value;
+            char a[kAsciiBlock] = {}, b[kAsciiBlock] = {};
+            const bool narrowed = narrowAsciiBlock(wide, a);
+            const auto code = static_cast<std::uint32_t>(value);
+            ASSERT_EQ(narrowed, portable::narrowAsciiBlock(wide, b)) << code << " " << at;
+            ASSERT_EQ(narrowed, code < 0x80) << code << " " << at;
+            if (narrowed) {
+                ASSERT_EQ(std::memcmp(a, b, kAsciiBlock), 0) << code << " " << at;
+            }
+        }
     }
 }
 

@@ -21,6 +21,7 @@
 #include <typeinfo>
 #include <numeric>
 
+#include "../asciiblocks.h"
 #include "qz/platform/exception.h"
 
 namespace kiv {
@@ -266,22 +267,14 @@ std::size_t appendJsonStringUtf8(std::wstring& out, std::string_view s) {
     out.resize(at + s.size() + 2);
     wchar_t* p = out.data() + at + 1;
     p[-1] = L'"';
-    // Plain ASCII with nothing to escape is one character per byte, widened in
-    // blocks without branches (through a local block, which the compiler
-    // knows does not overlap the input); the last block may overlap the one
-    // before it.
-    auto block = [&](std::size_t from) noexcept {
-        unsigned all = 1;
-        for (std::size_t k = 0; k < kBlock; ++k) all &= plain(s[from + k]);
-        if (!all) return false;
-        wchar_t wide[kBlock];
-        for (std::size_t k = 0; k < kBlock; ++k) wide[k] = static_cast<wchar_t>(static_cast<unsigned char>(s[from + k]));
-        std::memcpy(p + from, wide, sizeof wide);
-        return true;
-    };
+    // Plain ASCII with nothing to escape is one character per byte, widened a
+    // block at a time; the last block may overlap the one before it.
     std::size_t i = 0;
-    while (i + kBlock <= s.size() && block(i)) i += kBlock;
-    if (i < s.size() && s.size() >= kBlock && i + kBlock > s.size() && block(s.size() - kBlock)) i = s.size();
+    while (i + detail::kAsciiBlock <= s.size() && detail::widenJsonPlainBlock(s.data() + i, p + i))
+        i += detail::kAsciiBlock;
+    if (i < s.size() && s.size() >= detail::kAsciiBlock && i + detail::kAsciiBlock > s.size() &&
+        detail::widenJsonPlainBlock(s.data() + s.size() - detail::kAsciiBlock, p + s.size() - detail::kAsciiBlock))
+        i = s.size();
     for (; i < s.size() && plain(s[i]); ++i) p[i] = static_cast<wchar_t>(static_cast<unsigned char>(s[i]));
     if (i == s.size()) {
         p[i] = L'"';

@@ -696,6 +696,32 @@ TEST(GDTypeConversionsToString, LongStringsWithEscapesAndNonAsciiRoundTrip) {
     EXPECT_EQ(again->getValue(), arr.get());
 }
 
+// A string read from a document is written back 16 characters at a time
+// while they need no escape: a character that does, or one that is not
+// ASCII, must be found at every place of a block, of the overlapping last
+// block and of the short tail.
+TEST(GDTypeConversionsToString, DocumentStringWithASpecialCharacterAtEveryPlaceIsWrittenBack) {
+    const wchar_t specials[] = {L'"', L'\\', L'\n', L'\u0001', L'\u001f', L'\u00e9', L'\u4e2d', L'\u007f', L' '};
+    for (const wchar_t special : specials) {
+        for (std::size_t length = 1; length <= 40; ++length) {
+            for (std::size_t at = 0; at < length; ++at) {
+                String s;
+                for (std::size_t i = 0; i < length; ++i) s.push_back(static_cast<wchar_t>(L'a' + i % 26));
+                s[at] = special;
+                GDContext fresh;
+                const String json = GDTypeConversions::toJson(fresh, GDVariant(s));
+                GDExpressionEvaluator ev;
+                auto outer = eval(ev, L"[[" + json + L"]]");
+                ASSERT_TRUE(outer);
+                GDVariant inner;
+                ASSERT_TRUE(asArray(*outer)->getElement(0, inner));
+                ASSERT_EQ(GDTypeConversions::toString(ev.getContext(), inner), L"[" + json + L"]")
+                    << static_cast<unsigned>(special) << " " << length << " " << at;
+            }
+        }
+    }
+}
+
 class OtherArray final : public GDValue, public IGDRandomAccessContainer {
 public:
     std::size_t getCount() const noexcept override { return 0; }
