@@ -54,6 +54,7 @@
 #include <string>
 #include <vector>
 
+#include "inturns.h"
 #include "qz/platform/config.h"
 #include "qz/platform/memalloc.h"
 #include "qz/webcatalog/sqlitecatalog.h"
@@ -89,6 +90,7 @@ namespace {
 
 using namespace kiv;
 using Peer = FavoritesManagerTestPeer;
+using bench::inTurns;
 
 constexpr const char* kNamespace = "urn:kiv-web:favorites/v1";
 constexpr int kParseOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
@@ -367,41 +369,6 @@ std::vector<std::size_t> lookupOrder(std::size_t n) {
 const std::string& spreadUser(std::int64_t n) {
     static const std::string k1("spread1000"), k10("spread10000");
     return n == 1000 ? k1 : k10;
-}
-
-// Runs `figure` and `baseline` in turns, the order swapped every iteration,
-// and times each on its own. This machine runs whole repetitions in fast and
-// slow phases (up to a third apart) that move both sides alike, so a ratio
-// taken within each repetition holds where the ratio of two separately run
-// benchmarks' medians mixes phases. The benchmark's (manual) time is the
-// figure's; counter baseline_ms is the baseline's and ratio the figure's
-// total over the baseline's.
-template <class Figure, class Baseline>
-void inTurns(benchmark::State& state, Figure&& figure, Baseline&& baseline) {
-    using Clock = std::chrono::steady_clock;
-    auto timed = [](auto& work) {
-        const auto start = Clock::now();
-        work();
-        return std::chrono::duration<double>(Clock::now() - start).count();
-    };
-    double figureSeconds = 0, baselineSeconds = 0;
-    bool figureFirst = true;
-    for (auto _ : state) {
-        double f, b;
-        if (figureFirst) {
-            f = timed(figure);
-            b = timed(baseline);
-        } else {
-            b = timed(baseline);
-            f = timed(figure);
-        }
-        figureFirst = !figureFirst;
-        figureSeconds += f;
-        baselineSeconds += b;
-        state.SetIterationTime(f);
-    }
-    state.counters["baseline_ms"] = baselineSeconds * 1e3 / static_cast<double>(state.iterations());
-    state.counters["ratio"] = figureSeconds / baselineSeconds;
 }
 
 // --- isFavorite ------------------------------------------------------------------
