@@ -58,6 +58,12 @@ struct Fixture {
         std::mt19937 rng(42);
         std::shuffle(paths.begin(), paths.end(), rng);
         for (const Path& p : paths) utf8.push_back(p.toString().toUtf8());
+        // Both sides' keys are allocated in look-up order, so neither reads
+        // its keys from memory laid out more favourably than the other's.
+        std::vector<Path> ordered;
+        ordered.reserve(paths.size());
+        for (const std::string& p : utf8) ordered.push_back(Path::fromUtf8(p));
+        paths = std::move(ordered);
         catalog = std::make_unique<SqliteCatalog>(file);
     }
     ~Fixture() {
