@@ -153,7 +153,9 @@ public:
     void swap(XmlDocument& other) noexcept;
     bool isEmpty() const noexcept { return getRootElement() == nullptr; }
 
-    // UTF-8 serialisation with an XML declaration.
+    // UTF-8 serialisation with an XML declaration. Though const, it sets the
+    // document's encoding field while it writes (and restores it), so one
+    // document must not be serialised from two threads at once either.
     std::string serialize() const;
     // The same bytes, handed to `sink` piece by piece as they are produced
     // (the whole text is never held in memory at once). An exception from
