@@ -49,14 +49,12 @@ inline bool decodeOne(std::string_view in, std::size_t& i, char32_t& out, const 
     return true;
 }
 
-// Characters looked at together by the ASCII fast paths: each block is one
-// branch-free loop that the compiler turns into vector instructions.
-constexpr std::size_t kBlock = 16;
-
-// Length of the leading run of characters (or bytes) below 0x80.
+// Length of the leading run of characters (or bytes) below 0x80. Each block is
+// one branch-free loop that the compiler turns into vector instructions.
 template <class C>
 std::size_t asciiPrefix(const C* s, std::size_t n) noexcept {
     using U = std::make_unsigned_t<C>;
+    constexpr std::size_t kBlock = detail::kAsciiBlock;
     std::size_t i = 0;
     for (; i + kBlock <= n; i += kBlock) {
         std::uint32_t bits = 0;
