@@ -376,7 +376,7 @@ const std::string& spreadUser(std::int64_t n) {
 // Look-ups of the first n favorites' keys in the shuffled look-up order:
 // isFavorite against the same question asked of an unlocked
 // std::map<std::wstring, unsigned> or of an indexed SQLite table, timed in
-// turns. A turn is several passes over the keys (some 10 ms of work), so that
+// turns. A turn is several passes over the keys (milliseconds of work), so that
 // what one side leaves in the caches costs the other only at the start of a
 // turn. Counters ns and baseline_ns are the times of one look-up.
 struct LookupTurns {
