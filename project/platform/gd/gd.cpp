@@ -663,14 +663,26 @@ struct GDContext::Memo {
         // equal structure, within the evaluator's limits.
         bool exact = false;
         std::vector<JsonWriter::Span> spans;  // in document order, `value` first
+        // The text was written from a parsed document: every span's id is the
+        // address of its container's tape word, so document order is also
+        // address order.
+        bool inAddressOrder = false;
 
         // The span of `v`. Readers mostly ask for containers in document
         // order, so the spans just after the last answer are looked at first;
-        // otherwise an index by address, built on first need, answers.
+        // otherwise a binary search answers, over the spans themselves when
+        // they are in address order, else over an index by address built on
+        // first need.
         const JsonWriter::Span* find(const void* id) const {
             const std::size_t end = std::min(spans.size(), next + kLookAhead);
             for (std::size_t i = next; i < end; ++i) {
                 if (spans[i].id == id) return found(i);
+            }
+            if (inAddressOrder) {
+                auto it = std::lower_bound(spans.begin(), spans.end(), id, [](const JsonWriter::Span& s, const void* p) {
+                    return std::less<const void*>()(s.id, p);
+                });
+                return it != spans.end() && it->id == id ? found(static_cast<std::size_t>(it - spans.begin())) : nullptr;
             }
             if (byAddress.empty()) {
                 byAddress.resize(spans.size());
@@ -717,6 +729,7 @@ struct GDContext::Memo {
         }
         auto base = std::make_shared<Base>();
         base->value = v;
+        base->inAddressOrder = doc != nullptr;
         std::wstring out;
         if (doc) out.reserve(expectedLength(*doc, index));
         JsonWriter writer(out, &base->spans);

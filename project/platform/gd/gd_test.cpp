@@ -413,6 +413,29 @@ TEST(GDTypeConversionsToString, NestedTextsEqualTheirOwnJsonInAnyOrder) {
     EXPECT_EQ(GDTypeConversions::toString(ctx, item), GDTypeConversions::toJson(fresh, item));
 }
 
+// A tree with hundreds of containers: a text asked for far from the last
+// one, before it or after it, is still cut from the tree's text, and a
+// container of another document is not taken for one of this tree's.
+TEST(GDTypeConversionsToString, NestedTextsOfALargeTreeAreFoundInAnyOrder) {
+    GDExpressionEvaluator ev;
+    auto tree = eval(ev, treeText(120));
+    ASSERT_TRUE(tree);
+    GDContext& ctx = ev.getContext();
+    std::vector<GDVariant> arrays = childrenArrays(ctx, *tree);
+    ASSERT_EQ(arrays.size(), 240u);
+    (void)GDTypeConversions::toString(ctx, *tree);
+    std::vector<std::size_t> order(arrays.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = (i * 97) % order.size();  // a permutation
+    GDContext fresh;
+    for (std::size_t i : order)
+        EXPECT_EQ(GDTypeConversions::toString(ctx, arrays[i]), GDTypeConversions::toJson(fresh, arrays[i])) << i;
+    GDExpressionEvaluator other;
+    auto otherTree = eval(other, treeText(3));
+    ASSERT_TRUE(otherTree);
+    for (const GDVariant& a : childrenArrays(other.getContext(), *otherTree))
+        EXPECT_EQ(GDTypeConversions::toString(ctx, a), GDTypeConversions::toJson(fresh, a));
+}
+
 TEST(GDTypeConversionsToString, EachLevelsTextEvaluatesToItsOwnValueUnparsed) {
     GDExpressionEvaluator ev;
     auto tree = eval(ev, treeText(2));
