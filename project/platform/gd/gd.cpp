@@ -248,11 +248,15 @@ std::pair<const detail::JsonDocument*, std::uint32_t> sourceOf(const GDValue* v)
 }
 
 // About how many characters the JSON text of the container at tape index
-// `index` takes, to reserve room for it: its share of the parsed text.
+// `index` takes, to reserve room for it: its share of the parsed text's tape,
+// in bytes, and an eighth more. A container whose strings are longer than
+// the document's average (the children of a tree, without the short keys
+// around them) needs more text per tape word; running out of room would copy
+// the text written so far.
 std::size_t expectedLength(const detail::JsonDocument& doc, std::uint32_t index) noexcept {
     const Tape tape(doc);
     const double share = static_cast<double>(tape.next(index) - index) / static_cast<double>(tape.length());
-    return static_cast<std::size_t>(share * static_cast<double>(doc.textBytes)) + 2;
+    return static_cast<std::size_t>(share * static_cast<double>(doc.textBytes) * 1.125) + 16;
 }
 
 // Appends the JSON string literal of UTF-8 text (valid: it comes from a parsed
