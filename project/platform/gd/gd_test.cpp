@@ -395,45 +395,38 @@ String treeText(int groups) {
     return text + L"]";
 }
 
+// Every nested text is cut from the tree's text, whichever order the texts
+// are asked for in: forward, backward, or jumping far before or after the
+// last one (a tree of 120 groups has hundreds of containers). A container of
+// another document is not taken for one of this tree's.
 TEST(GDTypeConversionsToString, NestedTextsEqualTheirOwnJsonInAnyOrder) {
-    GDExpressionEvaluator ev;
-    auto tree = eval(ev, treeText(3));
-    ASSERT_TRUE(tree);
-    GDContext& ctx = ev.getContext();
-    std::vector<GDVariant> arrays = childrenArrays(ctx, *tree);
-    ASSERT_EQ(arrays.size(), 6u);
-    GDContext fresh;
-    (void)GDTypeConversions::toString(ctx, *tree);  // written once; the rest is cut from it
-    for (const GDVariant& a : arrays)
-        EXPECT_EQ(GDTypeConversions::toString(ctx, a), GDTypeConversions::toJson(fresh, a));
-    for (auto it = arrays.rbegin(); it != arrays.rend(); ++it)  // away from document order
-        EXPECT_EQ(GDTypeConversions::toString(ctx, *it), GDTypeConversions::toJson(fresh, *it));
-    // Objects inside the tree are cut from it too.
-    const GDVariant& item = asArray(*tree)->elements()[1];
-    EXPECT_EQ(GDTypeConversions::toString(ctx, item), GDTypeConversions::toJson(fresh, item));
-}
-
-// A tree with hundreds of containers: a text asked for far from the last
-// one, before it or after it, is still cut from the tree's text, and a
-// container of another document is not taken for one of this tree's.
-TEST(GDTypeConversionsToString, NestedTextsOfALargeTreeAreFoundInAnyOrder) {
-    GDExpressionEvaluator ev;
-    auto tree = eval(ev, treeText(120));
-    ASSERT_TRUE(tree);
-    GDContext& ctx = ev.getContext();
-    std::vector<GDVariant> arrays = childrenArrays(ctx, *tree);
-    ASSERT_EQ(arrays.size(), 240u);
-    (void)GDTypeConversions::toString(ctx, *tree);
-    std::vector<std::size_t> order(arrays.size());
-    for (std::size_t i = 0; i < order.size(); ++i) order[i] = (i * 97) % order.size();  // a permutation
-    GDContext fresh;
-    for (std::size_t i : order)
-        EXPECT_EQ(GDTypeConversions::toString(ctx, arrays[i]), GDTypeConversions::toJson(fresh, arrays[i])) << i;
-    GDExpressionEvaluator other;
-    auto otherTree = eval(other, treeText(3));
-    ASSERT_TRUE(otherTree);
-    for (const GDVariant& a : childrenArrays(other.getContext(), *otherTree))
-        EXPECT_EQ(GDTypeConversions::toString(ctx, a), GDTypeConversions::toJson(fresh, a));
+    for (const int groups : {3, 120}) {
+        SCOPED_TRACE(groups);
+        GDExpressionEvaluator ev;
+        auto tree = eval(ev, treeText(groups));
+        ASSERT_TRUE(tree);
+        GDContext& ctx = ev.getContext();
+        std::vector<GDVariant> arrays = childrenArrays(ctx, *tree);
+        ASSERT_EQ(arrays.size(), 2u * static_cast<std::size_t>(groups));
+        GDContext fresh;
+        (void)GDTypeConversions::toString(ctx, *tree);  // written once; the rest is cut from it
+        for (const GDVariant& a : arrays)
+            EXPECT_EQ(GDTypeConversions::toString(ctx, a), GDTypeConversions::toJson(fresh, a));
+        for (auto it = arrays.rbegin(); it != arrays.rend(); ++it)  // away from document order
+            EXPECT_EQ(GDTypeConversions::toString(ctx, *it), GDTypeConversions::toJson(fresh, *it));
+        for (std::size_t k = 0; k < arrays.size(); ++k) {  // a permutation: 97 and 2n share no factor
+            const GDVariant& a = arrays[(k * 97) % arrays.size()];
+            EXPECT_EQ(GDTypeConversions::toString(ctx, a), GDTypeConversions::toJson(fresh, a)) << k;
+        }
+        // Objects inside the tree are cut from it too.
+        const GDVariant& item = asArray(*tree)->elements()[1];
+        EXPECT_EQ(GDTypeConversions::toString(ctx, item), GDTypeConversions::toJson(fresh, item));
+        GDExpressionEvaluator other;
+        auto otherTree = eval(other, treeText(3));
+        ASSERT_TRUE(otherTree);
+        for (const GDVariant& a : childrenArrays(other.getContext(), *otherTree))
+            EXPECT_EQ(GDTypeConversions::toString(ctx, a), GDTypeConversions::toJson(fresh, a));
+    }
 }
 
 TEST(GDTypeConversionsToString, EachLevelsTextEvaluatesToItsOwnValueUnparsed) {
