@@ -15,8 +15,17 @@ namespace kiv::bench {
 // benchmarks' medians mixes phases. The benchmark's (manual) time is the
 // figure's; counter baseline_ms is the baseline's and ratio the figure's
 // total over the baseline's.
+//
+// When a turn is several units of work (look-ups, say), `perTurn` tells how
+// many on each side: ratio is then per unit, and counters ns and baseline_ns
+// give the time of one unit.
+struct PerTurn {
+    double figure = 1;
+    double baseline = 1;
+};
+
 template <class Figure, class Baseline>
-void inTurns(benchmark::State& state, Figure&& figure, Baseline&& baseline) {
+void inTurns(benchmark::State& state, Figure&& figure, Baseline&& baseline, PerTurn perTurn = {}) {
     using Clock = std::chrono::steady_clock;
     auto timed = [](auto& work) {
         const auto start = Clock::now();
@@ -39,8 +48,13 @@ void inTurns(benchmark::State& state, Figure&& figure, Baseline&& baseline) {
         baselineSeconds += b;
         state.SetIterationTime(f);
     }
-    state.counters["baseline_ms"] = baselineSeconds * 1e3 / static_cast<double>(state.iterations());
-    state.counters["ratio"] = figureSeconds / baselineSeconds;
+    const auto turns = static_cast<double>(state.iterations());
+    state.counters["baseline_ms"] = baselineSeconds * 1e3 / turns;
+    state.counters["ratio"] = (figureSeconds / perTurn.figure) / (baselineSeconds / perTurn.baseline);
+    if (perTurn.figure != 1 || perTurn.baseline != 1) {
+        state.counters["ns"] = figureSeconds * 1e9 / (turns * perTurn.figure);
+        state.counters["baseline_ns"] = baselineSeconds * 1e9 / (turns * perTurn.baseline);
+    }
 }
 
 }  // namespace kiv::bench
