@@ -667,10 +667,6 @@ struct GDContext::Memo {
         // equal structure, within the evaluator's limits.
         bool exact = false;
         std::vector<JsonWriter::Span> spans;  // in document order, `value` first
-        // The text was written from a parsed document: every span's id is the
-        // address of its container's tape word, so document order is also
-        // address order.
-        bool inAddressOrder = false;
 
         // The span of `v`. Readers mostly ask for containers in document
         // order, so the spans just after the last answer are looked at first;
@@ -682,7 +678,10 @@ struct GDContext::Memo {
             for (std::size_t i = next; i < end; ++i) {
                 if (spans[i].id == id) return found(i);
             }
-            if (inAddressOrder) {
+            // A text written from a parsed document: every span's id is the
+            // address of its container's tape word, so document order is also
+            // address order.
+            if (sourceOf(value.getValue()).first) {
                 auto it = std::lower_bound(spans.begin(), spans.end(), id, [](const JsonWriter::Span& s, const void* p) {
                     return std::less<const void*>()(s.id, p);
                 });
@@ -733,7 +732,6 @@ struct GDContext::Memo {
         }
         auto base = std::make_shared<Base>();
         base->value = v;
-        base->inAddressOrder = doc != nullptr;
         std::wstring out;
         if (doc) out.reserve(expectedLength(*doc, index));
         JsonWriter writer(out, &base->spans);
