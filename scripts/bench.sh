@@ -121,6 +121,13 @@ if fav:
             r = 1.0 / b["ratio"]
             row("isFavorite, %d favorites: SQLite row look-up / isFavorite (in turns)" % n, fmt_time(b["ns"]),
                 fmt_time(b["baseline_ns"]), r, ">= 20 (faster)", r >= 20)
+    for n in (1000, 10000):
+        name = "BM_OrderedIndexFloorVsSqlite/%d/manual_time" % n
+        if get(fav, name):
+            b = fav[name]["median"]
+            notes.append("the bound for an index of 17 ordered-map bins, %d favorites (unlocked, hash-first keys, "
+                         "no goal): SQLite %s / %s = %.1f" % (n, fmt_time(b["baseline_ns"]), fmt_time(b["ns"]),
+                                                              1.0 / b["ratio"]))
     t1, t2 = "BM_IsFavoriteThreads/real_time/threads:1", "BM_IsFavoriteThreads/real_time/threads:2"
     if get(fav, t1) and get(fav, t2):
         i1 = fav[t1]["median"]["items_per_second"]
