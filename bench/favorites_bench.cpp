@@ -395,6 +395,15 @@ struct LookupTurns {
           order(lookupOrder(count)),
           figurePasses(std::max<std::size_t>(1, 64000 / count)),
           baselinePasses(std::max<std::size_t>(1, 64000 / count / baselineCost)) {}
+
+    // The keys made by `make` from the fixture's paths, in look-up order.
+    template <class Make>
+    auto keys(Make make) const {
+        std::vector<decltype(make(std::string()))> out;
+        out.reserve(n);
+        for (std::size_t i : order) out.push_back(make(Fixture::get().paths[i]));
+        return out;
+    }
 };
 
 // `figure(i)` and `baseline(i)` ask about the i-th key of the look-up order
@@ -425,8 +434,7 @@ template <class Baseline>
 void isFavoriteInTurns(benchmark::State& state, const LookupTurns& turns, Baseline&& baseline) {
     Fixture& f = Fixture::get();
     const FavoritesManager& m = *f.workload(spreadUser(static_cast<std::int64_t>(turns.n))).manager;
-    std::vector<catalog::Path> keys;
-    for (std::size_t i : turns.order) keys.emplace_back(String::fromUtf8(f.paths[i]));
+    const auto keys = turns.keys([](const std::string& p) { return catalog::Path(String::fromUtf8(p)); });
     lookupsInTurns(state, turns, [&](std::size_t i) { return m.isFavorite(keys[i]); }, baseline);
 }
 
@@ -435,9 +443,8 @@ void isFavoriteInTurns(benchmark::State& state, const LookupTurns& turns, Baseli
 class SqliteLookup {
 public:
     explicit SqliteLookup(const LookupTurns& turns)
-        : m_q(Fixture::get().indexDb, ("SELECT count FROM fav" + std::to_string(turns.n) + " WHERE path = ?1").c_str()) {
-        for (std::size_t i : turns.order) m_keys.push_back(Fixture::get().paths[i]);
-    }
+        : m_q(Fixture::get().indexDb, ("SELECT count FROM fav" + std::to_string(turns.n) + " WHERE path = ?1").c_str()),
+          m_keys(turns.keys([](const std::string& p) { return p; })) {}
     bool operator()(std::size_t i) {
         const std::string& k = m_keys[i];
         sqlite3_bind_text(m_q.s, 1, k.data(), static_cast<int>(k.size()), SQLITE_STATIC);
@@ -456,8 +463,7 @@ void BM_IsFavoriteVsStdMap(benchmark::State& state) {
     const LookupTurns turns(static_cast<std::size_t>(state.range(0)), 1);
     std::map<std::wstring, unsigned> map;
     for (std::size_t i = 0; i < turns.n; ++i) map.emplace(String::fromUtf8(f.paths[i]), 1u);
-    std::vector<std::wstring> keys;
-    for (std::size_t i : turns.order) keys.push_back(String::fromUtf8(f.paths[i]));
+    const auto keys = turns.keys([](const std::string& p) { return std::wstring(String::fromUtf8(p)); });
     isFavoriteInTurns(state, turns, [&](std::size_t i) { return map.find(keys[i]) != map.end(); });
 }
 
@@ -488,8 +494,7 @@ void BM_OrderedIndexFloorVsSqlite(benchmark::State& state) {
         const Key k = keyOf(f.paths[i]);
         bins[k.hash % 17].emplace(k, 1u);
     }
-    std::vector<std::string> texts;
-    for (std::size_t i : turns.order) texts.push_back(f.paths[i]);
+    const std::vector<std::string> texts = turns.keys([](const std::string& p) { return p; });
     std::vector<Key> keys;
     for (const std::string& t : texts) keys.push_back(keyOf(t));
     lookupsInTurns(
