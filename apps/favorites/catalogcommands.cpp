@@ -1,6 +1,7 @@
 // The catalog administration commands. They act as an administrator through
 // the SQLite catalog's administration API (no access checks), except `info`,
 // which also shows what --user may do with the item.
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 #include "commands.h"
 #include "democatalog.h"
 #include "jsonwriter.h"
+#include "passwords.h"
 #include "qz/webcatalog/catalog.h"
 #include "textinput.h"
 #include "toolerrors.h"
@@ -116,14 +118,15 @@ void addDemo(CLI::App& parent, const GlobalOptions& options, CommandSet& command
             w.key("users").beginArray();
             for (const std::string& u : s.users) w.value(u);
             w.endArray();
-            w.member("folders", s.folders).member("objects", s.objects).member("links", s.links).endObject();
+            w.member("folders", s.folders).member("objects", s.objects).member("links", s.links);
+            w.member("password", kDemoPassword).endObject();
             print(w.str() + "\n");
         } else {
             std::string users;
             for (const std::string& u : s.users) users += (users.empty() ? "" : ", ") + u;
             print("wrote the demo catalog to " + options.catalogFile + ": " + std::to_string(s.folders) +
                   " folders, " + std::to_string(s.objects) + " objects, " + std::to_string(s.links) +
-                  " link; users " + users + "\n");
+                  " link; users " + users + " (password \"" + kDemoPassword + "\")\n");
         }
     });
 }
@@ -259,6 +262,43 @@ struct AddUserArgs {
     std::string name;
     std::vector<std::string> groups;
 };
+
+// The new password from standard input: its first line, without the line end.
+std::string passwordFromInput() {
+    std::string line;
+    int ch;
+    while ((ch = std::getchar()) != EOF && ch != '\n') {
+        line.push_back(static_cast<char>(ch));
+        if (line.size() > 4096) throw InputError("standard input: a password is at most 4,096 bytes");
+    }
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.empty()) throw InputError("standard input: no password (give it as the first line)");
+    argumentText(line, "the password");  // refuses text that is not UTF-8
+    return line;
+}
+
+void addPasswd(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto name = std::make_shared<std::string>();
+    CLI::App* cmd = parent.add_subcommand("passwd", "Set a user's password, read from standard input");
+    cmd->footer("Reads the new password from the first line of standard input and stores its Argon2id\n"
+                "hash with the user, for signing in to favoritesd. The user must be registered\n"
+                "(catalog add-user).");
+    cmd->add_option("NAME", *name, "User name")->required();
+    commands.add(cmd, [&options, name] {
+        const String user = itemNameArgument(*name, "NAME");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        if (!c->hasUser(user)) throw UsageError("no user " + *name + " (register it with 'catalog add-user')");
+        const std::string password = passwordFromInput();
+        c->setPasswordHash(user, host::hashPassword(password));
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", "ok").member("user", user).endObject();
+            print(w.str() + "\n");
+        } else {
+            print("set the password of " + *name + "\n");
+        }
+    });
+}
 
 void addAddUser(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
     auto args = std::make_shared<AddUserArgs>();
@@ -406,6 +446,7 @@ void addCatalogCommands(CLI::App& app, const GlobalOptions& options, CommandSet&
     addRm(*catalogCmd, options, commands);
     addGrant(*catalogCmd, options, commands);
     addAddUser(*catalogCmd, options, commands);
+    addPasswd(*catalogCmd, options, commands);
     addLs(*catalogCmd, options, commands);
     addInfo(*catalogCmd, options, commands);
     addCat(*catalogCmd, options, commands);

@@ -1,5 +1,7 @@
 #include "democatalog.h"
 
+#include "passwords.h"
+
 #include <string_view>
 
 namespace kiv::tool {
@@ -41,6 +43,7 @@ public:
     }
     void user(std::string_view name, std::vector<String> groups) {
         m_c.addUser(S(name), groups);
+        m_c.setPasswordHash(S(name), host::hashPassword(kDemoPassword));
         const std::string home = "/users/" + std::string(name);
         folder(home);
         m_c.clearAccess(P(home));

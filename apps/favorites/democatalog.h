@@ -1,7 +1,8 @@
 // The sample catalog of `favorites catalog demo`.
 //
 //   groups      sales, finance, hr (and the catalog's "administrators")
-//   users       alice (sales)            the demo user, with favorites
+//   users       (every demo user's password is kDemoPassword)
+//               alice (sales)            the demo user, with favorites
 //               bob (finance)            with favorites
 //               carol (hr, sales)        no favorites yet
 //               dave (sales)             an old mobile favorites object, upgraded on first use
@@ -22,6 +23,9 @@
 #include "qz/webcatalog/sqlitecatalog.h"
 
 namespace kiv::tool {
+
+// The password of every demo user; `scripts/run.sh` prints it.
+inline constexpr const char* kDemoPassword = "demo";
 
 struct DemoSummary {
     std::vector<std::string> users;

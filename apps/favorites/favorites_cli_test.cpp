@@ -17,6 +17,9 @@
 #include <gtest/gtest.h>
 #include <simdjson.h>
 
+#include "passwords.h"
+#include "qz/webcatalog/sqlitecatalog.h"
+
 extern char** environ;
 
 namespace {
@@ -751,6 +754,41 @@ TEST_F(FavoritesTool, DemoCanBeRunAgainAndRestoresTheMobileObject) {
     const Result ls = run({"catalog", "ls", "/users/dave"});
     EXPECT_NE(ls.out.find("/users/dave/mobile-favoritelist"), std::string::npos) << ls;
     EXPECT_EQ(tree("alice"), kAliceDemoTree);
+}
+
+// --- passwords ----------------------------------------------------------------
+
+TEST_F(FavoritesTool, PasswdStoresAnArgon2idHashOfTheFirstInputLine) {
+    makeDemo();
+    const Result r = run({"catalog", "passwd", "carol"}, "s3cret word\nignored\n");
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out, "set the password of carol\n");
+    kiv::catalog::SqliteCatalog c(m_catalog);
+    const std::string hash = c.passwordHash(L"carol");
+    EXPECT_EQ(hash.rfind("$argon2id$", 0), 0u) << hash;
+    EXPECT_TRUE(kiv::host::verifyPassword(hash, "s3cret word"));
+    EXPECT_FALSE(kiv::host::verifyPassword(hash, "s3cret word\n"));
+}
+
+TEST_F(FavoritesTool, DemoUsersSignInWithTheDemoPassword) {
+    makeDemo();
+    kiv::catalog::SqliteCatalog c(m_catalog);
+    for (const wchar_t* user : {L"alice", L"bob", L"carol", L"dave", L"admin"})
+        EXPECT_TRUE(kiv::host::verifyPassword(c.passwordHash(user), "demo"));
+}
+
+TEST_F(FavoritesTool, PasswdRefusesAnUnknownUserAndAnEmptyPassword) {
+    makeDemo();
+    const Result unknown = run({"catalog", "passwd", "zoe"}, "pw\n");
+    EXPECT_EQ(unknown.status, 2) << unknown;
+    EXPECT_NE(unknown.err.find("no user zoe"), std::string::npos) << unknown;
+    const Result empty = run({"catalog", "passwd", "carol"}, "\n");
+    EXPECT_EQ(empty.status, 4) << empty;
+    EXPECT_NE(empty.err.find("no password"), std::string::npos) << empty;
+    const Result notUtf8 = run({"catalog", "passwd", "carol"}, "\xff\xfe\n");
+    EXPECT_EQ(notUtf8.status, 2) << notUtf8;
+    kiv::catalog::SqliteCatalog c(m_catalog);
+    EXPECT_TRUE(kiv::host::verifyPassword(c.passwordHash(L"carol"), "demo"));
 }
 
 }  // namespace

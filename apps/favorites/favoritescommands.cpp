@@ -7,7 +7,8 @@
 
 #include "commands.h"
 #include "jsonwriter.h"
-#include "output.h"
+#include "favoritesopen.h"
+#include "items.h"
 #include "qz/platform/gd.h"
 #include "qz/platform/soap.h"
 #include "textinput.h"
@@ -253,17 +254,6 @@ void addRmcat(CLI::App& app, const GlobalOptions& options, CommandSet& commands)
 // The insert of a message about an item of a replacement input.
 String inputItemLabel(const std::string& file) {
     return argumentText("an item of " + (file == "-" ? std::string("standard input") : file), "FILE");
-}
-
-// True when `text` is a JSON array: replace-json refuses anything else rather
-// than let the whole tree be replaced by nothing.
-bool isJsonArray(const String& text) {
-    GDExpressionEvaluator evaluator;
-    GDVariant value;
-    if (!evaluator.evaluateExpression(text, text.size(), value, GDExpressionEvaluator::kJsonLiteral)) return false;
-    GDValue* v = value.getValue();
-    if (v) v = v->resolveReferences();
-    return v && dynamic_cast<IGDRandomAccessContainer*>(v) != nullptr;
 }
 
 void addReplaceJson(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {

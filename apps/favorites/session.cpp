@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "qz/webcatalog/catalog.h"
+#include "favoritesopen.h"
 #include "textinput.h"
 #include "toolerrors.h"
 
@@ -25,19 +26,6 @@ AccountToken administratorToken() {
     return AccountToken(String(L"administrator"), {String(catalog::SqliteCatalog::ksAdministratorsGroup)});
 }
 
-namespace {
-
-catalog::Path defaultFavoritesPath(const String& user) {
-    return catalog::Path(String(L"/users")) + catalog::ItemName(user, catalog::ItemName::kNone) +
-           catalog::ItemName(String(L"favorites"), catalog::ItemName::kNone);
-}
-
-void raise(catalog::ReturnCode rc, const catalog::Path& path) {
-    throw catalog::CatalogException(rc, path.toString());
-}
-
-}  // namespace
-
 FavoritesSession::FavoritesSession(const GlobalOptions& options) {
     if (options.user.empty())
         throw UsageError("this command acts for a user: give --user NAME (or set KIV_USER)");
@@ -50,21 +38,7 @@ FavoritesSession::FavoritesSession(const GlobalOptions& options) {
     m_catalog = openCatalog(options, OpenMode::kExisting);
     m_user = m_catalog->tokenFor(userName);
 
-    catalog::ItemInfo info;
-    catalog::ReturnCode rc = m_catalog->getItemInfo(m_user, m_favoritesPath, info, false, false);
-    if (rc != catalog::kSuccess && rc != catalog::kErrorPathNotFound) raise(rc, m_favoritesPath);
-
-    m_manager = new FavoritesManager(*m_catalog, m_user, m_favoritesPath);
-
-    rc = m_catalog->getItemInfo(m_user, m_favoritesPath, info, false, false);
-    if (rc == catalog::kSuccess) return;
-    if (rc != catalog::kErrorPathNotFound) raise(rc, m_favoritesPath);
-    // The manager could not store a new favorites object: name the reason.
-    const catalog::Path parent = m_favoritesPath.getParentPath();
-    const catalog::ReturnCode parentRc = m_catalog->getItemInfo(m_user, parent, info, false, false);
-    if (parentRc != catalog::kSuccess) raise(parentRc, parent);
-    if (!(info.getItemType(catalog::kInfoResolved) & catalog::kFolder)) raise(catalog::kErrorFolderExpected, parent);
-    raise(catalog::kErrorAccessDenied, m_favoritesPath);
+    m_manager = openFavoritesManager(*m_catalog, m_user, m_favoritesPath);
 }
 
 }  // namespace kiv::tool

@@ -5,12 +5,16 @@
 #include <memory>
 #include <string>
 
+#include "hosterrors.h"
 #include "qz/platform/accounttoken.h"
 #include "qz/webcatalog/path.h"
 #include "qz/webcatalog/sqlitecatalog.h"
 #include "qz/webfavorites/favoritesmanager.h"
 
 namespace kiv::tool {
+
+// The tool is one of the hosts of apps/common.
+using namespace kiv::host;
 
 struct GlobalOptions {
     std::string catalogFile = "catalog.db";

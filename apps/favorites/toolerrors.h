@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "hosterrors.h"
 #include "qz/webfavorites/favoritestypes.h"
 
 namespace kiv::tool {
@@ -30,17 +31,9 @@ constexpr int exitStatusFor(favorites::ReturnCode code) noexcept { return kExitF
 std::string exitStatusHelp();
 
 // A bad command line that the option parser cannot see (a malformed path, a
-// missing user, text that is not UTF-8).
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// An input file that cannot be used.
-class InputError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+// missing user, text that is not UTF-8), and an input file that cannot be used.
+using host::InputError;
+using host::UsageError;
 
 // A favorites operation answered a code other than kSuccess; `arg` is the
 // insert of its message (a path or a name).

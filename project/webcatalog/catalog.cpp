@@ -1,6 +1,7 @@
 // The catalog's exceptions, the default replace helper, the reader upgrade
 // mode default and the object filter.
 #include "qz/webcatalog/catalog.h"
+#include "qz/webcatalog/managedcatalog.h"
 
 #include "qz/webcatalog/readerwriter.h"
 
@@ -68,6 +69,14 @@ bool CatalogObjectFilter::admits(const Path& catalogPath) const {
     }
     // "", "readable" and unknown names: everything the user may read.
     return true;
+}
+
+}  // namespace kiv::catalog
+
+namespace kiv::catalog {
+
+bool ManagedCatalog::isAdministrator(const AccountToken& user) {
+    return user.isMemberOf(String(ksAdministratorsGroup));
 }
 
 }  // namespace kiv::catalog

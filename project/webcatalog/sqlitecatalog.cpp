@@ -7,7 +7,9 @@
 //                             stay small
 //   bodies(id, data)          object bodies
 //   acl(path, principal, is_group, rights)
-//   users(name, groups)       groups joined by "\n"
+//   users(name, groups, password)
+//                             groups joined by "\n"; password: the user's
+//                             password hash, NULL when none is set
 //   meta(key, value)          'clock': the last modified time handed out;
 //                             'acl_gen': raised by every access-list change
 // Properties are kept in the item row (UTF-8 "name\0value\0..."), so that
@@ -204,7 +206,7 @@ const char* const kSchemaSql =
     "CREATE TABLE bodies(id INTEGER PRIMARY KEY, data BLOB NOT NULL);"
     "CREATE TABLE acl(path TEXT NOT NULL, principal TEXT NOT NULL, is_group INTEGER NOT NULL,"
     " rights INTEGER NOT NULL, PRIMARY KEY(path, principal, is_group)) WITHOUT ROWID;"
-    "CREATE TABLE users(name TEXT PRIMARY KEY NOT NULL, groups TEXT NOT NULL) WITHOUT ROWID;"
+    "CREATE TABLE users(name TEXT PRIMARY KEY NOT NULL, groups TEXT NOT NULL, password TEXT) WITHOUT ROWID;"
     "CREATE TABLE meta(key TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID;";
 
 struct AclEntry {
@@ -616,6 +618,7 @@ struct SqliteCatalog::Impl {
         }
         if (appId != kApplicationId)
             loadingError("not a catalog file of this system (application id " + std::to_string(appId) + ")");
+        if (version == 1) version = upgradeFromVersion1(*c);
         if (version != kSchemaVersion)
             loadingError("unsupported catalog schema version " + std::to_string(version) + " (expected " +
                          std::to_string(kSchemaVersion) + ")");
@@ -654,6 +657,24 @@ struct SqliteCatalog::Impl {
         pragma(c, init.c_str());
         pragma(c, "COMMIT");
         if (!inMemory) pragma(c, "PRAGMA journal_mode=WAL");
+    }
+
+    // Version 1 had no password hashes. Another process may be upgrading
+    // the same file: the write lock decides, and the loser finds version 2.
+    std::int64_t upgradeFromVersion1(Conn& c) {
+        pragma(c, "BEGIN IMMEDIATE");
+        if (pragmaValue(c, "PRAGMA user_version") == 1) {
+            char* err = nullptr;
+            if (sqlite3_exec(c.db, "ALTER TABLE users ADD COLUMN password TEXT; PRAGMA user_version = 2;", nullptr,
+                             nullptr, &err) != SQLITE_OK) {
+                std::string why = err ? err : "unknown error";
+                sqlite3_free(err);
+                sqlite3_exec(c.db, "ROLLBACK", nullptr, nullptr, nullptr);
+                loadingError("upgrading the catalog schema from version 1 failed: " + why);
+            }
+        }
+        pragma(c, "COMMIT");
+        return pragmaValue(c, "PRAGMA user_version");
     }
 
     // --- access rights ------------------------------------------------------
@@ -1350,6 +1371,41 @@ void SqliteCatalog::addUser(const String& name, const std::vector<String>& group
     });
 }
 
+bool SqliteCatalog::hasUser(const String& name) {
+    return adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);  // bound without a copy: must outlive the query
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT 1 FROM users WHERE name = ?1");
+        q.text(1, who);
+        return q.step();
+    });
+}
+
+void SqliteCatalog::setPasswordHash(const String& name, const std::string& hash) {
+    adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);  // bound without a copy: must outlive the query
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        Query q(*c, "UPDATE users SET password = ?2 WHERE name = ?1");
+        q.text(1, who);
+        if (hash.empty()) q.null(2);
+        else q.text(2, hash);
+        q.run();
+        if (sqlite3_changes(c->db) == 0) throw CatalogException(kErrorPathNotFound, name);
+        txn.commit();
+    });
+}
+
+std::string SqliteCatalog::passwordHash(const String& name) {
+    return adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);  // bound without a copy: must outlive the query
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT password FROM users WHERE name = ?1");
+        q.text(1, who);
+        return q.step() ? std::string(q.textAt(0)) : std::string();
+    });
+}
+
 AccountToken SqliteCatalog::tokenFor(const String& name) {
     return adminCall(*m_impl, kpBlank, [&] {
         const std::string who = toUtf8(name);
@@ -1379,7 +1435,7 @@ std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
         const int kind = kindAt(*c, p);
         if (kind == 0) adminFail(kErrorPathNotFound, folder);
         if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
-        Query q(*c, "SELECT path, kind, mtime, signature, link_target FROM items WHERE parent = ?1 ORDER BY path");
+        Query q(*c, "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path");
         q.text(1, p);
         while (q.step()) {
             Entry e;
@@ -1388,6 +1444,7 @@ std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
             e.lastModified = q.integerAt(2);
             e.signature = fromUtf8(q.textAt(3));
             e.linkTarget = fromUtf8(q.textAt(4));
+            decodeProperties(e.properties, q.blobAt(5));
             entries.push_back(std::move(e));
         }
         return entries;

@@ -681,6 +681,45 @@ TEST_F(SqliteCatalogTest, TokenForGivesTheRegisteredGroups) {
     EXPECT_TRUE(catalog->tokenFor(L"stranger").getGroups().empty());
 }
 
+TEST_F(SqliteCatalogTest, APasswordHashIsStoredWithItsUserAndSurvivesNewGroups) {
+    EXPECT_EQ(catalog->passwordHash(L"alice"), "");
+    catalog->setPasswordHash(L"alice", "$argon2id$stored");
+    EXPECT_EQ(catalog->passwordHash(L"alice"), "$argon2id$stored");
+    EXPECT_EQ(catalog->passwordHash(L"bob"), "");
+    catalog->addUser(L"alice", {L"sales", L"finance"});
+    EXPECT_EQ(catalog->passwordHash(L"alice"), "$argon2id$stored");
+    catalog->setPasswordHash(L"alice", "");
+    EXPECT_EQ(catalog->passwordHash(L"alice"), "");
+}
+
+TEST_F(SqliteCatalogTest, APasswordForAnUnknownUserIsRefused) {
+    try {
+        catalog->setPasswordHash(L"stranger", "$argon2id$x");
+        FAIL() << "no exception";
+    } catch (const CatalogException& e) {
+        EXPECT_EQ(e.getCode(), kErrorPathNotFound);
+        EXPECT_EQ(e.getPath(), L"stranger");
+    }
+    EXPECT_EQ(catalog->passwordHash(L"stranger"), "");
+    EXPECT_FALSE(catalog->hasUser(L"stranger"));
+    EXPECT_TRUE(catalog->hasUser(L"alice"));
+}
+
+TEST_F(SqliteCatalogTest, ListGivesEachChildsProperties) {
+    catalog->makeFolder(Path(L"/shared/dash"));
+    catalog->setProperties(Path(L"/shared/dash"), {{L"compositeSignature", L"dashboardfolder1"}});
+    const auto entries = catalog->list(Path(L"/shared"));
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0].path.toString(), L"/shared/dash");
+    EXPECT_EQ(entries[0].properties.at(L"compositeSignature"), L"dashboardfolder1");
+    EXPECT_EQ(entries[1].properties.at(L"owner"), L"alice");
+}
+
+TEST_F(SqliteCatalogTest, OnlyTheAdministratorsGroupMakesAnAdministrator) {
+    EXPECT_TRUE(ManagedCatalog::isAdministrator(admin));
+    EXPECT_FALSE(ManagedCatalog::isAdministrator(alice));
+}
+
 TEST_F(SqliteCatalogTest, RemoveDeletesAFolderWithEverythingUnderIt) {
     catalog->putObject(Path(L"/shared/f/x"), L"s", {}, "x");
     catalog->putObject(Path(L"/shared/f/y/z"), L"s", {}, "z");
@@ -902,6 +941,30 @@ TEST(SqliteCatalogFileTest, ACatalogOfAnotherSchemaVersionIsRefusedAndLeftUnchan
     EXPECT_EQ(openError(file, &message), kErrorLoadingCatalog);
     EXPECT_NE(message.find("version 99"), std::string::npos) << message;
     EXPECT_EQ(readFileBytes(file), bytes);
+}
+
+TEST(SqliteCatalogFileTest, AVersion1CatalogIsUpgradedInPlaceKeepingItsContent) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    {
+        SqliteCatalog c(file);
+        c.putObject(Path(L"/x/y"), L"s", {}, "body");
+        c.addUser(L"u", {L"g"});
+    }
+    // Make the file what version 1 wrote: users without a password column.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "ALTER TABLE users DROP COLUMN password; PRAGMA user_version = 1;", nullptr, nullptr,
+                           nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+
+    SqliteCatalog c(file);
+    EXPECT_EQ(c.readRaw(Path(L"/x/y")), "body");
+    EXPECT_EQ(c.tokenFor(L"u").getGroups().size(), 1u);
+    EXPECT_EQ(c.passwordHash(L"u"), "");
+    c.setPasswordHash(L"u", "$argon2id$h");
+    EXPECT_EQ(c.passwordHash(L"u"), "$argon2id$h");
 }
 
 TEST(SqliteCatalogFileTest, ACorruptCatalogFileIsRefusedAndLeftUnchanged) {

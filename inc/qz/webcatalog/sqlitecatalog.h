@@ -65,32 +65,20 @@
 #include <string_view>
 #include <vector>
 
-#include "qz/webcatalog/catalog.h"
+#include "qz/webcatalog/managedcatalog.h"
 
 namespace kiv::catalog {
 
-enum class Rights : int { kNone = 0, kRead = 1, kWrite = 3 };
-
-class SqliteCatalog : public Catalog {
+class SqliteCatalog : public ManagedCatalog {
 public:
-    static constexpr const wchar_t* ksAdministratorsGroup = L"administrators";
-    static constexpr const wchar_t* ksEveryoneGroup = L"everyone";
-    // The schema version kept in the file's user_version.
-    static constexpr int kSchemaVersion = 1;
+    // The schema version kept in the file's user_version. Version 1 (users
+    // without password hashes) is upgraded in place when a file is opened.
+    static constexpr int kSchemaVersion = 2;
 
     struct Options {
         bool create = true;           // create a missing file
         int busyTimeoutMs = 30000;    // how long a write waits for another writer
         bool synchronousFull = true;  // fsync at every commit (else at checkpoints)
-    };
-
-    // One entry of list().
-    struct Entry {
-        Path path;
-        unsigned type = 0;  // kFolder, kLink or kObject
-        Time lastModified = 0;
-        String signature;
-        String linkTarget;
     };
 
     explicit SqliteCatalog(const std::string& file);
@@ -118,43 +106,25 @@ public:
     // The upgrade mode set on readers (a Reader::UpgradeMode value).
     void setReaderUpgradeMode(int mode) noexcept;
 
-    // Administration.
-    // Makes the folder and any missing ancestor; an existing folder is kept.
-    void makeFolder(const Path& path);
-    // Creates or replaces an object (missing parent folders are made).
+    // Administration (see ManagedCatalog).
+    void makeFolder(const Path& path) override;
     void putObject(const Path& path, const String& signature, const std::map<String, String>& properties,
-                   std::string_view body);
-    // One object of putObjects.
-    struct ObjectSpec {
-        Path path;
-        String signature;
-        std::map<String, String> properties;
-        std::string body;
-    };
-    // putObject for many objects in one transaction (imports, test set-up).
-    void putObjects(const std::vector<ObjectSpec>& objects);
-    // Replaces the properties of an existing item (a folder too; a dashboard
-    // folder carries compositeSignature = dashboardfolder1).
-    void setProperties(const Path& path, const std::map<String, String>& properties);
-    // Creates or replaces a link to `target` (which need not exist).
-    void makeLink(const Path& path, const Path& target);
-    // Sets one entry of the item's access list (kNone is stored and denies).
-    void setAccess(const Path& path, const String& principal, bool isGroup, Rights rights);
-    // Removes the item's access list, so that it inherits again.
-    void clearAccess(const Path& path);
-    // The rights `user` has on the item (administrators: kWrite).
-    Rights effectiveRights(const AccountToken& user, const Path& path);
-    // Registers or updates a user and the groups the user belongs to.
-    void addUser(const String& name, const std::vector<String>& groups);
-    // The token of a registered user (an unknown user gets no groups).
-    AccountToken tokenFor(const String& name);
-    // The direct children of a folder, in path order.
-    std::vector<Entry> list(const Path& folder);
-    // The stored body of an object.
-    std::string readRaw(const Path& path);
-    bool exists(const Path& path);
-    // Removes an item; a folder with everything under it. Not the root.
-    void remove(const Path& path);
+                   std::string_view body) override;
+    void putObjects(const std::vector<ObjectSpec>& objects) override;
+    void setProperties(const Path& path, const std::map<String, String>& properties) override;
+    void makeLink(const Path& path, const Path& target) override;
+    void setAccess(const Path& path, const String& principal, bool isGroup, Rights rights) override;
+    void clearAccess(const Path& path) override;
+    Rights effectiveRights(const AccountToken& user, const Path& path) override;
+    void addUser(const String& name, const std::vector<String>& groups) override;
+    bool hasUser(const String& name) override;
+    AccountToken tokenFor(const String& name) override;
+    void setPasswordHash(const String& name, const std::string& hash) override;
+    std::string passwordHash(const String& name) override;
+    std::vector<Entry> list(const Path& folder) override;
+    std::string readRaw(const Path& path) override;
+    bool exists(const Path& path) override;
+    void remove(const Path& path) override;
     // SQLite's integrity check: "ok" when the store is sound.
     std::string integrityCheck();
     // The file name, or ":memory:".

@@ -1,7 +1,7 @@
-// Rendering favorites items for the tool's output: plain text for people,
-// JSON for programs (--json), and the two export formats.
+// Rendering favorites items for the hosts' output (the tool and the server):
+// plain text for people, JSON for programs, and the two export formats.
 //
-// JSON item (tree, ls, add, mkcat):
+// JSON item (the tool's tree, ls, add, mkcat; the server's answers):
 //   {"type":"category","name":N,"favoritesPath":P,"children":[...]}
 //   {"type":"catalogObject","name":N,"favoritesPath":P,"catalogPath":C}
 //   ("children" only where the command shows a subtree).
@@ -15,7 +15,7 @@
 #include "jsonwriter.h"
 #include "qz/webfavorites/favoritesitem.h"
 
-namespace kiv::tool {
+namespace kiv::host {
 
 // The direct children of a category, unfiltered.
 FavoritesItems childrenOf(const Handle<FavoritesItem>& item);
@@ -39,4 +39,4 @@ std::string exportJson(const FavoritesItems& items);
 // The items as a favorites XML document.
 std::string exportXml(const FavoritesItems& items);
 
-}  // namespace kiv::tool
+}  // namespace kiv::host

@@ -1,5 +1,5 @@
-// Reading the tool's inputs: command-line arguments and files (or standard
-// input, named "-"). Everything arrives as bytes and is decoded through the
+// Reading the hosts' inputs: command-line arguments, request parameters and
+// files (or standard input, named "-"). Everything arrives as bytes and is decoded through the
 // platform's strict UTF-8 codec; text that is not UTF-8 is refused with a
 // clear error rather than passed on.
 #pragma once
@@ -11,7 +11,7 @@
 #include "qz/platform/string.h"
 #include "qz/webcatalog/path.h"
 
-namespace kiv::tool {
+namespace kiv::host {
 
 // The largest input file the tool reads (64 MiB).
 constexpr std::size_t kMaxInputBytes = 64u * 1024u * 1024u;
@@ -35,4 +35,4 @@ String itemNameArgument(const std::string& utf8, std::string_view what);
 // "\/"). UsageError when the result is malformed.
 catalog::Path categoryArgument(const std::string& utf8, std::string_view what);
 
-}  // namespace kiv::tool
+}  // namespace kiv::host

@@ -8,9 +8,9 @@
 #include "qz/platform/exception.h"
 #include "qz/webcatalog/itemname.h"
 #include "qz/webfavorites/favoritesmanager.h"
-#include "toolerrors.h"
+#include "hosterrors.h"
 
-namespace kiv::tool {
+namespace kiv::host {
 
 namespace {
 
@@ -94,4 +94,4 @@ catalog::Path categoryArgument(const std::string& utf8, std::string_view what) {
     return catalog::Path(text);
 }
 
-}  // namespace kiv::tool
+}  // namespace kiv::host

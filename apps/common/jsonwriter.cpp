@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-namespace kiv::tool {
+namespace kiv::host {
 
 std::string JsonWriter::quote(std::string_view utf8) {
     std::string out;
@@ -101,4 +101,4 @@ JsonWriter& JsonWriter::null() {
     return *this;
 }
 
-}  // namespace kiv::tool
+}  // namespace kiv::host

@@ -1,4 +1,4 @@
-#include "output.h"
+#include "items.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,7 +6,7 @@
 #include "qz/webcatalog/catalog.h"
 #include "qz/webfavorites/favoritefolder.h"
 
-namespace kiv::tool {
+namespace kiv::host {
 
 namespace {
 
@@ -142,4 +142,4 @@ std::string exportXml(const FavoritesItems& items) {
     return out + "</fav:favoritelist>\n";
 }
 
-}  // namespace kiv::tool
+}  // namespace kiv::host

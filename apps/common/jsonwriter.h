@@ -1,5 +1,5 @@
 // JsonWriter: a small writer of compact JSON text, for the tool's --json
-// output. It only writes; the tool never parses JSON itself.
+// output and the server's answers. It only writes.
 //
 // Strings are given as UTF-8 (or as String, encoded through the strict
 // codec) and written with '"', '\\' and the control characters escaped; other
@@ -14,7 +14,7 @@
 
 #include "qz/platform/string.h"
 
-namespace kiv::tool {
+namespace kiv::host {
 
 class JsonWriter {
 public:
@@ -54,4 +54,4 @@ private:
     bool m_afterKey = false;
 };
 
-}  // namespace kiv::tool
+}  // namespace kiv::host

@@ -1,0 +1,30 @@
+// Opening one user's favorites as a host does: a FavoritesManager over the
+// user's favorites object, which loads it, creates it for a new user and
+// upgrades the old mobile favorites on first use.
+#pragma once
+
+#include <string>
+
+#include "qz/platform/accounttoken.h"
+#include "qz/webcatalog/catalog.h"
+#include "qz/webcatalog/path.h"
+#include "qz/webfavorites/favoritesmanager.h"
+
+namespace kiv::host {
+
+// /users/NAME/favorites
+catalog::Path defaultFavoritesPath(const String& user);
+
+// Makes the user's manager. Before it is made, the favorites object must be
+// readable by the user (or missing); afterwards it must exist. Otherwise the
+// catalog's refusal is raised as CatalogException, since the manager itself
+// never fails to construct and would present an empty tree.
+Handle<FavoritesManager> openFavoritesManager(catalog::Catalog& catalog, const AccountToken& user,
+                                              const catalog::Path& favoritesPath);
+
+// True when `text` is a JSON array. Hosts refuse any other replacement text
+// before it reaches updateAll, which would otherwise replace the whole tree
+// by nothing.
+bool isJsonArray(const String& text);
+
+}  // namespace kiv::host
