@@ -149,7 +149,22 @@ class Catalog:
             self.run("catalog", "demo")
 
     def cleanup(self):
-        self._tmp.cleanup()
+        if self._tmp is not None:
+            self._tmp.cleanup()
+
+    def copy(self, name):
+        """A copy of the catalog file (with its journal files) in the same
+        directory, as a Catalog of its own that the original cleans up. The
+        catalog must not be in use while it is copied."""
+        other = object.__new__(Catalog)
+        other.tool = self.tool
+        other._tmp = None
+        other.dir = self.dir
+        other.file = self.path(name)
+        for suffix in ("", "-wal", "-shm", "-journal"):
+            if os.path.exists(self.file + suffix):
+                shutil.copyfile(self.file + suffix, other.file + suffix)
+        return other
 
     def path(self, name):
         """A file name inside the catalog's temporary directory."""
@@ -841,13 +856,3 @@ def poll(predicate, timeout, interval=0.1):
         time.sleep(interval)
         value = predicate()
     return value
-
-
-def copy_catalog(catalog, name):
-    """A copy of the catalog file (with its journal files) in the same
-    temporary directory; the catalog must not be in use."""
-    target = catalog.path(name)
-    for suffix in ("", "-wal", "-shm", "-journal"):
-        if os.path.exists(catalog.file + suffix):
-            shutil.copyfile(catalog.file + suffix, target + suffix)
-    return target

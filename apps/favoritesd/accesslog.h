@@ -1,0 +1,32 @@
+// One line per answered request:
+//   TIME ADDRESS USER "METHOD TARGET" STATUS BYTES DURATIONms
+// written to a file, to standard error ("-"), or nowhere ("off").
+//
+// Thread safety: write() may be called from any thread; lines never interleave.
+#pragma once
+
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace kiv::server {
+
+class AccessLog {
+public:
+    // Raises std::runtime_error when the file cannot be opened.
+    explicit AccessLog(const std::string& destination);
+    ~AccessLog();
+    AccessLog(const AccessLog&) = delete;
+    AccessLog& operator=(const AccessLog&) = delete;
+
+    void write(std::string_view address, std::string_view user, std::string_view method, std::string_view target,
+               int status, std::size_t bytes, double seconds);
+
+private:
+    std::mutex m_mutex;
+    std::FILE* m_file = nullptr;
+    bool m_owned = false;
+};
+
+}  // namespace kiv::server

@@ -1,0 +1,60 @@
+// Errors as clients see them: one JSON shape for every failure,
+//   {"error":{"source":S,"code":N,"name":NAME,"message":TEXT[,"path":P]}}
+// and one table from codes to HTTP statuses.
+//
+//   source "favorites"  a favorites::ReturnCode; the message is the library's
+//   source "catalog"    a catalog::ReturnCode; path names the item
+//   source "server"     a failure of the request itself; code is the status
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "http.h"
+#include "qz/webcatalog/returncode.h"
+#include "qz/webfavorites/favoritestypes.h"
+
+namespace kiv::server {
+
+// The HTTP status of a favorites code other than kSuccess.
+int httpStatusFor(favorites::ReturnCode code) noexcept;
+// The HTTP status of a catalog code other than kSuccess.
+int httpStatusFor(catalog::ReturnCode code) noexcept;
+
+// A failure of the request itself, raised by handlers.
+class ApiError : public std::runtime_error {
+public:
+    ApiError(int status, std::string name, const std::string& message)
+        : std::runtime_error(message), m_status(status), m_name(std::move(name)) {}
+    int status() const noexcept { return m_status; }
+    const std::string& name() const noexcept { return m_name; }
+
+private:
+    int m_status;
+    std::string m_name;
+};
+
+// A favorites operation answered `code`; `arg` is its message's insert.
+class FavoritesError : public std::exception {
+public:
+    FavoritesError(favorites::ReturnCode code, std::string arg) : m_code(code), m_arg(std::move(arg)) {}
+    favorites::ReturnCode code() const noexcept { return m_code; }
+    const std::string& arg() const noexcept { return m_arg; }
+    const char* what() const noexcept override { return favorites::returnCodeName(m_code); }
+
+private:
+    favorites::ReturnCode m_code;
+    std::string m_arg;
+};
+
+HttpResponse serverErrorResponse(int status, std::string_view name, std::string_view message);
+HttpResponse favoritesErrorResponse(favorites::ReturnCode code, const std::string& arg);
+HttpResponse catalogErrorResponse(catalog::ReturnCode code, const std::string& path);
+
+// The response for the exception being handled (call inside a catch block):
+// ApiError, FavoritesError, CatalogException, the hosts' UsageError and
+// InputError (400), UTF-8 errors (400); anything else is 500.
+HttpResponse responseForCurrentException();
+
+}  // namespace kiv::server

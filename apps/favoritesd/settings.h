@@ -1,0 +1,36 @@
+// The server's settings: every limit and timeout in one place, with its
+// default. main.cpp fills them from the command line and the config file.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace kiv::server {
+
+struct Settings {
+    std::string catalog = "catalog.db";   // the catalog file
+    std::string listenHost = "127.0.0.1";
+    unsigned short listenPort = 8080;      // 0 picks a free port
+    std::string webDir;                    // the page's files (empty: no page)
+    std::string accessLog = "-";           // a file, "-" for standard error, "off"
+
+    unsigned ioThreads = 2;                // threads that run the HTTP connections
+    unsigned workers = 8;                  // threads that call the library and the catalog
+    std::size_t maxUsers = 1000;           // managers kept in memory
+
+    std::size_t maxHeaderBytes = 16 * 1024;
+    std::size_t maxBodyBytes = 16 * 1024 * 1024;
+    double requestTimeoutSeconds = 30;     // to receive one whole request
+    double idleTimeoutSeconds = 60;        // between requests on a keep-alive connection
+    std::size_t maxConnections = 10000;
+    double shutdownTimeoutSeconds = 10;    // for requests in flight after SIGTERM
+
+    double sessionSeconds = 8 * 3600;      // lifetime of a sign-in session
+    double credentialCacheSeconds = 60;    // how long a verified Basic password is remembered
+    unsigned signinFailures = 5;           // failed sign-ins per name or address ...
+    double signinWindowSeconds = 300;      // ... within this window before 429
+
+    std::size_t maxStatusPaths = 10000;    // paths in one status request
+};
+
+}  // namespace kiv::server
