@@ -15,6 +15,7 @@
 # benchmark (the machine's fast and slow phases then move both sides alike),
 # and its ratio is the median of the repetitions' own ratios. The JSON
 # results are kept in build/release/bench-results/.
+# Last, bench/server/server_bench.py loads a real favoritesd with wrk.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -219,3 +220,12 @@ if missing:
     print("missing from the results: " + ", ".join(sorted(set(missing))))
     sys.exit(1)
 PY
+
+# The server under load from a second process (wrk), beside /healthz and a raw
+# durable SQLite write measured in the same run.
+if [ -x build/release/apps/favoritesd/favoritesd ] && [ -x build/release/bench/server_bench_setup ]; then
+  /usr/bin/python3 bench/server/server_bench.py build/release
+else
+  echo "server benchmark: favoritesd or server_bench_setup is not built" >&2
+  exit 1
+fi

@@ -102,6 +102,11 @@ int run(int argc, char** argv) {
     app.add_option("--signin-window-seconds", s.signinWindowSeconds, "The window those failures are counted in")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
+    app.add_option("--status-max-age", s.statusMaxAgeSeconds,
+                   "Seconds a user's favorites may go unchecked against the store before a status request "
+                   "checks them (0: always check)")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
     app.set_version_flag("--version", "favoritesd 1.0");
 
     try {

@@ -207,6 +207,7 @@ HttpResponse postFavoritesStatus(Call& call) {
     simdjson::dom::array paths;
     if (body.at_key("paths").get(paths) != simdjson::SUCCESS)
         throw ApiError(400, "badRequest", "'paths' must be an array of catalog paths");
+    if (paths.size() == 0) throw ApiError(400, "badRequest", "'paths' must name at least one catalog path");
     if (paths.size() > call.settings.maxStatusPaths)
         throw ApiError(400, "badRequest",
                        "at most " + std::to_string(call.settings.maxStatusPaths) + " paths may be asked at once");
@@ -217,7 +218,7 @@ HttpResponse postFavoritesStatus(Call& call) {
         if (e.get(s) != simdjson::SUCCESS) throw ApiError(400, "badRequest", "'paths' must hold strings only");
         checked.push_back(host::catalogPathArgument(std::string(s), "a path"));
     }
-    reloadIfChanged(call.manager);
+    if (!call.fresh) reloadIfChanged(call.manager);
     JsonWriter w;
     w.beginObject().key("results").beginArray();
     for (const catalog::Path& p : checked)
@@ -345,20 +346,13 @@ HttpResponse getCatalogChildren(Call& call) {
     const catalog::Path folder = host::catalogPathArgument(call.query.getOr("path", "/"), "the parameter 'path'");
     const String filterName = parameterText(call, "filter");
     const AccountToken& user = call.slot.token();
-    catalog::ItemInfo info;
-    const catalog::ReturnCode rc = call.catalog.getItemInfo(user, folder, info, true, false);
-    if (rc != catalog::kSuccess) throw catalog::CatalogException(rc, folder.toString());
-    if (!(info.getItemType(catalog::kInfoOriginal) & catalog::kFolder))
-        throw catalog::CatalogException(catalog::kErrorFolderExpected, folder.toString());
-    const std::vector<catalog::ManagedCatalog::Entry> entries = call.store.list(folder);
+    const std::vector<catalog::ManagedCatalog::Entry> entries = call.store.listReadable(user, folder);
     reloadIfChanged(call.manager);
 
     const catalog::CatalogObjectFilter filter(call.catalog, user, filterName);
-    const auto batch = call.catalog.beginReadBatch();
     JsonWriter w;
     w.beginObject().member("path", folder.toString()).key("items").beginArray();
     for (const auto& e : entries) {
-        if (call.catalog.getItemInfo(user, e.path, info, true, false) != catalog::kSuccess) continue;
         const char* kind = kindOf(e);
         const bool plainFolder = std::string_view(kind) == "folder";
         if (!filterName.empty() && !(e.type & catalog::kFolder) && !filter.admits(e.path)) continue;

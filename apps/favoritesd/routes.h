@@ -42,6 +42,9 @@ struct Call {
     catalog::ManagedCatalog& store;   // administration (listings)
     catalog::Catalog& catalog;        // the user's catalog calls
     const Settings& settings;
+    // True when the call runs on an I/O thread with a manager known to be in
+    // step with the store: it must not reach the catalog.
+    bool fresh = false;
 };
 
 using Handler = HttpResponse (*)(Call&);

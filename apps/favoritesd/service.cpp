@@ -234,17 +234,25 @@ void FavoritesService::actAs(const Route& route, std::shared_ptr<Exchange> x, co
         acting = *other;
     }
     if (acting != identity.user) x->user = identity.user + ">" + acting;
-    m_users.runAs(acting, [this, &route, x, query](UserSlot& slot) {
+    auto work = [this, &route, x, query](UserSlot& slot, bool fresh) {
         HttpResponse response;
         try {
-            FavoritesManager& manager = slot.manager(m_store, m_catalog);
-            Call call{x->request, *query, slot, manager, m_store, m_catalog, m_settings};
+            FavoritesManager& manager = fresh ? *slot.freshManager(Clock::duration::max())
+                                              : slot.manager(m_store, m_catalog);
+            Call call{x->request, *query, slot, manager, m_store, m_catalog, m_settings, fresh};
             response = route.handler(call);
+            // Every handler run on the strand checked the store (and reloaded) on its way.
+            if (!fresh && response.status < 300) slot.markInSync();
         } catch (...) {
             response = responseForCurrentException();
         }
         finish(*x, std::move(response));
-    });
+    };
+    // Status answers come from the index alone: with a manager recently in
+    // step with the store they need no worker.
+    if (route.handler == &postFavoritesStatus)
+        return m_users.runReading(acting, Sessions::toDuration(m_settings.statusMaxAgeSeconds), std::move(work));
+    m_users.runAs(acting, [work = std::move(work)](UserSlot& slot) { work(slot, false); });
 }
 
 std::optional<Identity> FavoritesService::verify(const BasicCredentials& credentials) {

@@ -31,6 +31,10 @@ struct Settings {
     double signinWindowSeconds = 300;      // ... within this window before 429
 
     std::size_t maxStatusPaths = 10000;    // paths in one status request
+    // A status request is answered on the I/O thread from the user's index
+    // when the manager was in step with the store less than this long ago;
+    // otherwise it goes to the worker pool, which checks the store first.
+    double statusMaxAgeSeconds = 1.0;
 };
 
 }  // namespace kiv::server

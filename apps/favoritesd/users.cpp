@@ -21,7 +21,24 @@ FavoritesManager& UserSlot::manager(catalog::ManagedCatalog& store, catalog::Cat
     m_token = store.tokenFor(user);
     m_manager = host::openFavoritesManager(catalog, m_token, host::defaultFavoritesPath(user));
     m_managers.fetch_add(1, std::memory_order_relaxed);
+    m_published.store(m_manager.get(), std::memory_order_release);
     return *m_manager;
+}
+
+void UserSlot::markInSync() noexcept {
+    if (m_manager.isNull()) return;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    m_inSyncAt.store(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(), std::memory_order_release);
+}
+
+FavoritesManager* UserSlot::freshManager(std::chrono::steady_clock::duration maxAge) const noexcept {
+    FavoritesManager* m = m_published.load(std::memory_order_acquire);
+    if (!m) return nullptr;
+    const std::int64_t at = m_inSyncAt.load(std::memory_order_acquire);
+    const auto now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                         std::chrono::steady_clock::now().time_since_epoch())
+                         .count();
+    return now - at < std::chrono::duration_cast<std::chrono::nanoseconds>(maxAge).count() ? m : nullptr;
 }
 
 UserHost::UserHost(unsigned workers, std::size_t maxUsers) : m_pool(workers), m_maxUsers(maxUsers) {}
@@ -62,6 +79,13 @@ std::shared_ptr<UserSlot> UserHost::slotFor(const std::string& user) {
 void UserHost::runAs(const std::string& user, std::function<void(UserSlot&)> work) {
     std::shared_ptr<UserSlot> slot = slotFor(user);
     boost::asio::post(slot->m_strand, [slot, work = std::move(work)] { work(*slot); });
+}
+
+void UserHost::runReading(const std::string& user, std::chrono::steady_clock::duration maxAge,
+                          std::function<void(UserSlot&, bool fresh)> work) {
+    std::shared_ptr<UserSlot> slot = slotFor(user);
+    if (slot->freshManager(maxAge)) return work(*slot, true);
+    boost::asio::post(slot->m_strand, [slot, work = std::move(work)] { work(*slot, false); });
 }
 
 void UserHost::runAnywhere(std::function<void()> work) { boost::asio::post(m_pool, std::move(work)); }

@@ -17,6 +17,8 @@
 #include <boost/asio/thread_pool.hpp>
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
@@ -47,6 +49,14 @@ public:
     FavoritesManager& manager(catalog::ManagedCatalog& store, catalog::Catalog& catalog);
     const AccountToken& token() const noexcept { return m_token; }
 
+    // Notes that the manager was just in step with the store: every operation
+    // run for the user checks that (and reloads) before it answers.
+    void markInSync() noexcept;
+    // The manager, when it is loaded and was in step with the store less than
+    // maxAge ago; null otherwise. Safe from any thread; the manager may then
+    // be used only for isFavorite, which has locks of its own.
+    FavoritesManager* freshManager(std::chrono::steady_clock::duration maxAge) const noexcept;
+
 private:
     friend class UserHost;
     const std::string m_name;  // UTF-8
@@ -54,6 +64,8 @@ private:
     std::atomic<std::size_t>& m_managers;
     AccountToken m_token;
     Handle<FavoritesManager> m_manager;
+    std::atomic<FavoritesManager*> m_published{nullptr};  // m_manager, once made
+    std::atomic<std::int64_t> m_inSyncAt{0};              // steady clock, nanoseconds
     std::list<std::string>::iterator m_lru;  // guarded by the host's mutex
 };
 
@@ -65,6 +77,11 @@ public:
     // Runs work(slot) on the user's strand: after every earlier work of that
     // user, never beside another work of that user.
     void runAs(const std::string& user, std::function<void(UserSlot&)> work);
+    // Runs work(slot) at once on the calling thread when the user's manager
+    // is fresh (UserSlot::freshManager), otherwise as runAs does; `fresh`
+    // tells the work which one happened.
+    void runReading(const std::string& user, std::chrono::steady_clock::duration maxAge,
+                    std::function<void(UserSlot&, bool fresh)> work);
     // Runs work on any worker (password checks).
     void runAnywhere(std::function<void()> work);
     // Users whose manager is in memory.

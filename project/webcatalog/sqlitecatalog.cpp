@@ -1426,29 +1426,52 @@ AccountToken SqliteCatalog::tokenFor(const String& name) {
     });
 }
 
+namespace {
+
+// The children of a folder in path order; with `reader`, only those the
+// reader may read, and the folder itself must be readable by the reader.
+// One snapshot serves the rows and the access lists.
+std::vector<SqliteCatalog::Entry> listEntries(SqliteCatalog::Impl& impl, const Path& folder,
+                                              const AccountToken* reader) {
+    const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
+    std::vector<SqliteCatalog::Entry> entries;
+    const std::string p = toUtf8(folder);
+    SqliteCatalog::Impl::Lease c(impl);
+    Query snapshot(*c, kStClock);  // holds one read transaction for what follows
+    snapshot.step();
+    if (reader) impl.refreshAcl(*c, localGen);
+    const int kind = kindAt(*c, p);
+    if (kind == 0) adminFail(kErrorPathNotFound, folder);
+    if (reader && !SqliteCatalog::Impl::mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, p)))
+        adminFail(kErrorAccessDenied, folder);
+    if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
+    Query q(*c, "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path");
+    q.text(1, p);
+    while (q.step()) {
+        if (reader && !SqliteCatalog::Impl::mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, q.textAt(0))))
+            continue;
+        SqliteCatalog::Entry e;
+        e.path = Path(fromUtf8(q.textAt(0)), kUnchecked);
+        e.type = static_cast<unsigned>(q.integerAt(1));
+        e.lastModified = q.integerAt(2);
+        e.signature = fromUtf8(q.textAt(3));
+        e.linkTarget = fromUtf8(q.textAt(4));
+        decodeProperties(e.properties, q.blobAt(5));
+        entries.push_back(std::move(e));
+    }
+    return entries;
+}
+
+}  // namespace
+
 std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
     requireValid(folder);
-    return adminCall(*m_impl, folder, [&] {
-        std::vector<Entry> entries;
-        const std::string p = toUtf8(folder);
-        Impl::Lease c(*m_impl);
-        const int kind = kindAt(*c, p);
-        if (kind == 0) adminFail(kErrorPathNotFound, folder);
-        if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
-        Query q(*c, "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path");
-        q.text(1, p);
-        while (q.step()) {
-            Entry e;
-            e.path = Path(fromUtf8(q.textAt(0)), kUnchecked);
-            e.type = static_cast<unsigned>(q.integerAt(1));
-            e.lastModified = q.integerAt(2);
-            e.signature = fromUtf8(q.textAt(3));
-            e.linkTarget = fromUtf8(q.textAt(4));
-            decodeProperties(e.properties, q.blobAt(5));
-            entries.push_back(std::move(e));
-        }
-        return entries;
-    });
+    return adminCall(*m_impl, folder, [&] { return listEntries(*m_impl, folder, nullptr); });
+}
+
+std::vector<SqliteCatalog::Entry> SqliteCatalog::listReadable(const AccountToken& user, const Path& folder) {
+    requireValid(folder);
+    return adminCall(*m_impl, folder, [&] { return listEntries(*m_impl, folder, &user); });
 }
 
 std::string SqliteCatalog::readRaw(const Path& path) {

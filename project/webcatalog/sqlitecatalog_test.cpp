@@ -715,6 +715,41 @@ TEST_F(SqliteCatalogTest, ListGivesEachChildsProperties) {
     EXPECT_EQ(entries[1].properties.at(L"owner"), L"alice");
 }
 
+TEST_F(SqliteCatalogTest, ListReadableGivesOnlyTheChildrenTheUserMayRead) {
+    catalog->putObject(Path(L"/shared/sales"), L"s", {}, "x");
+    catalog->clearAccess(Path(L"/shared/sales"));
+    catalog->setAccess(Path(L"/shared/sales"), L"sales", true, Rights::kRead);
+    catalog->putObject(Path(L"/shared/finance"), L"s", {}, "x");
+    catalog->clearAccess(Path(L"/shared/finance"));
+    catalog->setAccess(Path(L"/shared/finance"), L"finance", true, Rights::kRead);
+    auto names = [&](const AccountToken& user) {
+        std::vector<std::wstring> out;
+        for (const auto& e : catalog->listReadable(user, Path(L"/shared"))) out.push_back(e.path.toString());
+        return out;
+    };
+    EXPECT_EQ(names(alice), (std::vector<std::wstring>{L"/shared/report", L"/shared/sales"}));
+    EXPECT_EQ(names(bob), (std::vector<std::wstring>{L"/shared/finance", L"/shared/report"}));
+    EXPECT_EQ(names(admin).size(), 3u);
+}
+
+TEST_F(SqliteCatalogTest, ListReadableOfAFolderTheUserMayNotReadIsAccessDenied) {
+    catalog->makeFolder(Path(L"/shared/hidden"));
+    catalog->clearAccess(Path(L"/shared/hidden"));
+    catalog->setAccess(Path(L"/shared/hidden"), L"finance", true, Rights::kRead);
+    auto code = [&](const AccountToken& user, const wchar_t* path) {
+        try {
+            catalog->listReadable(user, Path(path));
+            return kSuccess;
+        } catch (const CatalogException& e) {
+            return e.getCode();
+        }
+    };
+    EXPECT_EQ(code(alice, L"/shared/hidden"), kErrorAccessDenied);
+    EXPECT_EQ(code(bob, L"/shared/hidden"), kSuccess);
+    EXPECT_EQ(code(alice, L"/shared/missing"), kErrorPathNotFound);
+    EXPECT_EQ(code(alice, L"/shared/report"), kErrorFolderExpected);
+}
+
 TEST_F(SqliteCatalogTest, OnlyTheAdministratorsGroupMakesAnAdministrator) {
     EXPECT_TRUE(ManagedCatalog::isAdministrator(admin));
     EXPECT_FALSE(ManagedCatalog::isAdministrator(alice));

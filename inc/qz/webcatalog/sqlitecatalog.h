@@ -122,6 +122,7 @@ public:
     void setPasswordHash(const String& name, const std::string& hash) override;
     std::string passwordHash(const String& name) override;
     std::vector<Entry> list(const Path& folder) override;
+    std::vector<Entry> listReadable(const AccountToken& user, const Path& folder) override;
     std::string readRaw(const Path& path) override;
     bool exists(const Path& path) override;
     void remove(const Path& path) override;
