@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev
   libboost1.81-dev libsodium-dev wrk
+  nodejs chromium
 )
 
 missing=()
@@ -25,4 +26,13 @@ if [ ${#missing[@]} -gt 0 ]; then
   export DEBIAN_FRONTEND=noninteractive
   $SUDO apt-get update -qq
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The page's browser tests: the npm packages pinned in web/package-lock.json.
+root="$(cd "$(dirname "$0")/.." && pwd)"
+stamp="$root/web/node_modules/.installed-from-lock"
+if ! cmp -s "$root/web/package-lock.json" "$stamp" 2>/dev/null; then
+  echo "setup: npm ci in web/"
+  (cd "$root/web" && npm ci --no-audit --no-fund --loglevel=error)
+  cp "$root/web/package-lock.json" "$stamp"
 fi

@@ -2,7 +2,7 @@
 # and tool (see harness.py). Included from the favoritesd directory's
 # CMakeLists.txt; `ctest -L server` runs them all.
 set(KIV_SERVER_TEST_ENVIRONMENT
-  "FAVORITESD=$<TARGET_FILE:favoritesd>;FAVORITES_TOOL=$<TARGET_FILE:favorites>;KIV_DATA_DIR=${KIV_BUILD_DATA_DIR}")
+  "FAVORITESD=$<TARGET_FILE:favoritesd>;FAVORITES_TOOL=$<TARGET_FILE:favorites>;KIV_DATA_DIR=${KIV_BUILD_DATA_DIR};PYTHONDONTWRITEBYTECODE=1")
 
 add_test(NAME server_test_rest_api COMMAND /usr/bin/python3 ${CMAKE_CURRENT_LIST_DIR}/test_rest_api.py)
 set_tests_properties(server_test_rest_api PROPERTIES

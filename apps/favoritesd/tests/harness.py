@@ -21,6 +21,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -39,6 +40,17 @@ START_TIMEOUT = 30.0
 STOP_TIMEOUT = 30.0
 REQUEST_TIMEOUT = 30.0
 TOOL_TIMEOUT = 120.0
+
+# Runs a command so that it is killed when the process that started it dies
+# (PR_SET_PDEATHSIG, kept across exec): a test run that is killed leaves no
+# server behind. argv: parent pid, program, arguments.
+_KILL_WITH_PARENT = (
+    "import ctypes, os, signal, sys\n"
+    "ctypes.CDLL(None, use_errno=True).prctl(1, signal.SIGKILL)\n"
+    "if os.getppid() != int(sys.argv[1]):\n"
+    "    sys.exit(70)\n"
+    "os.execv(sys.argv[2], sys.argv[2:])\n"
+)
 
 LISTENING_RE = re.compile(r"^listening on http://127\.0\.0\.1:(\d+)$")
 
@@ -271,7 +283,7 @@ class Server:
 
     def start(self):
         self.proc = subprocess.Popen(
-            self.command,
+            [sys.executable, "-c", _KILL_WITH_PARENT, str(os.getpid())] + self.command,
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,

@@ -3,11 +3,14 @@ anti-forgery token, acting for another user, and the slow-down of failed
 sign-ins."""
 
 import re
+import sys
 import time
 import unittest
 
-import harness
-from harness import ADMIN, ALICE, BOB, query
+sys.dont_write_bytecode = True  # keep the source tree free of __pycache__
+
+import harness  # noqa: E402
+from harness import ADMIN, ALICE, BOB, query  # noqa: E402
 
 API = "/api/v1"
 HEX64_RE = re.compile(r"^[0-9a-f]{64}$")

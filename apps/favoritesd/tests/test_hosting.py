@@ -2,13 +2,15 @@
 new users, the mobile upgrade, the manager cache, the access log, metrics,
 health and the configuration file."""
 
-import os
 import re
+import sys
 import time
 import unittest
 
-import harness
-from harness import ADMIN, ALICE, BOB, CAROL, DAVE, query
+sys.dont_write_bytecode = True  # keep the source tree free of __pycache__
+
+import harness  # noqa: E402
+from harness import ADMIN, ALICE, BOB, CAROL, DAVE, query  # noqa: E402
 
 API = "/api/v1"
 PIPELINE = "/shared/Sales/Reports/Pipeline"
@@ -64,7 +66,39 @@ class HostingTests(harness.ServerTestCase):
         r = self.get(API + "/favorites", auth=ALICE)
         self.assertJson(r, 200, {"user": "alice", "favoritesPath": "/users/alice/favorites", "items": harness.ALICE_ITEMS})
 
-    def test_a_change_made_with_the_tool_is_seen_at_the_next_status_request(self):
+    def status_of_budget(self):
+        r = self.post(API + "/favorites/status", {"paths": [BUDGET]}, auth=BOB)
+        return self.assertJson(r, 200)["results"][0]["favorite"]
+
+    def test_a_change_made_with_the_tool_is_seen_by_status_once_the_index_is_older_than_its_max_age(self):
+        # Status answers from an index checked against the store at most
+        # --status-max-age (default 1 s) ago.
+        time.sleep(1.2)  # past any change another test of the class made
+        self.assertFalse(self.status_of_budget())
+        self.catalog.favorites("bob", "add", BUDGET)
+        try:
+            time.sleep(1.2)
+            self.assertTrue(self.status_of_budget(), "the server's answer does not reflect the tool's add")
+        finally:
+            self.catalog.favorites("bob", "rm", BUDGET)
+        time.sleep(1.2)
+        self.assertFalse(self.status_of_budget(), "the server's answer does not reflect the tool's removal")
+
+    def test_a_change_made_with_the_tool_is_seen_by_status_after_any_other_request(self):
+        time.sleep(1.2)  # past any change another test of the class made
+        self.assertFalse(self.status_of_budget())
+        self.catalog.favorites("bob", "add", BUDGET)
+        try:
+            self.assertJson(self.get(API + "/favorites", auth=BOB), 200)
+            self.assertTrue(self.status_of_budget(), "the reload of the GET does not reach status")
+        finally:
+            self.catalog.favorites("bob", "rm", BUDGET)
+
+
+class StatusMaxAgeZeroTests(harness.ServerTestCase):
+    server_flags = ["--status-max-age", "0"]
+
+    def test_with_max_age_zero_a_change_made_with_the_tool_is_seen_at_the_next_status_request(self):
         def status():
             r = self.post(API + "/favorites/status", {"paths": [BUDGET]}, auth=BOB)
             return self.assertJson(r, 200)["results"][0]["favorite"]
@@ -74,6 +108,10 @@ class HostingTests(harness.ServerTestCase):
         self.assertTrue(status(), "the server's answer does not reflect the tool's add")
         self.catalog.favorites("bob", "rm", BUDGET)
         self.assertFalse(status(), "the server's answer does not reflect the tool's removal")
+
+
+class HostingEditTests(harness.ServerTestCase):
+    users = {"frank": ("pw-frank", ["sales"])}
 
     def test_an_edit_after_a_change_made_with_the_tool_succeeds(self):
         frank = ("frank", "pw-frank")
@@ -226,7 +264,13 @@ class AccessLogTests(harness.FreshServerTestCase):
                 201,
                 "alice",
             ),
-            (server.request("GET", API + "/nope", auth=BOB), "GET", API + "/nope", 404, "bob"),
+            (
+                server.request("GET", API + "/favorites/children" + query(category="Nope"), auth=BOB),
+                "GET",
+                API + "/favorites/children",
+                404,
+                "bob",
+            ),
             (server.request("DELETE", API + "/favorites/categories", auth=("bob", "wrong")), "DELETE", API + "/favorites/categories", 401, None),
         ]
         for r, _, _, status, _ in expected:
@@ -242,23 +286,27 @@ class AccessLogTests(harness.FreshServerTestCase):
             )
             self.assertGreaterEqual(len(line.split()), 6, "a line has time, user, method, path, status, bytes and duration: %r" % line)
 
-    def test_the_access_log_can_go_to_standard_output(self):
+    def console_lines(self, server):
+        return server.stdout_lines() + server.stderr_text().splitlines()
+
+    def test_the_access_log_dash_writes_lines_to_the_console(self):
         server = self.start("--access-log", "-")
         self.assertStatus(server.request("GET", API + "/favorites/children", auth=ALICE), 200)
         found = harness.poll(
-            lambda: [l for l in server.stdout_lines() if self.matches(l, "GET", API + "/favorites/children", 200, "alice")],
+            lambda: [l for l in self.console_lines(server) if self.matches(l, "GET", API + "/favorites/children", 200, "alice")],
             10,
         )
-        self.assertTrue(found, "no access log line on standard output:\n%s" % server.stdout_text())
+        self.assertTrue(
+            found,
+            "no access log line on standard output or standard error:\n%s\n%s" % (server.stdout_text(), server.stderr_text()),
+        )
         self.stop_and_check(server)
 
     def test_access_log_off_writes_no_lines(self):
         server = self.start("--access-log", "off")
         self.assertStatus(server.request("GET", API + "/favorites/children", auth=ALICE), 200)
         self.stop_and_check(server)
-        self.assertFalse(
-            [l for l in server.stdout_lines() if API + "/favorites/children" in l], server.stdout_text()
-        )
+        self.assertFalse([l for l in self.console_lines(server) if API + "/favorites/children" in l])
 
 
 class ConfigFileTests(harness.FreshServerTestCase):

@@ -4,14 +4,20 @@ connections, the connection cap, and stopping with requests in flight."""
 import http.client
 import json
 import select
+import sys
 import threading
 import time
 import unittest
 
-import harness
-from harness import ADMIN, ALICE, BOB, CAROL, DAVE
+sys.dont_write_bytecode = True  # keep the source tree free of __pycache__
+
+import harness  # noqa: E402
+from harness import ADMIN, ALICE, BOB, CAROL, DAVE  # noqa: E402
 
 API = "/api/v1"
+# Categories of the large tree put while the server is told to stop (8
+# objects each): enough that storing it takes a good part of a second.
+CATEGORIES = 6000
 HEALTHZ = harness.raw_request_bytes("GET", "/healthz")
 READABLE_BY_ALICE = [
     "/shared/Sales/Reports/Pipeline",
@@ -236,16 +242,18 @@ class MaxConnectionsTests(harness.ServerTestCase):
 class ShutdownTests(harness.FreshServerTestCase):
     def test_sigterm_lets_requests_in_flight_finish_and_the_server_exits_0(self):
         server = self.start("--shutdown-timeout", 20)
-        for who in (ALICE, BOB, CAROL, DAVE, ADMIN):
+        # alice and carol are signed in beforehand; bob, dave and admin sign
+        # in with their requests, whose password checks are then in flight too.
+        for who in (ALICE, CAROL):
             self.assertStatus(server.request("GET", API + "/favorites", auth=who), 200)
 
         big_tree = [
             {"type": "1", "name": "C%04d" % i, "children": [{"type": "0", "path": p} for p in READABLE_BY_ALICE]}
-            for i in range(1500)
+            for i in range(CATEGORIES)
         ]
         carol_tree = [
             {"type": "1", "name": "D%04d" % i, "children": [{"type": "0", "path": p} for p in READABLE_BY_ALICE[:4]]}
-            for i in range(800)
+            for i in range(2000)
         ]
         holidays = {"catalogPath": "/shared/Common/Holiday Calendar"}
         jobs = [
@@ -257,6 +265,7 @@ class ShutdownTests(harness.FreshServerTestCase):
         ]
         sent = [threading.Event() for _ in jobs]
         results = [None] * len(jobs)
+        answered = [None] * len(jobs)
 
         def run(i, method, path, auth, data):
             conn = server.connection(timeout=60)
@@ -271,6 +280,7 @@ class ShutdownTests(harness.FreshServerTestCase):
                 sent[i].set()
                 resp = conn.getresponse()
                 results[i] = (resp.status, resp.read())
+                answered[i] = time.monotonic()
             except Exception as e:  # reported below with the job's name
                 results[i] = ("exception", repr(e))
             finally:
@@ -285,8 +295,9 @@ class ShutdownTests(harness.FreshServerTestCase):
             t.start()
         for e in sent:
             self.assertTrue(e.wait(30), "a request could not be sent")
-        time.sleep(0.3)
+        time.sleep(0.1)
         server.signal_term()
+        signalled = time.monotonic()
 
         time.sleep(0.5)
         try:
@@ -303,13 +314,18 @@ class ShutdownTests(harness.FreshServerTestCase):
         for (name, _, _, _, _, expected), result in zip(jobs, results):
             with self.subTest(request=name):
                 self.assertEqual(result[0], expected, "%s: %r" % (name, result))
-        self.assertEqual(json.loads(results[0][1]), {"result": "kSuccess", "categories": 1500, "catalogObjects": 12000})
+        self.assertEqual(
+            json.loads(results[0][1]), {"result": "kSuccess", "categories": CATEGORIES, "catalogObjects": 8 * CATEGORIES}
+        )
 
+        self.assertGreater(
+            answered[0], signalled, "the large PUT was answered before SIGTERM: it was not in flight (make it larger)"
+        )
         code = server.wait(30)
         self.assertIsNotNone(code, "favoritesd did not exit within 30 s after SIGTERM")
         self.assertEqual(code, 0, "favoritesd exited with status %s\n%s" % (code, server.stderr_tail()))
         self.assertTrue(harness.port_is_closed(server.port), "the port still accepts connections after the server exited")
-        self.assertEqual(len(self.catalog.tree_items("alice")), 1500, "alice's replaced tree was not stored")
+        self.assertEqual(len(self.catalog.tree_items("alice")), CATEGORIES, "alice's replaced tree was not stored")
         self.assertTrue(self.catalog.is_favorite("bob", "/shared/Common/Holiday Calendar"))
 
     def test_sigterm_when_idle_exits_0_and_stops_accepting(self):

@@ -3,11 +3,14 @@ answers and its error mapping."""
 
 import json
 import re
+import sys
 import unittest
 import xml.etree.ElementTree as ET
 
-import harness
-from harness import ALICE, BOB, query
+sys.dont_write_bytecode = True  # keep the source tree free of __pycache__
+
+import harness  # noqa: E402
+from harness import ALICE, BOB, query  # noqa: E402
 
 API = "/api/v1"
 FAV_NS = "{urn:kiv-web:favorites/v1}"
@@ -400,6 +403,10 @@ class ReadTests(harness.ServerTestCase):
         r = self.get(API + "/catalog/children" + query(path="/shared/Nope"), auth=ALICE)
         self.assertError(r, 404, "catalog", 1, "kErrorPathNotFound", path="/shared/Nope")
 
+    def test_catalog_children_of_an_object_answers_400_folder_expected(self):
+        r = self.get(API + "/catalog/children" + query(path=PIPELINE), auth=ALICE)
+        self.assertError(r, 400, "catalog", 15, "kErrorFolderExpected", path=PIPELINE)
+
     def test_catalog_children_leaves_out_what_the_user_cannot_read(self):
         r = self.get(API + "/catalog/children" + query(path="/shared/Common"), auth=ALICE)
         self.assertEqual(
@@ -543,7 +550,7 @@ class EditTests(harness.ServerTestCase):
     who starts with no favorites."""
 
     server_flags = ("--max-body", MAX_BODY)
-    users = {"e%02d" % i: ("pw-e%02d" % i, ["sales"]) for i in range(1, 23)}
+    users = {"e%02d" % i: ("pw-e%02d" % i, ["sales"]) for i in range(1, 33)}
     _next_user = 0
 
     @classmethod
