@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "qz/platform/soap.h"
+#include "soapfavorites.h"
 
 namespace {
 
@@ -82,6 +83,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::size_t visited = 0;
     for (SoapParameter* p : request->getBodyParams()) visitAll(*p, 0, visited);
     visited = 0;
-    walkItems(request->getFavoriteItems(), 0, visited);
+    walkItems(kiv::host::favoriteItemsOf(*request), 0, visited);
     return 0;
 }

@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev
   libboost1.81-dev libsodium-dev wrk
-  nodejs chromium
+  nodejs chromium python3-zeep
 )
 
 missing=()

@@ -38,9 +38,29 @@ void exportItemJson(JsonWriter& w, const Handle<FavoritesItem>& item) {
     w.endObject();
 }
 
-std::string xmlAttribute(const String& value) {
+void exportItemXml(const Handle<FavoritesItem>& item, int depth, std::string& out) {
+    const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
+    out += indent + "<favorite name=\"" + xmlEscape(item->getName().toString()) + "\"";
+    if (isCategory(*item)) {
+        const FavoritesItems children = childrenOf(item);
+        if (children.empty()) {
+            out += " type=\"category\"/>\n";
+            return;
+        }
+        out += " type=\"category\">\n";
+        for (const Handle<FavoritesItem>& child : children) exportItemXml(child, depth + 1, out);
+        out += indent + "</favorite>\n";
+    } else {
+        out += " catalogpath=\"" + xmlEscape(item->getCatalogPath().toString()) + "\" type=\"catalogitem\"/>\n";
+    }
+}
+
+}  // namespace
+
+std::string xmlEscape(std::string_view utf8) {
     std::string out;
-    for (const char ch : value.toUtf8()) {
+    out.reserve(utf8.size());
+    for (const char ch : utf8) {
         switch (ch) {
             case '&': out += "&amp;"; break;
             case '<': out += "&lt;"; break;
@@ -54,25 +74,6 @@ std::string xmlAttribute(const String& value) {
     }
     return out;
 }
-
-void exportItemXml(const Handle<FavoritesItem>& item, int depth, std::string& out) {
-    const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
-    out += indent + "<favorite name=\"" + xmlAttribute(item->getName().toString()) + "\"";
-    if (isCategory(*item)) {
-        const FavoritesItems children = childrenOf(item);
-        if (children.empty()) {
-            out += " type=\"category\"/>\n";
-            return;
-        }
-        out += " type=\"category\">\n";
-        for (const Handle<FavoritesItem>& child : children) exportItemXml(child, depth + 1, out);
-        out += indent + "</favorite>\n";
-    } else {
-        out += " catalogpath=\"" + xmlAttribute(item->getCatalogPath().toString()) + "\" type=\"catalogitem\"/>\n";
-    }
-}
-
-}  // namespace
 
 FavoritesItems childrenOf(const Handle<FavoritesItem>& item) {
     FavoritesItems out;

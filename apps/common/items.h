@@ -11,6 +11,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "jsonwriter.h"
 #include "qz/webfavorites/favoritesitem.h"
@@ -33,6 +34,11 @@ std::string treeText(const FavoritesItems& items);
 // One line per item: type, favorites path and, for catalog objects, the
 // catalog path.
 std::string listText(const FavoritesItems& items);
+
+// `text` in UTF-8 with &, <, >, " and TAB, LF and CR written as references:
+// fit for element content and double-quoted attribute values.
+std::string xmlEscape(std::string_view utf8);
+inline std::string xmlEscape(const String& text) { return xmlEscape(std::string_view(text.toUtf8())); }
 
 // The items in the replacement format of replace-json.
 std::string exportJson(const FavoritesItems& items);

@@ -9,6 +9,7 @@
 #include "jsonwriter.h"
 #include "favoritesopen.h"
 #include "items.h"
+#include "soapfavorites.h"
 #include "qz/platform/gd.h"
 #include "qz/platform/soap.h"
 #include "textinput.h"
@@ -293,7 +294,7 @@ void addReplaceSoap(CLI::App& app, const GlobalOptions& options, CommandSet& com
             throw InputError(name + ": not a usable SOAP request envelope (" + e.getMessageText().toUtf8() + ")");
         }
         FavoritesSession s(options);
-        check(s.manager().updateAll(request->getFavoriteItems()), inputItemLabel(*file));
+        check(s.manager().updateAll(host::favoriteItemsOf(*request)), inputItemLabel(*file));
         printReplaced(options, s);
     });
 }

@@ -58,5 +58,8 @@ HttpResponse deleteFavoritesCategory(Call& call);  // DELETE /api/v1/favorites/c
 HttpResponse putFavorites(Call& call);          // PUT /api/v1/favorites
 HttpResponse getFavoritesExport(Call& call);    // GET /api/v1/favorites/export
 HttpResponse getCatalogChildren(Call& call);    // GET /api/v1/catalog/children
+HttpResponse postSoap(Call& call);              // POST /soap (soapservice.cpp)
+// GET /soap?wsdl: the WSDL with its address naming `host` (the Host header).
+HttpResponse wsdlDocument(std::string_view host);
 
 }  // namespace kiv::server

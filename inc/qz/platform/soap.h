@@ -263,13 +263,6 @@ public:
     SoapParameter* findById(const String& id) const noexcept;
     std::size_t getParameterCount() const noexcept { return m_vAll.size(); }
 
-    // The top-level favorite items of an updateFavorites request: the
-    // operation's children named "favoriteItem", in order; when it has none
-    // of them, the children (of any name) of its first child named
-    // "favoriteItems" (an array wrapper). References are returned as they
-    // are: their children are the target's.
-    std::vector<SoapParameter*> getFavoriteItems() const;
-
 private:
     friend struct SoapParser;
     friend class SoapParameter;

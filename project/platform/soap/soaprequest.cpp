@@ -420,21 +420,4 @@ SoapParameter* SoapRequest::findById(const String& id) const noexcept {
     return it == m_ids.end() ? nullptr : it->second;
 }
 
-std::vector<SoapParameter*> SoapRequest::getFavoriteItems() const {
-    static const String ksItem = L"favoriteItem";
-    static const String ksWrapper = L"favoriteItems";
-    const SoapParameter& op = *m_vBodyParams.front();
-    std::vector<SoapParameter*> items;
-    for (auto it = op.begin(); it != op.end(); ++it)
-        if ((*it)->getName() == ksItem) items.push_back(*it);
-    if (!items.empty()) return items;
-    for (auto it = op.begin(); it != op.end(); ++it) {
-        if ((*it)->getName() != ksWrapper) continue;
-        const SoapParameter* wrapper = *it;
-        for (auto w = wrapper->begin(); w != wrapper->end(); ++w) items.push_back(*w);
-        break;
-    }
-    return items;
-}
-
 }  // namespace kiv
