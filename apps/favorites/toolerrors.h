@@ -35,18 +35,7 @@ std::string exitStatusHelp();
 using host::InputError;
 using host::UsageError;
 
-// A favorites operation answered a code other than kSuccess; `arg` is the
-// insert of its message (a path or a name).
-class FavoritesFailure : public std::exception {
-public:
-    FavoritesFailure(favorites::ReturnCode code, std::string arg) : m_code(code), m_arg(std::move(arg)) {}
-    favorites::ReturnCode code() const noexcept { return m_code; }
-    const std::string& arg() const noexcept { return m_arg; }
-    const char* what() const noexcept override { return favorites::returnCodeName(m_code); }
-
-private:
-    favorites::ReturnCode m_code;
-    std::string m_arg;
-};
+// A favorites operation answered a code other than kSuccess.
+using host::FavoritesFailure;
 
 }  // namespace kiv::tool

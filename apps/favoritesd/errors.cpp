@@ -86,7 +86,7 @@ HttpResponse responseForCurrentException() {
         throw;
     } catch (const ApiError& e) {
         return serverErrorResponse(e.status(), e.name(), e.what());
-    } catch (const FavoritesError& e) {
+    } catch (const FavoritesFailure& e) {
         return favoritesErrorResponse(e.code(), e.arg());
     } catch (const catalog::CatalogException& e) {
         return catalogErrorResponse(e.getCode(), e.getPath().toUtf8());

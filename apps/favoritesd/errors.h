@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "hosterrors.h"
 #include "http.h"
 #include "qz/webcatalog/returncode.h"
 #include "qz/webfavorites/favoritestypes.h"
@@ -35,25 +36,15 @@ private:
     std::string m_name;
 };
 
-// A favorites operation answered `code`; `arg` is its message's insert.
-class FavoritesError : public std::exception {
-public:
-    FavoritesError(favorites::ReturnCode code, std::string arg) : m_code(code), m_arg(std::move(arg)) {}
-    favorites::ReturnCode code() const noexcept { return m_code; }
-    const std::string& arg() const noexcept { return m_arg; }
-    const char* what() const noexcept override { return favorites::returnCodeName(m_code); }
-
-private:
-    favorites::ReturnCode m_code;
-    std::string m_arg;
-};
+// A favorites operation answered a code other than kSuccess.
+using host::FavoritesFailure;
 
 HttpResponse serverErrorResponse(int status, std::string_view name, std::string_view message);
 HttpResponse favoritesErrorResponse(favorites::ReturnCode code, const std::string& arg);
 HttpResponse catalogErrorResponse(catalog::ReturnCode code, const std::string& path);
 
 // The response for the exception being handled (call inside a catch block):
-// ApiError, FavoritesError, CatalogException, the hosts' UsageError and
+// ApiError, FavoritesFailure, CatalogException, the hosts' UsageError and
 // InputError (400), UTF-8 errors (400); anything else is 500.
 HttpResponse responseForCurrentException();
 

@@ -79,10 +79,10 @@ namespace {
 
 std::string u8(const String& s) { return s.toUtf8(); }
 
-// Raises FavoritesError for a code other than kSuccess; `arg` is the insert
+// Raises FavoritesFailure for a code other than kSuccess; `arg` is the insert
 // of its message.
 void check(favorites::ReturnCode rc, const String& arg) {
-    if (rc != favorites::kSuccess) throw FavoritesError(rc, u8(arg));
+    if (rc != favorites::kSuccess) throw FavoritesFailure(rc, u8(arg));
 }
 
 // An edit the library answered with kErrorFavoritesOutOfSync has already
@@ -271,7 +271,7 @@ HttpResponse deleteFavoritesItem(Call& call) {
         // library can answer: say that the category path is not valid.
         reloadIfChanged(m);
         if (!everywhere && m.findCategory(category).isNull())
-            throw FavoritesError(favorites::kErrorInvalidFavoritesPath, u8(category.toString()));
+            throw FavoritesFailure(favorites::kErrorInvalidFavoritesPath, u8(category.toString()));
         Handle<FavoritesItem> item;
         check(m.createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
         return m.deleteItem(item, everywhere);
@@ -301,7 +301,7 @@ HttpResponse putFavorites(Call& call) {
     const String text = host::inputText(call.request.body, "the request body");
     // The library would take any other text as an empty tree: refuse it here,
     // before anything is replaced.
-    if (!host::isJsonArray(text)) throw FavoritesError(favorites::kErrorInvalidFavoritesJson, "");
+    if (!host::isJsonArray(text)) throw FavoritesFailure(favorites::kErrorInvalidFavoritesJson, "");
     FavoritesManager& m = call.manager;
     check(withOneRetry([&] { return m.updateAll(text); }), String(L"the request body"));
     int categories = 0, objects = 0;
