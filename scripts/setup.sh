@@ -8,7 +8,7 @@ packages=(
   libxml2-dev libsqlite3-dev libsimdjson-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev
-  libboost1.81-dev libsodium-dev wrk
+  libboost1.81-dev libsodium-dev libssl-dev openssl wrk
   nodejs chromium python3-zeep
 )
 

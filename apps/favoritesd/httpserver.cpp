@@ -4,8 +4,10 @@
 #include "httpserver.h"
 
 #include <boost/asio.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
 
 #include <chrono>
 #include <csignal>
@@ -13,6 +15,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "errors.h"
@@ -34,17 +37,30 @@ std::chrono::steady_clock::duration seconds(double s) {
     return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(s));
 }
 
-// One accepted connection. Its socket is used only on its own strand.
-struct Connection {
-    explicit Connection(tcp::socket s) : stream(std::move(s)) {}
-    beast::tcp_stream stream;
-    bool busy = false;  // a request is being read, handled or answered
+using PlainStream = beast::tcp_stream;
+using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
-    void close() {
+// One accepted connection. Its socket is used only on its own strand.
+struct ConnectionBase {
+    virtual ~ConnectionBase() = default;
+    virtual void close() = 0;
+    virtual asio::any_io_executor executor() = 0;
+    bool busy = false;  // a request is being read, handled or answered
+};
+
+template <class Stream>
+struct Connection final : ConnectionBase {
+    explicit Connection(tcp::socket s) : stream(std::move(s)) {}
+    Connection(tcp::socket s, asio::ssl::context& tls) : stream(std::move(s), tls) {}
+    Stream stream;
+
+    beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream); }
+    void close() override {
         beast::error_code ec;
-        stream.socket().shutdown(tcp::socket::shutdown_both, ec);
-        stream.socket().close(ec);
+        lowest().socket().shutdown(tcp::socket::shutdown_both, ec);
+        lowest().socket().close(ec);
     }
+    asio::any_io_executor executor() override { return stream.get_executor(); }
 };
 
 HttpRequest toRequest(http::request<http::string_body>&& in, const std::string& peer) {
@@ -81,6 +97,7 @@ struct HttpServer::Impl {
     Settings settings;
     RequestHandler& handler;
     asio::io_context ioc{static_cast<int>(settings.ioThreads)};
+    std::unique_ptr<asio::ssl::context> tls;  // set when the server speaks TLS
     tcp::acceptor acceptor{ioc};
     asio::strand<asio::io_context::executor_type> control = asio::make_strand(ioc);
     asio::signal_set signals{control, SIGINT, SIGTERM};
@@ -89,14 +106,14 @@ struct HttpServer::Impl {
 
     std::atomic<bool> stopping{false};
     std::mutex mutex;
-    std::set<std::shared_ptr<Connection>> live;  // guarded by mutex
+    std::set<std::shared_ptr<ConnectionBase>> live;  // guarded by mutex
 
     std::size_t connectionCount() {
         std::lock_guard<std::mutex> lock(mutex);
         return live.size();
     }
 
-    void forget(const std::shared_ptr<Connection>& conn) {
+    void forget(const std::shared_ptr<ConnectionBase>& conn) {
         bool last = false;
         {
             std::lock_guard<std::mutex> lock(mutex);
@@ -110,13 +127,13 @@ struct HttpServer::Impl {
     // Closes the connections that match, each on its own strand.
     template <class Pred>
     void closeConnections(Pred pred) {
-        std::vector<std::shared_ptr<Connection>> all;
+        std::vector<std::shared_ptr<ConnectionBase>> all;
         {
             std::lock_guard<std::mutex> lock(mutex);
             all.assign(live.begin(), live.end());
         }
         for (auto& c : all)
-            asio::post(c->stream.get_executor(), [c, pred] {
+            asio::post(c->executor(), [c, pred] {
                 if (pred(*c)) c->close();
             });
     }
@@ -127,11 +144,11 @@ struct HttpServer::Impl {
         beast::error_code ec;
         acceptor.close(ec);
         signals.cancel(ec);
-        closeConnections([](const Connection& c) { return !c.busy; });
+        closeConnections([](const ConnectionBase& c) { return !c.busy; });
         if (connectionCount() == 0) return;
         deadline.expires_after(seconds(settings.shutdownTimeoutSeconds));
         deadline.async_wait([this](beast::error_code e) {
-            if (!e) closeConnections([](const Connection&) { return true; });
+            if (!e) closeConnections([](const ConnectionBase&) { return true; });
         });
     }
 
@@ -156,17 +173,24 @@ struct HttpServer::Impl {
                 co_await pause.async_wait(kAsTuple);
                 continue;
             }
-            auto conn = std::make_shared<Connection>(std::move(socket));
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                if (live.size() >= settings.maxConnections) {
-                    conn->close();
-                    continue;
-                }
-                live.insert(conn);
-            }
-            asio::co_spawn(conn->stream.get_executor(), session(conn), asio::detached);
+            if (tls)
+                start(std::make_shared<Connection<TlsStream>>(std::move(socket), *tls));
+            else
+                start(std::make_shared<Connection<PlainStream>>(std::move(socket)));
         }
+    }
+
+    template <class Stream>
+    void start(std::shared_ptr<Connection<Stream>> conn) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (live.size() >= settings.maxConnections) {
+                conn->close();
+                return;
+            }
+            live.insert(conn);
+        }
+        asio::co_spawn(conn->stream.get_executor(), session(conn), asio::detached);
     }
 
     // Hands the request to the handler; the awaitable completes with its
@@ -188,25 +212,35 @@ struct HttpServer::Impl {
             use_awaitable, std::move(request));
     }
 
-    awaitable<void> write(Connection& c, HttpResponse&& response, unsigned version, bool keepAlive) {
+    template <class Stream>
+    awaitable<void> write(Connection<Stream>& c, HttpResponse&& response, unsigned version, bool keepAlive) {
         auto res = toWire(std::move(response), version, keepAlive);
-        c.stream.expires_after(seconds(settings.requestTimeoutSeconds));
+        c.lowest().expires_after(seconds(settings.requestTimeoutSeconds));
         co_await http::async_write(c.stream, res, kAsTuple);
     }
 
-    awaitable<void> session(std::shared_ptr<Connection> conn) {
-        Connection& c = *conn;
+    template <class Stream>
+    awaitable<void> session(std::shared_ptr<Connection<Stream>> conn) {
+        Connection<Stream>& c = *conn;
+        constexpr bool secure = std::is_same_v<Stream, TlsStream>;
         std::string peer;
         {
             beast::error_code ec;
-            const auto ep = c.stream.socket().remote_endpoint(ec);
+            const auto ep = c.lowest().socket().remote_endpoint(ec);
             if (!ec) peer = ep.address().to_string();
         }
+        bool open = true;
+        if constexpr (secure) {
+            // The handshake counts as receiving the first request.
+            c.lowest().expires_after(seconds(settings.requestTimeoutSeconds));
+            auto [ec] = co_await c.stream.async_handshake(asio::ssl::stream_base::server, kAsTuple);
+            open = !ec;
+        }
         beast::flat_buffer buffer;
-        for (;;) {
+        while (open) {
             // Between requests: wait for the first byte within the idle timeout.
             if (buffer.size() == 0) {
-                c.stream.expires_after(seconds(settings.idleTimeoutSeconds));
+                c.lowest().expires_after(seconds(settings.idleTimeoutSeconds));
                 auto [ec, n] = co_await c.stream.async_read_some(buffer.prepare(4096), kAsTuple);
                 if (ec) break;
                 buffer.commit(n);
@@ -216,7 +250,7 @@ struct HttpServer::Impl {
             http::request_parser<http::string_body> parser;
             parser.header_limit(static_cast<std::uint32_t>(settings.maxHeaderBytes));
             parser.body_limit(settings.maxBodyBytes);
-            c.stream.expires_after(seconds(settings.requestTimeoutSeconds));
+            c.lowest().expires_after(seconds(settings.requestTimeoutSeconds));
             auto [hec, hn] = co_await http::async_read_header(c.stream, buffer, parser, kAsTuple);
             beast::error_code ec = hec;
             if (!ec && parser.get()[http::field::expect] == "100-continue" && !parser.is_done()) {
@@ -246,16 +280,17 @@ struct HttpServer::Impl {
                                    version, false);
                 break;  // timeouts, resets and a client gone: just close
             }
-            c.stream.expires_never();  // the handler's time is not the client's
+            c.lowest().expires_never();  // the handler's time is not the client's
             auto& req = parser.get();
             const unsigned version = req.version();
             const bool wantsKeepAlive = req.keep_alive();
-            HttpResponse response = co_await dispatch(std::make_shared<HttpRequest>(toRequest(std::move(req), peer)),
-                                                      c.stream.get_executor());
+            auto request = std::make_shared<HttpRequest>(toRequest(std::move(req), peer));
+            request->secure = secure;
+            HttpResponse response = co_await dispatch(std::move(request), c.stream.get_executor());
             const bool keepAlive = wantsKeepAlive && !response.close && !stopping;
             co_await write(c, std::move(response), version, keepAlive);
             c.busy = false;
-            if (!keepAlive || !c.stream.socket().is_open()) break;
+            if (!keepAlive || !c.lowest().socket().is_open()) break;
         }
         c.close();
         forget(conn);
@@ -280,6 +315,19 @@ unsigned short HttpServer::listen() {
     if (ec)
         throw std::runtime_error("cannot listen on " + i.settings.listenHost + ":" +
                                  std::to_string(i.settings.listenPort) + ": " + ec.message());
+    if (!i.settings.tlsCertificate.empty() || !i.settings.tlsKey.empty()) {
+        if (i.settings.tlsCertificate.empty() || i.settings.tlsKey.empty())
+            throw std::runtime_error("TLS needs both --tls-cert and --tls-key");
+        auto tls = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
+        tls->set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
+                         asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 |
+                         asio::ssl::context::no_tlsv1_1 | asio::ssl::context::single_dh_use);
+        tls->use_certificate_chain_file(i.settings.tlsCertificate, ec);
+        if (ec) throw std::runtime_error("--tls-cert " + i.settings.tlsCertificate + ": " + ec.message());
+        tls->use_private_key_file(i.settings.tlsKey, asio::ssl::context::pem, ec);
+        if (ec) throw std::runtime_error("--tls-key " + i.settings.tlsKey + ": " + ec.message());
+        i.tls = std::move(tls);
+    }
     return i.acceptor.local_endpoint().port();
 }
 

@@ -1,6 +1,7 @@
 // HttpServer: HTTP/1.1 over TCP with Boost.Beast and C++20 coroutines.
 //
-// A few I/O threads run every connection (an idle keep-alive connection costs
+// Plain TCP, or TLS when the settings name a certificate and key. A few I/O
+// threads run every connection (an idle keep-alive connection costs
 // no thread). Each parsed request goes to the RequestHandler, which answers
 // through its Responder from any thread; the connection waits for that answer
 // without blocking its thread. Limits: header and body size (431 and 413),
@@ -30,8 +31,9 @@ public:
     HttpServer(const Settings& settings, RequestHandler& handler);
     ~HttpServer();
 
-    // Binds and listens; the bound port (useful with port 0). Raises
-    // std::runtime_error when the address cannot be bound.
+    // Binds and listens (and loads the TLS certificate and key); the bound
+    // port (useful with port 0). Raises std::runtime_error when the address
+    // cannot be bound or the certificate or key cannot be used.
     unsigned short listen();
     // Runs the I/O threads until stop() has completed; calls onStop once
     // SIGTERM or SIGINT arrived (before connections are drained).

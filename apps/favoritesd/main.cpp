@@ -61,6 +61,8 @@ int run(int argc, char** argv) {
     app.add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one")->capture_default_str();
     app.add_option("--data-dir", dataDir, "Directory with schemas/ and messages/ (default: $KIV_DATA_DIR, else built in)");
     app.add_option("--web-dir", s.webDir, "Directory of the page's files (empty: serve no page)")->capture_default_str();
+    app.add_option("--tls-cert", s.tlsCertificate, "PEM certificate chain: serve HTTPS (needs --tls-key)");
+    app.add_option("--tls-key", s.tlsKey, "PEM private key of --tls-cert");
     app.add_option("--access-log", s.accessLog, "Access log: a file, - for standard error, or off")->capture_default_str();
     app.add_option("--io-threads", s.ioThreads, "Threads that run the connections")
         ->check(CLI::Range(1u, 64u))
@@ -129,7 +131,7 @@ int run(int argc, char** argv) {
                                     [&server] { return server.openConnections(); });
         const unsigned short port = server.listen();
         const bool v6 = s.listenHost.find(':') != std::string::npos;
-        std::cout << "listening on http://" << (v6 ? "[" + s.listenHost + "]" : s.listenHost) << ":" << port
+        std::cout << "listening on " << (s.tlsCertificate.empty() ? "http" : "https") << "://" << (v6 ? "[" + s.listenHost + "]" : s.listenHost) << ":" << port
                   << std::endl;
         server.run([&service] { service.beginStop(); });
         // Every connection is gone; let the work already given finish before

@@ -13,6 +13,8 @@ struct Settings {
     unsigned short listenPort = 8080;      // 0 picks a free port
     std::string webDir;                    // the page's files (empty: no page)
     std::string accessLog = "-";           // a file, "-" for standard error, "off"
+    std::string tlsCertificate;            // PEM certificate chain: speak TLS (with tlsKey)
+    std::string tlsKey;                    // PEM private key
 
     unsigned ioThreads = 2;                // threads that run the HTTP connections
     unsigned workers = 8;                  // threads that call the library and the catalog

@@ -39,3 +39,9 @@ set_tests_properties(server_test_soap PROPERTIES
   LABELS server
   ENVIRONMENT "${KIV_SERVER_TEST_ENVIRONMENT}"
   TIMEOUT 900)
+
+add_test(NAME server_test_tls COMMAND /usr/bin/python3 ${CMAKE_CURRENT_LIST_DIR}/test_tls.py)
+set_tests_properties(server_test_tls PROPERTIES
+  LABELS server
+  ENVIRONMENT "${KIV_SERVER_TEST_ENVIRONMENT}"
+  TIMEOUT 900)
