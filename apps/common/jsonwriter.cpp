@@ -4,12 +4,19 @@
 
 namespace kiv::host {
 
-std::string JsonWriter::quote(std::string_view utf8) {
-    std::string out;
-    out.reserve(utf8.size() + 2);
-    out += '"';
-    for (const char ch : utf8) {
-        const auto c = static_cast<unsigned char>(ch);
+namespace {
+
+bool needsEscape(unsigned char c) noexcept { return c < 0x20 || c == 0x7f || c == '"' || c == '\\'; }
+
+// Appends `utf8` as the inside of a JSON string: runs that need no escape are
+// copied whole.
+void appendEscaped(std::string& out, std::string_view utf8) {
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < utf8.size(); ++i) {
+        const auto c = static_cast<unsigned char>(utf8[i]);
+        if (!needsEscape(c)) continue;
+        out.append(utf8.data() + run, i - run);
+        run = i + 1;
         switch (c) {
             case '"': out += "\\\""; break;
             case '\\': out += "\\\\"; break;
@@ -18,16 +25,23 @@ std::string JsonWriter::quote(std::string_view utf8) {
             case '\n': out += "\\n"; break;
             case '\r': out += "\\r"; break;
             case '\t': out += "\\t"; break;
-            default:
-                if (c < 0x20 || c == 0x7f) {
-                    char buf[8];
-                    std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += ch;
-                }
+            default: {
+                char buf[8];
+                std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                out += buf;
+            }
         }
     }
+    out.append(utf8.data() + run, utf8.size() - run);
+}
+
+}  // namespace
+
+std::string JsonWriter::quote(std::string_view utf8) {
+    std::string out;
+    out.reserve(utf8.size() + 2);
+    out += '"';
+    appendEscaped(out, utf8);
     out += '"';
     return out;
 }
@@ -71,15 +85,18 @@ JsonWriter& JsonWriter::endArray() {
 
 JsonWriter& JsonWriter::key(std::string_view name) {
     beforeValue();
-    m_out += quote(name);
-    m_out += ':';
+    m_out += '"';
+    appendEscaped(m_out, name);
+    m_out += "\":";
     m_afterKey = true;
     return *this;
 }
 
 JsonWriter& JsonWriter::value(std::string_view utf8) {
     beforeValue();
-    m_out += quote(utf8);
+    m_out += '"';
+    appendEscaped(m_out, utf8);
+    m_out += '"';
     return *this;
 }
 
