@@ -12,8 +12,9 @@ if [ "${CI:-}" = "true" ]; then werror=ON; fi
 targets=()
 if [ "$preset" = "tsan" ]; then
   # Only the concurrency tests run under ThreadSanitizer.
+  # favoritesd and the tool serve the server's concurrency test.
   for t in platform_concurrency_tests xml_concurrency_tests gd_concurrency_tests sqlitecatalog_concurrency_tests \
-           favorites_concurrency_tests; do
+           favorites_concurrency_tests favoritesd favorites; do
     targets+=(--target "$t")
   done
 fi
