@@ -791,4 +791,18 @@ TEST_F(FavoritesTool, PasswdRefusesAnUnknownUserAndAnEmptyPassword) {
     EXPECT_TRUE(kiv::host::verifyPassword(c.passwordHash(L"carol"), "demo"));
 }
 
+TEST_F(FavoritesTool, OnlyInitAndDemoTurnAnEmptyFileIntoACatalog) {
+    writeFile(m_catalog, "");
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"catalog", "ls"}, {"catalog", "mkdir", "/x"}, {"--user", "alice", "tree"}}) {
+        const Result r = run(args);
+        EXPECT_EQ(r.status, 3) << r;
+        EXPECT_NE(r.err.find("kErrorLoadingCatalog"), std::string::npos) << r;
+        EXPECT_EQ(readFile(m_catalog), "");
+    }
+    const Result init = run({"catalog", "init"});
+    EXPECT_EQ(init.status, 0) << init;
+    EXPECT_EQ(run({"catalog", "ls"}).status, 0);
+}
+
 }  // namespace

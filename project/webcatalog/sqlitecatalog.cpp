@@ -612,6 +612,10 @@ struct SqliteCatalog::Impl {
         std::int64_t appId = pragmaValue(*c, "PRAGMA application_id");
         std::int64_t version = pragmaValue(*c, "PRAGMA user_version");
         if (tables == 0 && appId == 0 && version == 0) {
+            // An empty file (or empty database) becomes a catalog only when
+            // creating was asked for; otherwise it is reported and left as it is.
+            if (!inMemory && !options.create)
+                loadingError("the file is empty, not a catalog (create one with 'catalog init')");
             createSchema(*c);
             appId = pragmaValue(*c, "PRAGMA application_id");
             version = pragmaValue(*c, "PRAGMA user_version");

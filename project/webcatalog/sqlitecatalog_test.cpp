@@ -1002,6 +1002,24 @@ TEST(SqliteCatalogFileTest, AVersion1CatalogIsUpgradedInPlaceKeepingItsContent) 
     EXPECT_EQ(c.passwordHash(L"u"), "$argon2id$h");
 }
 
+TEST(SqliteCatalogFileTest, AnEmptyFileIsRefusedAndLeftEmptyUnlessCreatingWasAsked) {
+    TempDir dir;
+    const std::string file = dir.file("empty.db");
+    writeFileBytes(file, "");
+    SqliteCatalog::Options existing;
+    existing.create = false;
+    try {
+        SqliteCatalog c(file, existing);
+        FAIL() << "an empty file was opened as a catalog";
+    } catch (const CatalogException& e) {
+        EXPECT_EQ(e.getCode(), kErrorLoadingCatalog);
+        EXPECT_NE(std::string(e.what()).find("empty"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(readFileBytes(file), "");
+    SqliteCatalog created(file);  // create = true (the default)
+    EXPECT_TRUE(created.exists(Path(L"/")));
+}
+
 TEST(SqliteCatalogFileTest, ACorruptCatalogFileIsRefusedAndLeftUnchanged) {
     TempDir dir;
     const std::string file = dir.file("c.db");

@@ -49,7 +49,8 @@
 // Opening a file that is not a catalog of this system (not SQLite, corrupt,
 // or another schema) raises CatalogException(kErrorLoadingCatalog) naming the
 // file, and leaves the file untouched. A missing file is created unless
-// Options::create is false (then kErrorCatalogNotFound).
+// Options::create is false (then kErrorCatalogNotFound); so is an empty file
+// (then kErrorLoadingCatalog, and the file stays empty).
 //
 // The administration API below acts without access checks and raises
 // CatalogException on failure.
