@@ -1,5 +1,6 @@
 #include "accesslog.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -27,6 +28,21 @@ void appendEscaped(std::string& out, std::string_view text) {
 
 }  // namespace
 
+std::string utcTimestamp(std::int64_t micros, int fractionDigits) {
+    const std::int64_t fraction = ((micros % 1000000) + 1000000) % 1000000;
+    const std::time_t secs = static_cast<std::time_t>((micros - fraction) / 1000000);
+    std::tm tm{};
+    gmtime_r(&secs, &tm);
+    char buf[80];
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%06dZ", tm.tm_year + 1900, tm.tm_mon + 1,
+                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(fraction));
+    std::string out = buf;
+    // Drop the digits not asked for: the text ends "ffffffZ".
+    const int drop = 6 - std::min(6, std::max(1, fractionDigits));
+    out.erase(out.size() - 1 - drop, drop);
+    return out;
+}
+
 AccessLog::AccessLog(const std::string& destination) {
     if (destination == "off") return;
     if (destination == "-" || destination.empty()) {
@@ -46,14 +62,8 @@ void AccessLog::write(std::string_view address, std::string_view user, std::stri
                       std::string_view target, int status, std::size_t bytes, double seconds) {
     if (!m_file) return;
     const auto now = std::chrono::system_clock::now();
-    const std::time_t t = std::chrono::system_clock::to_time_t(now);
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char stamp[80];
-    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(ms));
-    std::string line = stamp;
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch()).count();
+    std::string line = utcTimestamp(micros, 3);
     line += ' ';
     appendEscaped(line, address.empty() ? std::string_view("-") : address);
     line += ' ';

@@ -5,12 +5,17 @@
 // Thread safety: write() may be called from any thread; lines never interleave.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <string>
 #include <string_view>
 
 namespace kiv::server {
+
+// Microseconds since the Unix epoch as "YYYY-MM-DDTHH:MM:SS.fffZ" (UTC), with
+// `fractionDigits` (1 to 6) digits of the second.
+std::string utcTimestamp(std::int64_t micros, int fractionDigits);
 
 class AccessLog {
 public:

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "accesslog.h"
 #include "errors.h"
 #include "favoritesopen.h"
 #include "hosterrors.h"
@@ -144,17 +145,6 @@ std::optional<std::string> stringMember(simdjson::dom::object object, const char
     if (e.get(s) != simdjson::SUCCESS)
         throw ApiError(400, "badRequest", std::string("'") + name + "' must be a string");
     return std::string(s);
-}
-
-std::string isoTime(catalog::Time micros) {
-    const catalog::Time fraction = ((micros % 1000000) + 1000000) % 1000000;
-    const std::time_t secs = static_cast<std::time_t>((micros - fraction) / 1000000);
-    std::tm tm{};
-    gmtime_r(&secs, &tm);
-    char buf[80];
-    std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%06dZ", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(fraction));
-    return buf;
 }
 
 FavoritesItems topLevelItems(FavoritesManager& manager) {
@@ -361,7 +351,7 @@ HttpResponse getCatalogChildren(Call& call) {
         w.member("type", (e.type & catalog::kLink) ? "link" : (e.type & catalog::kFolder) ? "folder" : "object");
         w.member("kind", kind);
         if (!e.signature.empty()) w.member("signature", e.signature);
-        w.member("modified", isoTime(e.lastModified));
+        w.member("modified", utcTimestamp(e.lastModified, 6));
         if (e.type & catalog::kLink) w.member("target", e.linkTarget);
         if (!plainFolder) w.member("favorite", call.manager.isFavorite(e.path));
         w.endObject();

@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "accesslog.h"
 #include "auth.h"
 #include "errors.h"
 #include "routes.h"
@@ -76,6 +77,13 @@ TEST(ErrorShapeTest, ACatalogErrorNamesItsPathAndAServerErrorItsStatus) {
     const auto se = parse(q, s.body)["error"];
     EXPECT_EQ(int64_t(se["code"]), 413);
     EXPECT_EQ(std::string_view(se["message"]), "too \"big\"");
+}
+
+TEST(TimestampTest, MicrosecondsAreWrittenInUtcWithTheDigitsAsked) {
+    EXPECT_EQ(utcTimestamp(1764000000123456, 6), "2025-11-24T16:00:00.123456Z");
+    EXPECT_EQ(utcTimestamp(1764000000123456, 3), "2025-11-24T16:00:00.123Z");
+    EXPECT_EQ(utcTimestamp(0, 6), "1970-01-01T00:00:00.000000Z");
+    EXPECT_EQ(utcTimestamp(-1, 6), "1969-12-31T23:59:59.999999Z");
 }
 
 TEST(QueryTest, ParametersArePercentDecodedWithPlusAsBlank) {

@@ -90,8 +90,8 @@ def main():
             json.dump({"paths": [f"/shared/Fifty/Report {i}" for i in range(50)]}, f)
         s = a.seconds
         health = wrk(base + "/healthz", s)
-        status = wrk(base + "/api/v1/favorites/status", s, "status.lua", [body] + auths)
-        children = wrk(base + "/api/v1/catalog/children?path=/shared/Fifty", s, "get.lua", auths)
+        status = wrk(base + "/api/v1/favorites/status", s, "rotate.lua", ["POST", body] + auths)
+        children = wrk(base + "/api/v1/catalog/children?path=/shared/Fifty", s, "rotate.lua", ["GET", "-"] + auths)
         adds1 = wrk(base + "/", 3, "add.lua", ["0", auths[0]])
         adds8 = wrk(base + "/", 3, "add.lua", ["10000"] + auths)
 
