@@ -24,13 +24,14 @@ function(kiv_add_library name)
   install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()
 
-# kiv_add_test(name SOURCES ... DEPS ... [LABELS ...]): one GoogleTest binary,
-# each of its tests registered with CTest on its own.
+# kiv_add_test(name SOURCES ... DEPS ... [LABELS ...] [FIXTURES ...]): one
+# GoogleTest binary, each of its tests registered with CTest on its own;
+# FIXTURES names the CTest fixtures its tests need (such as "postgres").
 function(kiv_add_test name)
   if(NOT KIV_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS;FIXTURES" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/project)
@@ -41,8 +42,12 @@ function(kiv_add_test name)
   if(ARG_LABELS)
     list(GET ARG_LABELS 0 label)
   endif()
+  set(fixtures)
+  if(ARG_FIXTURES)
+    set(fixtures FIXTURES_REQUIRED ${ARG_FIXTURES})
+  endif()
   gtest_discover_tests(${name}
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-    PROPERTIES LABELS ${label} ENVIRONMENT "KIV_DATA_DIR=${KIV_BUILD_DATA_DIR}"
+    PROPERTIES LABELS ${label} ENVIRONMENT "KIV_DATA_DIR=${KIV_BUILD_DATA_DIR}" ${fixtures}
     DISCOVERY_TIMEOUT 60)
 endfunction()

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "qz/webcatalog/sqlitecatalog.h"
-#include "sqlitecatalog_testsupport.h"
+#include "webcatalog/conformance/catalogtestsupport.h"
 
 namespace kiv::catalog {
 namespace {

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,13 @@
 namespace kiv::catalog {
 
 enum class Rights : int { kNone = 0, kRead = 1, kWrite = 3 };
+
+// A held write lock (see ManagedCatalog::lockForWriting); released when
+// destroyed.
+class WriteLock {
+public:
+    virtual ~WriteLock() = default;
+};
 
 class ManagedCatalog : public Catalog {
 public:
@@ -86,6 +94,16 @@ public:
     virtual bool exists(const Path& path) = 0;
     // Removes an item; a folder with everything under it. Not the root.
     virtual void remove(const Path& path) = 0;
+
+    // Waits until the caller alone holds the write lock of the object at
+    // `path` among every thread, process and server using this store, and
+    // returns it. The lock is released when the returned object is destroyed,
+    // or when the process holding it ends, however it ends. It guards nothing
+    // by itself: hosts hold it across each operation that checks an object's
+    // modified time and then writes the object, so that no other writer
+    // commits between the check and the write. Readers never take it. Not
+    // reentrant: a holder that asks again for the same path waits for itself.
+    virtual std::unique_ptr<WriteLock> lockForWriting(const Path& path) = 0;
 
     // Whether the token belongs to the administrators group.
     static bool isAdministrator(const AccountToken& user);

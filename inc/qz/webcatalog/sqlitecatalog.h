@@ -127,6 +127,11 @@ public:
     std::string readRaw(const Path& path) override;
     bool exists(const Path& path) override;
     void remove(const Path& path) override;
+    // Across processes, an open file description lock on one byte of the
+    // file "<catalog file>-locks" (made next to the catalog, never part of
+    // it), chosen by a hash of the path; within the in-memory catalog, a
+    // lock table of this object.
+    std::unique_ptr<WriteLock> lockForWriting(const Path& path) override;
     // SQLite's integrity check: "ok" when the store is sound.
     std::string integrityCheck();
     // The file name, or ":memory:".

@@ -1,28 +1,33 @@
-#include "qz/webcatalog/sqlitecatalog.h"
-
+// The catalog contract, tested once and run against every back-end: the
+// SQLite catalog in memory and in a file, and the PostgreSQL catalog (each
+// test on a fresh store; see catalogbackends.h).
 #include <gtest/gtest.h>
 
-#include <thread>
-#include <sqlite3.h>
-
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <random>
+#include <thread>
 
-#include "sqlitecatalog_testsupport.h"
+#include "webcatalog/conformance/catalogbackends.h"
+#include "webcatalog/conformance/catalogtestsupport.h"
 
 namespace kiv::catalog {
 namespace {
 
+using testing::allBackends;
+using testing::makeStore;
 using testing::NeverReplace;
-using testing::readFileBytes;
 using testing::RecordingReader;
 using testing::RecordingWriter;
-using testing::TempDir;
-using testing::writeFileBytes;
+using testing::sharedBackends;
+using testing::TestStore;
 
-class SqliteCatalogTest : public ::testing::Test {
+class CatalogContract : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
-        catalog = SqliteCatalog::openInMemory();
+        store = makeStore(GetParam());
+        catalog = store->open();
         catalog->addUser(L"alice", {L"sales"});
         catalog->addUser(L"bob", {L"finance"});
         catalog->addUser(L"root", {L"administrators"});
@@ -32,6 +37,10 @@ protected:
         catalog->makeFolder(Path(L"/shared"));
         catalog->setAccess(Path(L"/shared"), L"everyone", true, Rights::kWrite);
         catalog->putObject(Path(L"/shared/report"), L"test1", {{L"owner", L"alice"}}, "report body");
+    }
+    void TearDown() override {
+        catalog.reset();
+        store.reset();
     }
 
     ReturnCode info(const AccountToken& user, const wchar_t* path, ItemInfo& out, bool originalOnly = false) {
@@ -45,13 +54,17 @@ protected:
         return catalog->readObject(user, Path(path, kUnchecked), r, i, 0);
     }
 
-    std::unique_ptr<SqliteCatalog> catalog;
+    std::unique_ptr<TestStore> store;
+    std::unique_ptr<ManagedCatalog> catalog;
     AccountToken alice, bob, admin;
 };
 
+INSTANTIATE_TEST_SUITE_P(Backends, CatalogContract, ::testing::ValuesIn(allBackends()),
+                         [](const ::testing::TestParamInfo<std::string>& i) { return testing::testName(i.param); });
+
 // --- getItemInfo ------------------------------------------------------------
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnAnObjectGivesItsTypeSignatureTimeAndProperties) {
+TEST_P(CatalogContract, GetItemInfoOnAnObjectGivesItsTypeSignatureTimeAndProperties) {
     ItemInfo i;
     ASSERT_EQ(info(alice, L"/shared/report", i), kSuccess);
     for (EItemInfo which : {kInfoOriginal, kInfoResolved}) {
@@ -64,7 +77,7 @@ TEST_F(SqliteCatalogTest, GetItemInfoOnAnObjectGivesItsTypeSignatureTimeAndPrope
     }
 }
 
-TEST_F(SqliteCatalogTest, SetPropertiesGivesAFolderItsPropertiesAndANewerTime) {
+TEST_P(CatalogContract, SetPropertiesGivesAFolderItsPropertiesAndANewerTime) {
     catalog->makeFolder(Path(L"/shared/dash"));
     ItemInfo before;
     ASSERT_EQ(info(alice, L"/shared/dash", before), kSuccess);
@@ -83,114 +96,34 @@ TEST_F(SqliteCatalogTest, SetPropertiesGivesAFolderItsPropertiesAndANewerTime) {
     EXPECT_EQ(report.getItemProperty(L"x", L"", kInfoResolved), L"1");
 }
 
-TEST_F(SqliteCatalogTest, SetPropertiesOnAMissingItemRaises) {
+TEST_P(CatalogContract, SetPropertiesOnAMissingItemRaises) {
     EXPECT_THROW(catalog->setProperties(Path(L"/shared/none"), {}), CatalogException);
 }
 
-// Read batches on a catalog file (an in-memory catalog has one connection and
-// answers the hint with null).
-class SqliteReadBatchTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        catalog = std::make_unique<SqliteCatalog>(dir.file("catalog.db"));
-        catalog->addUser(L"alice", {L"sales"});
-        alice = catalog->tokenFor(L"alice");
-        catalog->makeFolder(Path(L"/shared"));
-        catalog->setAccess(Path(L"/shared"), L"everyone", true, Rights::kWrite);
-        catalog->putObject(Path(L"/shared/report"), L"test1", {{L"owner", L"alice"}}, "report body");
-    }
-    ReturnCode info(const wchar_t* path, ItemInfo& out) {
-        return catalog->getItemInfo(alice, Path(path, kUnchecked), out, false, true);
-    }
-    TempDir dir;
-    std::unique_ptr<SqliteCatalog> catalog;
-    AccountToken alice;
-};
-
-TEST_F(SqliteReadBatchTest, ReadBatchGivesTheSameAnswersAsSingleReads) {
-    ItemInfo alone;
-    ASSERT_EQ(info(L"/shared/report", alone), kSuccess);
-    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
-    ASSERT_NE(batch, nullptr);
-    EXPECT_EQ(catalog->beginReadBatch(), nullptr);  // the open batch serves a nested one
-    ItemInfo inBatch;
-    ASSERT_EQ(info(L"/shared/report", inBatch), kSuccess);
-    EXPECT_EQ(inBatch.getLastModifiedTime(kInfoResolved), alone.getLastModifiedTime(kInfoResolved));
-    EXPECT_EQ(inBatch.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
-    ItemInfo missing;
-    EXPECT_EQ(info(L"/shared/none", missing), kErrorPathNotFound);
-}
-
-TEST_F(SqliteReadBatchTest, WriteDuringAReadBatchOnTheSameThreadSucceedsAndIsSeenAfterIt) {
-    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
-    ASSERT_NE(batch, nullptr);
-    ItemInfo before;
-    ASSERT_EQ(info(L"/shared/report", before), kSuccess);
-    RecordingWriter w("new body");
-    EXPECT_EQ(catalog->writeObject(alice, Path(L"/shared/report"), w, tDefaultReplaceHelper), kSuccess);
-    batch.reset();
-    ItemInfo after;
-    ASSERT_EQ(info(L"/shared/report", after), kSuccess);
-    EXPECT_GT(after.getLastModifiedTime(kInfoResolved), before.getLastModifiedTime(kInfoResolved));
-    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "new body");
-}
-
-TEST_F(SqliteReadBatchTest, ABatchOnOneThreadDoesNotServeAnother) {
-    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
-    bool otherGotABatch = false;
-    ReturnCode otherRead = kErrorOther;
-    std::thread t([&] {
-        std::unique_ptr<ReadBatch> other = catalog->beginReadBatch();
-        otherGotABatch = other != nullptr;
-        ItemInfo i;
-        otherRead = info(L"/shared/report", i);
-    });
-    t.join();
-    EXPECT_NE(batch, nullptr);
-    EXPECT_TRUE(otherGotABatch);
-    EXPECT_EQ(otherRead, kSuccess);
-}
-
-TEST_F(SqliteCatalogTest, InMemoryCatalogAnswersTheBatchHintWithNull) {
-    EXPECT_EQ(catalog->beginReadBatch(), nullptr);
-    ItemInfo i;
-    EXPECT_EQ(info(alice, L"/shared/report", i), kSuccess);
-}
-
-TEST_F(SqliteCatalogTest, BaseCatalogMakesNothingOfTheBatchHint) {
-    struct Minimal : Catalog {
-        ReturnCode deleteObject(const AccountToken&, const Path&) override { return kSuccess; }
-        ReturnCode readObject(const AccountToken&, const Path&, Reader&, ItemInfo&, unsigned) override { return kSuccess; }
-        ReturnCode writeObject(const AccountToken&, const Path&, Writer&, const ReplaceHelper&) override { return kSuccess; }
-        ReturnCode getItemInfo(const AccountToken&, const Path&, ItemInfo&, bool, bool) override { return kSuccess; }
-    } minimal;
-    EXPECT_EQ(minimal.beginReadBatch(), nullptr);
-}
-
-TEST_F(SqliteCatalogTest, GetItemInfoOnTheRootIsAFolder) {
+TEST_P(CatalogContract, GetItemInfoOnTheRootIsAFolder) {
     ItemInfo i;
     ASSERT_EQ(info(alice, L"/", i), kSuccess);
     EXPECT_EQ(i.getItemType(kInfoResolved), static_cast<unsigned>(kFolder));
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoWithoutPropertiesLeavesThemEmpty) {
+TEST_P(CatalogContract, GetItemInfoWithoutPropertiesLeavesThemEmpty) {
     ItemInfo i;
     ASSERT_EQ(catalog->getItemInfo(alice, Path(L"/shared/report"), i, false, false), kSuccess);
     EXPECT_EQ(i.getItemProperty(L"owner", L"none", kInfoResolved), L"none");
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnAMissingItemIsPathNotFound) {
+TEST_P(CatalogContract, GetItemInfoOnAMissingItemIsPathNotFound) {
     ItemInfo i;
     EXPECT_EQ(info(alice, L"/shared/missing", i), kErrorPathNotFound);
     EXPECT_EQ(info(alice, L"/nowhere/missing", i), kErrorPathNotFound);
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnABlankPathIsPathInvalid) {
+TEST_P(CatalogContract, GetItemInfoOnABlankPathIsPathInvalid) {
     ItemInfo i;
     EXPECT_EQ(catalog->getItemInfo(alice, kpBlank, i, false, true), kErrorPathInvalid);
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnAMalformedPathIsPathInvalid) {
+TEST_P(CatalogContract, GetItemInfoOnAMalformedPathIsPathInvalid) {
     ItemInfo i;
     EXPECT_EQ(info(alice, L"shared/report", i), kErrorPathInvalid);
     EXPECT_EQ(info(alice, L"/shared//report", i), kErrorPathInvalid);
@@ -198,14 +131,14 @@ TEST_F(SqliteCatalogTest, GetItemInfoOnAMalformedPathIsPathInvalid) {
     EXPECT_EQ(info(alice, L"/shared/re\\port", i), kErrorPathInvalid);
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnAnUnreadableItemIsAccessDenied) {
+TEST_P(CatalogContract, GetItemInfoOnAnUnreadableItemIsAccessDenied) {
     catalog->setAccess(Path(L"/shared/report"), L"bob", false, Rights::kRead);
     ItemInfo i;
     EXPECT_EQ(info(alice, L"/shared/report", i), kErrorAccessDenied);
     EXPECT_EQ(info(bob, L"/shared/report", i), kSuccess);
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoFollowsALinkForTheResolvedView) {
+TEST_P(CatalogContract, GetItemInfoFollowsALinkForTheResolvedView) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
     ItemInfo i;
     ASSERT_EQ(info(alice, L"/shared/link", i), kSuccess);
@@ -217,14 +150,14 @@ TEST_F(SqliteCatalogTest, GetItemInfoFollowsALinkForTheResolvedView) {
     EXPECT_EQ(i.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOriginalOnlyDoesNotFollowLinks) {
+TEST_P(CatalogContract, GetItemInfoOriginalOnlyDoesNotFollowLinks) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/missing"));
     ItemInfo i;
     ASSERT_EQ(info(alice, L"/shared/link", i, true), kSuccess);
     EXPECT_EQ(i.getItemType(kInfoResolved), static_cast<unsigned>(kLink));
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoFollowsAChainOfLinks) {
+TEST_P(CatalogContract, GetItemInfoFollowsAChainOfLinks) {
     catalog->makeLink(Path(L"/shared/l1"), Path(L"/shared/l2"));
     catalog->makeLink(Path(L"/shared/l2"), Path(L"/shared/report"));
     ItemInfo i;
@@ -232,7 +165,7 @@ TEST_F(SqliteCatalogTest, GetItemInfoFollowsAChainOfLinks) {
     EXPECT_EQ(i.getPath(kInfoResolved).toString(), L"/shared/report");
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnADanglingLinkIsLinkTargetPathNotFound) {
+TEST_P(CatalogContract, GetItemInfoOnADanglingLinkIsLinkTargetPathNotFound) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/missing"));
     ItemInfo i;
     EXPECT_EQ(info(alice, L"/shared/link", i), kErrorLinkTargetPathNotFound);
@@ -240,7 +173,7 @@ TEST_F(SqliteCatalogTest, GetItemInfoOnADanglingLinkIsLinkTargetPathNotFound) {
     EXPECT_EQ(i.getItemType(kInfoResolved), static_cast<unsigned>(kMissing));
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnACircularLinkIsCircularLink) {
+TEST_P(CatalogContract, GetItemInfoOnACircularLinkIsCircularLink) {
     catalog->makeLink(Path(L"/shared/self"), Path(L"/shared/self"));
     catalog->makeLink(Path(L"/shared/a"), Path(L"/shared/b"));
     catalog->makeLink(Path(L"/shared/b"), Path(L"/shared/a"));
@@ -250,7 +183,7 @@ TEST_F(SqliteCatalogTest, GetItemInfoOnACircularLinkIsCircularLink) {
     EXPECT_EQ(info(alice, L"/shared/a", i), kErrorCircularLink);
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoOnALinkToAnUnreadableTargetIsLinkTargetAccessDenied) {
+TEST_P(CatalogContract, GetItemInfoOnALinkToAnUnreadableTargetIsLinkTargetAccessDenied) {
     catalog->putObject(Path(L"/private/x"), L"test1", {}, "x");
     catalog->setAccess(Path(L"/private"), L"everyone", true, Rights::kNone);
     catalog->makeLink(Path(L"/shared/link"), Path(L"/private/x"));
@@ -261,7 +194,7 @@ TEST_F(SqliteCatalogTest, GetItemInfoOnALinkToAnUnreadableTargetIsLinkTargetAcce
 
 // --- readObject -------------------------------------------------------------
 
-TEST_F(SqliteCatalogTest, ReadObjectHandsTheBodyToTheReader) {
+TEST_P(CatalogContract, ReadObjectHandsTheBodyToTheReader) {
     RecordingReader r;
     ItemInfo i;
     ASSERT_EQ(catalog->readObject(alice, Path(L"/shared/report"), r, i, 0), kSuccess);
@@ -270,17 +203,7 @@ TEST_F(SqliteCatalogTest, ReadObjectHandsTheBodyToTheReader) {
     EXPECT_EQ(r.seenInfo.getPath(kInfoOriginal).toString(), L"/shared/report");
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectSetsTheCatalogUpgradeModeOnTheReader) {
-    RecordingReader r;
-    r.setUpgradeMode(Reader::kUpgradeNone);
-    ASSERT_EQ(read(alice, L"/shared/report", r), kSuccess);
-    EXPECT_EQ(r.modeAtPreInspect, Reader::kUpgradeAuto);
-    catalog->setReaderUpgradeMode(Reader::kUpgradeAbort);
-    ASSERT_EQ(read(alice, L"/shared/report", r), kSuccess);
-    EXPECT_EQ(r.modeAtPreInspect, Reader::kUpgradeAbort);
-}
-
-TEST_F(SqliteCatalogTest, ReadObjectStopsWhenPreInspectSaysSo) {
+TEST_P(CatalogContract, ReadObjectStopsWhenPreInspectSaysSo) {
     RecordingReader r(L"other1");
     r.stopAtPreInspect = true;
     EXPECT_EQ(read(alice, L"/shared/report", r), kSuccess);
@@ -288,55 +211,55 @@ TEST_F(SqliteCatalogTest, ReadObjectStopsWhenPreInspectSaysSo) {
     EXPECT_EQ(r.readCalls, 0);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectWithAnotherSignatureIsObjectTypeMismatch) {
+TEST_P(CatalogContract, ReadObjectWithAnotherSignatureIsObjectTypeMismatch) {
     RecordingReader r(L"other1");
     EXPECT_EQ(read(alice, L"/shared/report", r), kErrorObjectTypeMismatch);
     EXPECT_EQ(r.readCalls, 0);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectOnAMissingObjectIsPathNotFound) {
+TEST_P(CatalogContract, ReadObjectOnAMissingObjectIsPathNotFound) {
     RecordingReader r;
     EXPECT_EQ(read(alice, L"/shared/missing", r), kErrorPathNotFound);
     EXPECT_EQ(r.preCalls, 0);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectOnAFolderIsObjectExpected) {
+TEST_P(CatalogContract, ReadObjectOnAFolderIsObjectExpected) {
     RecordingReader r;
     EXPECT_EQ(read(alice, L"/shared", r), kErrorObjectExpected);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectOnAnUnreadableObjectIsAccessDenied) {
+TEST_P(CatalogContract, ReadObjectOnAnUnreadableObjectIsAccessDenied) {
     catalog->setAccess(Path(L"/shared/report"), L"finance", true, Rights::kRead);
     RecordingReader r;
     EXPECT_EQ(read(alice, L"/shared/report", r), kErrorAccessDenied);
     EXPECT_EQ(read(bob, L"/shared/report", r), kSuccess);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectOnAnInvalidPathIsPathInvalid) {
+TEST_P(CatalogContract, ReadObjectOnAnInvalidPathIsPathInvalid) {
     RecordingReader r;
     EXPECT_EQ(read(alice, L"no/slash", r), kErrorPathInvalid);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectThroughALinkReadsTheTarget) {
+TEST_P(CatalogContract, ReadObjectThroughALinkReadsTheTarget) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
     RecordingReader r;
     ASSERT_EQ(read(alice, L"/shared/link", r), kSuccess);
     EXPECT_EQ(r.body, "report body");
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectOnADanglingLinkIsLinkTargetPathNotFound) {
+TEST_P(CatalogContract, ReadObjectOnADanglingLinkIsLinkTargetPathNotFound) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/gone"));
     RecordingReader r;
     EXPECT_EQ(read(alice, L"/shared/link", r), kErrorLinkTargetPathNotFound);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectOnACircularLinkIsCircularLink) {
+TEST_P(CatalogContract, ReadObjectOnACircularLinkIsCircularLink) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/link"));
     RecordingReader r;
     EXPECT_EQ(read(alice, L"/shared/link", r), kErrorCircularLink);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectLetsTheReadersExceptionPass) {
+TEST_P(CatalogContract, ReadObjectLetsTheReadersExceptionPass) {
     RecordingReader r;
     r.throwOnRead = true;
     EXPECT_THROW(read(alice, L"/shared/report", r), CatalogUpgradeRequired);
@@ -345,17 +268,17 @@ TEST_F(SqliteCatalogTest, ReadObjectLetsTheReadersExceptionPass) {
     EXPECT_EQ(info(alice, L"/shared/report", i), kSuccess);
 }
 
-TEST_F(SqliteCatalogTest, ReadObjectWhenTheReaderRefusesPrivilegesIsPrivilegeValidationFailed) {
+TEST_P(CatalogContract, ReadObjectWhenTheReaderRefusesPrivilegesIsPrivilegeValidationFailed) {
     RecordingReader r;
     r.privilegesOk = false;
     EXPECT_EQ(read(alice, L"/shared/report", r), kErrorPrivilegeValidationFailed);
     EXPECT_EQ(r.readCalls, 0);
 }
 
-TEST_F(SqliteCatalogTest, ReadersMayUseTheCatalogFromTheirCallbacks) {
+TEST_P(CatalogContract, ReadersMayUseTheCatalogFromTheirCallbacks) {
     class NestedReader : public RecordingReader {
     public:
-        NestedReader(SqliteCatalog& c, const AccountToken& u) : m_catalog(c), m_user(u) {}
+        NestedReader(ManagedCatalog& c, const AccountToken& u) : m_catalog(c), m_user(u) {}
         bool read(const void* data, std::size_t size, const ItemInfo& info) override {
             ItemInfo other;
             nested = m_catalog.getItemInfo(m_user, Path(L"/shared"), other, false, false);
@@ -364,7 +287,7 @@ TEST_F(SqliteCatalogTest, ReadersMayUseTheCatalogFromTheirCallbacks) {
         ReturnCode nested = kErrorOther;
 
     private:
-        SqliteCatalog& m_catalog;
+        ManagedCatalog& m_catalog;
         AccountToken m_user;
     } r(*catalog, alice);
     ASSERT_EQ(read(alice, L"/shared/report", r), kSuccess);
@@ -373,7 +296,7 @@ TEST_F(SqliteCatalogTest, ReadersMayUseTheCatalogFromTheirCallbacks) {
 
 // --- writeObject ------------------------------------------------------------
 
-TEST_F(SqliteCatalogTest, WriteObjectCreatesAnObject) {
+TEST_P(CatalogContract, WriteObjectCreatesAnObject) {
     RecordingWriter w("new body", L"sig1");
     ASSERT_EQ(write(alice, L"/shared/new", w), kSuccess);
     EXPECT_EQ(catalog->readRaw(Path(L"/shared/new")), "new body");
@@ -385,7 +308,7 @@ TEST_F(SqliteCatalogTest, WriteObjectCreatesAnObject) {
     EXPECT_EQ(w.written.getPath(kInfoOriginal).toString(), L"/shared/new");
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectReplacesAnObjectAndKeepsItsProperties) {
+TEST_P(CatalogContract, WriteObjectReplacesAnObjectAndKeepsItsProperties) {
     RecordingWriter w("second");
     ASSERT_EQ(write(alice, L"/shared/report", w), kSuccess);
     EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "second");
@@ -394,41 +317,41 @@ TEST_F(SqliteCatalogTest, WriteObjectReplacesAnObjectAndKeepsItsProperties) {
     EXPECT_EQ(i.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectWithoutParentFolderIsPathNotFound) {
+TEST_P(CatalogContract, WriteObjectWithoutParentFolderIsPathNotFound) {
     RecordingWriter w("x");
     EXPECT_EQ(write(alice, L"/shared/nofolder/x", w), kErrorPathNotFound);
     EXPECT_EQ(w.writeCalls, 0);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectUnderAnObjectIsFolderExpected) {
+TEST_P(CatalogContract, WriteObjectUnderAnObjectIsFolderExpected) {
     RecordingWriter w("x");
     EXPECT_EQ(write(alice, L"/shared/report/x", w), kErrorFolderExpected);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectOnAFolderIsObjectExpected) {
+TEST_P(CatalogContract, WriteObjectOnAFolderIsObjectExpected) {
     RecordingWriter w("x");
     EXPECT_EQ(write(alice, L"/shared", w), kErrorObjectExpected);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectOnALinkIsObjectExpected) {
+TEST_P(CatalogContract, WriteObjectOnALinkIsObjectExpected) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
     RecordingWriter w("x");
     EXPECT_EQ(write(alice, L"/shared/link", w), kErrorObjectExpected);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectOnTheRootIsRootSacred) {
+TEST_P(CatalogContract, WriteObjectOnTheRootIsRootSacred) {
     RecordingWriter w("x");
     EXPECT_EQ(write(admin, L"/", w), kErrorRootSacred);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectWithAnInvalidNameIsItemNameInvalid) {
+TEST_P(CatalogContract, WriteObjectWithAnInvalidNameIsItemNameInvalid) {
     RecordingWriter w("x");
     EXPECT_EQ(write(alice, L"/shared/bad\x01name", w), kErrorItemNameInvalid);
     EXPECT_EQ(write(alice, L"/shared/   ", w), kErrorItemNameInvalid);
     EXPECT_EQ(write(alice, (L"/shared/" + String(256, L'n')).c_str(), w), kErrorItemNameInvalid);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectWithAnInvalidPathIsPathInvalid) {
+TEST_P(CatalogContract, WriteObjectWithAnInvalidPathIsPathInvalid) {
     RecordingWriter w("x");
     EXPECT_EQ(catalog->writeObject(alice, kpBlank, w, tDefaultReplaceHelper), kErrorPathInvalid);
     EXPECT_EQ(write(alice, L"shared/x", w), kErrorPathInvalid);
@@ -437,7 +360,7 @@ TEST_F(SqliteCatalogTest, WriteObjectWithAnInvalidPathIsPathInvalid) {
     EXPECT_EQ(w.writeCalls, 0);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectWithoutWriteRightIsAccessDenied) {
+TEST_P(CatalogContract, WriteObjectWithoutWriteRightIsAccessDenied) {
     catalog->makeFolder(Path(L"/readonly"));
     RecordingWriter w("x");
     EXPECT_EQ(write(alice, L"/readonly/new", w), kErrorAccessDenied);
@@ -447,7 +370,7 @@ TEST_F(SqliteCatalogTest, WriteObjectWithoutWriteRightIsAccessDenied) {
     EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "report body");
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectRefusedByTheReplaceHelperIsItemAlreadyExists) {
+TEST_P(CatalogContract, WriteObjectRefusedByTheReplaceHelperIsItemAlreadyExists) {
     RecordingWriter w("x");
     NeverReplace never;
     EXPECT_EQ(catalog->writeObject(alice, Path(L"/shared/report"), w, never), kErrorItemAlreadyExists);
@@ -459,7 +382,7 @@ TEST_F(SqliteCatalogTest, WriteObjectRefusedByTheReplaceHelperIsItemAlreadyExist
     EXPECT_EQ(never.calls, 1);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectWhenTheWriterRefusesPrivilegesIsPrivilegeValidationFailed) {
+TEST_P(CatalogContract, WriteObjectWhenTheWriterRefusesPrivilegesIsPrivilegeValidationFailed) {
     RecordingWriter w("x");
     w.privilegesOk = false;
     EXPECT_EQ(write(alice, L"/shared/new", w), kErrorPrivilegeValidationFailed);
@@ -468,14 +391,14 @@ TEST_F(SqliteCatalogTest, WriteObjectWhenTheWriterRefusesPrivilegesIsPrivilegeVa
     EXPECT_EQ(write(AccountToken(), L"/shared/new", anonymous), kErrorPrivilegeValidationFailed);
 }
 
-TEST_F(SqliteCatalogTest, WriteObjectWhenTheWriterThrowsIsCatalogObjectException) {
+TEST_P(CatalogContract, WriteObjectWhenTheWriterThrowsIsCatalogObjectException) {
     RecordingWriter w("x");
     w.throwOnWrite = true;
     EXPECT_EQ(write(alice, L"/shared/report", w), kErrorCatalogObjectException);
     EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "report body");
 }
 
-TEST_F(SqliteCatalogTest, TwoWritesInATightLoopHaveStrictlyIncreasingTimes) {
+TEST_P(CatalogContract, TwoWritesInATightLoopHaveStrictlyIncreasingTimes) {
     RecordingWriter w("x");
     Time previous = 0;
     for (int n = 0; n < 200; ++n) {
@@ -487,7 +410,7 @@ TEST_F(SqliteCatalogTest, TwoWritesInATightLoopHaveStrictlyIncreasingTimes) {
     }
 }
 
-TEST_F(SqliteCatalogTest, AnObjectWrittenAgainAfterDeletionHasALaterTime) {
+TEST_P(CatalogContract, AnObjectWrittenAgainAfterDeletionHasALaterTime) {
     ItemInfo before;
     ASSERT_EQ(info(alice, L"/shared/report", before), kSuccess);
     ASSERT_EQ(catalog->deleteObject(alice, Path(L"/shared/report")), kSuccess);
@@ -500,54 +423,55 @@ TEST_F(SqliteCatalogTest, AnObjectWrittenAgainAfterDeletionHasALaterTime) {
 
 // --- deleteObject -----------------------------------------------------------
 
-TEST_F(SqliteCatalogTest, DeleteObjectRemovesAnObject) {
+TEST_P(CatalogContract, DeleteObjectRemovesAnObject) {
     EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/report")), kSuccess);
     EXPECT_FALSE(catalog->exists(Path(L"/shared/report")));
     ItemInfo i;
     EXPECT_EQ(info(alice, L"/shared/report", i), kErrorPathNotFound);
 }
 
-TEST_F(SqliteCatalogTest, DeleteObjectRemovesALinkNotItsTarget) {
+TEST_P(CatalogContract, DeleteObjectRemovesALinkNotItsTarget) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
     EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/link")), kSuccess);
     EXPECT_FALSE(catalog->exists(Path(L"/shared/link")));
     EXPECT_TRUE(catalog->exists(Path(L"/shared/report")));
 }
 
-TEST_F(SqliteCatalogTest, DeleteObjectOnAMissingItemIsPathNotFound) {
+TEST_P(CatalogContract, DeleteObjectOnAMissingItemIsPathNotFound) {
     EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/missing")), kErrorPathNotFound);
 }
 
-TEST_F(SqliteCatalogTest, DeleteObjectOnAFolderIsObjectOrLinkExpected) {
+TEST_P(CatalogContract, DeleteObjectOnAFolderIsObjectOrLinkExpected) {
     EXPECT_EQ(catalog->deleteObject(admin, Path(L"/shared")), kErrorObjectOrLinkExpected);
     EXPECT_TRUE(catalog->exists(Path(L"/shared")));
 }
 
-TEST_F(SqliteCatalogTest, DeleteObjectOnTheRootIsRootSacred) {
+TEST_P(CatalogContract, DeleteObjectOnTheRootIsRootSacred) {
     EXPECT_EQ(catalog->deleteObject(admin, Path(L"/")), kErrorRootSacred);
 }
 
-TEST_F(SqliteCatalogTest, DeleteObjectWithoutWriteRightIsAccessDenied) {
+TEST_P(CatalogContract, DeleteObjectWithoutWriteRightIsAccessDenied) {
     catalog->setAccess(Path(L"/shared/report"), L"everyone", true, Rights::kRead);
     EXPECT_EQ(catalog->deleteObject(alice, Path(L"/shared/report")), kErrorAccessDenied);
     EXPECT_TRUE(catalog->exists(Path(L"/shared/report")));
 }
 
-TEST_F(SqliteCatalogTest, DeleteObjectOnAnInvalidPathIsPathInvalid) {
+TEST_P(CatalogContract, DeleteObjectOnAnInvalidPathIsPathInvalid) {
     EXPECT_EQ(catalog->deleteObject(alice, kpBlank), kErrorPathInvalid);
     EXPECT_EQ(catalog->deleteObject(alice, Path(L"/a//b", kUnchecked)), kErrorPathInvalid);
 }
 
 // --- access rights ----------------------------------------------------------
 
-TEST_F(SqliteCatalogTest, ANewCatalogLetsEveryoneReadAndNobodyWrite) {
-    auto fresh = SqliteCatalog::openInMemory();
+TEST_P(CatalogContract, ANewCatalogLetsEveryoneReadAndNobodyWrite) {
+    const std::unique_ptr<TestStore> freshStore = makeStore(GetParam());
+    const std::unique_ptr<ManagedCatalog> fresh = freshStore->open();
     fresh->putObject(Path(L"/a/x"), L"t", {}, "x");
     EXPECT_EQ(fresh->effectiveRights(alice, Path(L"/a/x")), Rights::kRead);
     EXPECT_EQ(fresh->effectiveRights(alice, Path(L"/")), Rights::kRead);
 }
 
-TEST_F(SqliteCatalogTest, RightsAreInheritedFromTheNearestAncestorThatSetsThem) {
+TEST_P(CatalogContract, RightsAreInheritedFromTheNearestAncestorThatSetsThem) {
     catalog->putObject(Path(L"/shared/deep/er/x"), L"t", {}, "x");
     EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/deep/er/x")), Rights::kWrite);
     catalog->setAccess(Path(L"/shared/deep"), L"everyone", true, Rights::kRead);
@@ -557,7 +481,7 @@ TEST_F(SqliteCatalogTest, RightsAreInheritedFromTheNearestAncestorThatSetsThem) 
     EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/deep")), Rights::kRead);
 }
 
-TEST_F(SqliteCatalogTest, TheNearestAccessListReplacesTheOnesAbove) {
+TEST_P(CatalogContract, TheNearestAccessListReplacesTheOnesAbove) {
     catalog->putObject(Path(L"/shared/team/x"), L"t", {}, "x");
     catalog->setAccess(Path(L"/shared/team"), L"alice", false, Rights::kWrite);
     // bob had write on /shared through "everyone", but /shared/team names alice only.
@@ -567,7 +491,7 @@ TEST_F(SqliteCatalogTest, TheNearestAccessListReplacesTheOnesAbove) {
     EXPECT_EQ(info(alice, L"/shared/team/x", i), kSuccess);
 }
 
-TEST_F(SqliteCatalogTest, AccessListsOnLongPathsApplyToTheirItemsOnly) {
+TEST_P(CatalogContract, AccessListsOnLongPathsApplyToTheirItemsOnly) {
     // Item paths of 30, 286 and 542 bytes: the same length modulo 256.
     const std::wstring folder = L"/shared/" + std::wstring(20, L'f');  // 28 characters
     const Path shortItem(folder + L"/x");
@@ -586,7 +510,7 @@ TEST_F(SqliteCatalogTest, AccessListsOnLongPathsApplyToTheirItemsOnly) {
     EXPECT_EQ(catalog->getItemInfo(bob, longerItem, i, false, true), kErrorAccessDenied);
 }
 
-TEST_F(SqliteCatalogTest, AUserEntryGrantsToThatUserOnly) {
+TEST_P(CatalogContract, AUserEntryGrantsToThatUserOnly) {
     catalog->makeFolder(Path(L"/home"));
     catalog->setAccess(Path(L"/home"), L"alice", false, Rights::kWrite);
     RecordingWriter w("x");
@@ -597,7 +521,7 @@ TEST_F(SqliteCatalogTest, AUserEntryGrantsToThatUserOnly) {
     EXPECT_EQ(write(bob, L"/home/bobs", w), kErrorAccessDenied);
 }
 
-TEST_F(SqliteCatalogTest, AGroupEntryGrantsToItsMembers) {
+TEST_P(CatalogContract, AGroupEntryGrantsToItsMembers) {
     catalog->makeFolder(Path(L"/finance"));
     catalog->setAccess(Path(L"/finance"), L"finance", true, Rights::kWrite);
     RecordingWriter w("x");
@@ -607,7 +531,7 @@ TEST_F(SqliteCatalogTest, AGroupEntryGrantsToItsMembers) {
     EXPECT_EQ(info(alice, L"/finance/plan", i), kErrorAccessDenied);
 }
 
-TEST_F(SqliteCatalogTest, TheGreatestMatchingEntryWins) {
+TEST_P(CatalogContract, TheGreatestMatchingEntryWins) {
     catalog->setAccess(Path(L"/shared"), L"alice", false, Rights::kNone);
     catalog->setAccess(Path(L"/shared"), L"sales", true, Rights::kRead);
     EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kWrite);  // everyone: write
@@ -615,7 +539,7 @@ TEST_F(SqliteCatalogTest, TheGreatestMatchingEntryWins) {
     EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kRead);
 }
 
-TEST_F(SqliteCatalogTest, AdministratorsMayDoEverything) {
+TEST_P(CatalogContract, AdministratorsMayDoEverything) {
     catalog->putObject(Path(L"/locked/x"), L"test1", {}, "x");
     catalog->setAccess(Path(L"/locked"), L"everyone", true, Rights::kNone);
     ItemInfo i;
@@ -628,14 +552,14 @@ TEST_F(SqliteCatalogTest, AdministratorsMayDoEverything) {
     EXPECT_EQ(info(alice, L"/locked", i), kErrorAccessDenied);
 }
 
-TEST_F(SqliteCatalogTest, ClearingAnAccessListInheritsAgain) {
+TEST_P(CatalogContract, ClearingAnAccessListInheritsAgain) {
     catalog->setAccess(Path(L"/shared/report"), L"bob", false, Rights::kRead);
     EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kNone);
     catalog->clearAccess(Path(L"/shared/report"));
     EXPECT_EQ(catalog->effectiveRights(alice, Path(L"/shared/report")), Rights::kWrite);
 }
 
-TEST_F(SqliteCatalogTest, SetAccessOnAMissingItemIsPathNotFound) {
+TEST_P(CatalogContract, SetAccessOnAMissingItemIsPathNotFound) {
     try {
         catalog->setAccess(Path(L"/missing"), L"alice", false, Rights::kRead);
         FAIL() << "no exception";
@@ -646,7 +570,7 @@ TEST_F(SqliteCatalogTest, SetAccessOnAMissingItemIsPathNotFound) {
 
 // --- administration ---------------------------------------------------------
 
-TEST_F(SqliteCatalogTest, MakeFolderMakesMissingAncestors) {
+TEST_P(CatalogContract, MakeFolderMakesMissingAncestors) {
     catalog->makeFolder(Path(L"/a/b/c"));
     for (const wchar_t* p : {L"/a", L"/a/b", L"/a/b/c"}) {
         ItemInfo i;
@@ -657,7 +581,7 @@ TEST_F(SqliteCatalogTest, MakeFolderMakesMissingAncestors) {
     EXPECT_THROW(catalog->makeFolder(Path(L"/shared/report/x")), CatalogException);
 }
 
-TEST_F(SqliteCatalogTest, ListGivesTheChildrenInOrder) {
+TEST_P(CatalogContract, ListGivesTheChildrenInOrder) {
     catalog->putObject(Path(L"/shared/a"), L"s", {}, "");
     catalog->makeLink(Path(L"/shared/b"), Path(L"/shared/a"));
     catalog->makeFolder(Path(L"/shared/c"));
@@ -671,7 +595,7 @@ TEST_F(SqliteCatalogTest, ListGivesTheChildrenInOrder) {
     EXPECT_EQ(entries[3].path.toString(), L"/shared/report");
 }
 
-TEST_F(SqliteCatalogTest, TokenForGivesTheRegisteredGroups) {
+TEST_P(CatalogContract, TokenForGivesTheRegisteredGroups) {
     const AccountToken t = catalog->tokenFor(L"alice");
     EXPECT_EQ(t.getUserName(), L"alice");
     ASSERT_EQ(t.getGroups().size(), 1u);
@@ -681,7 +605,7 @@ TEST_F(SqliteCatalogTest, TokenForGivesTheRegisteredGroups) {
     EXPECT_TRUE(catalog->tokenFor(L"stranger").getGroups().empty());
 }
 
-TEST_F(SqliteCatalogTest, APasswordHashIsStoredWithItsUserAndSurvivesNewGroups) {
+TEST_P(CatalogContract, APasswordHashIsStoredWithItsUserAndSurvivesNewGroups) {
     EXPECT_EQ(catalog->passwordHash(L"alice"), "");
     catalog->setPasswordHash(L"alice", "$argon2id$stored");
     EXPECT_EQ(catalog->passwordHash(L"alice"), "$argon2id$stored");
@@ -692,7 +616,7 @@ TEST_F(SqliteCatalogTest, APasswordHashIsStoredWithItsUserAndSurvivesNewGroups) 
     EXPECT_EQ(catalog->passwordHash(L"alice"), "");
 }
 
-TEST_F(SqliteCatalogTest, APasswordForAnUnknownUserIsRefused) {
+TEST_P(CatalogContract, APasswordForAnUnknownUserIsRefused) {
     try {
         catalog->setPasswordHash(L"stranger", "$argon2id$x");
         FAIL() << "no exception";
@@ -705,7 +629,7 @@ TEST_F(SqliteCatalogTest, APasswordForAnUnknownUserIsRefused) {
     EXPECT_TRUE(catalog->hasUser(L"alice"));
 }
 
-TEST_F(SqliteCatalogTest, ListGivesEachChildsProperties) {
+TEST_P(CatalogContract, ListGivesEachChildsProperties) {
     catalog->makeFolder(Path(L"/shared/dash"));
     catalog->setProperties(Path(L"/shared/dash"), {{L"compositeSignature", L"dashboardfolder1"}});
     const auto entries = catalog->list(Path(L"/shared"));
@@ -715,7 +639,7 @@ TEST_F(SqliteCatalogTest, ListGivesEachChildsProperties) {
     EXPECT_EQ(entries[1].properties.at(L"owner"), L"alice");
 }
 
-TEST_F(SqliteCatalogTest, ListReadableGivesOnlyTheChildrenTheUserMayRead) {
+TEST_P(CatalogContract, ListReadableGivesOnlyTheChildrenTheUserMayRead) {
     catalog->putObject(Path(L"/shared/sales"), L"s", {}, "x");
     catalog->clearAccess(Path(L"/shared/sales"));
     catalog->setAccess(Path(L"/shared/sales"), L"sales", true, Rights::kRead);
@@ -732,7 +656,7 @@ TEST_F(SqliteCatalogTest, ListReadableGivesOnlyTheChildrenTheUserMayRead) {
     EXPECT_EQ(names(admin).size(), 3u);
 }
 
-TEST_F(SqliteCatalogTest, ListReadableOfAFolderTheUserMayNotReadIsAccessDenied) {
+TEST_P(CatalogContract, ListReadableOfAFolderTheUserMayNotReadIsAccessDenied) {
     catalog->makeFolder(Path(L"/shared/hidden"));
     catalog->clearAccess(Path(L"/shared/hidden"));
     catalog->setAccess(Path(L"/shared/hidden"), L"finance", true, Rights::kRead);
@@ -750,12 +674,12 @@ TEST_F(SqliteCatalogTest, ListReadableOfAFolderTheUserMayNotReadIsAccessDenied) 
     EXPECT_EQ(code(alice, L"/shared/report"), kErrorFolderExpected);
 }
 
-TEST_F(SqliteCatalogTest, OnlyTheAdministratorsGroupMakesAnAdministrator) {
+TEST_P(CatalogContract, OnlyTheAdministratorsGroupMakesAnAdministrator) {
     EXPECT_TRUE(ManagedCatalog::isAdministrator(admin));
     EXPECT_FALSE(ManagedCatalog::isAdministrator(alice));
 }
 
-TEST_F(SqliteCatalogTest, RemoveDeletesAFolderWithEverythingUnderIt) {
+TEST_P(CatalogContract, RemoveDeletesAFolderWithEverythingUnderIt) {
     catalog->putObject(Path(L"/shared/f/x"), L"s", {}, "x");
     catalog->putObject(Path(L"/shared/f/y/z"), L"s", {}, "z");
     catalog->putObject(Path(L"/shared/f0"), L"s", {}, "keep");
@@ -766,7 +690,7 @@ TEST_F(SqliteCatalogTest, RemoveDeletesAFolderWithEverythingUnderIt) {
     EXPECT_THROW(catalog->remove(Path(L"/")), CatalogException);
 }
 
-TEST_F(SqliteCatalogTest, ReadRawOfAFolderIsObjectExpected) {
+TEST_P(CatalogContract, ReadRawOfAFolderIsObjectExpected) {
     try {
         catalog->readRaw(Path(L"/shared"));
         FAIL() << "no exception";
@@ -775,7 +699,7 @@ TEST_F(SqliteCatalogTest, ReadRawOfAFolderIsObjectExpected) {
     }
 }
 
-TEST_F(SqliteCatalogTest, NamesWithEscapedSlashesAreDistinctItems) {
+TEST_P(CatalogContract, NamesWithEscapedSlashesAreDistinctItems) {
     catalog->putObject(Path(L"/shared/a\\/b"), L"s", {}, "escaped");
     catalog->putObject(Path(L"/shared/a/b"), L"s", {}, "nested");
     EXPECT_EQ(catalog->readRaw(Path(L"/shared/a\\/b")), "escaped");
@@ -784,7 +708,7 @@ TEST_F(SqliteCatalogTest, NamesWithEscapedSlashesAreDistinctItems) {
     EXPECT_EQ(entries.size(), 3u);
 }
 
-TEST_F(SqliteCatalogTest, UnicodePathsAndPropertiesRoundTrip) {
+TEST_P(CatalogContract, UnicodePathsAndPropertiesRoundTrip) {
     const Path p(L"/shared/r\u00e9sum\u00e9 \u4e2d\U0001F600");
     catalog->putObject(p, L"sig\u00e9", {{L"k\u00e9y", L"v\u4e2d"}}, std::string("\0bin\xff", 5));
     ItemInfo i;
@@ -794,7 +718,7 @@ TEST_F(SqliteCatalogTest, UnicodePathsAndPropertiesRoundTrip) {
     EXPECT_EQ(catalog->readRaw(p), std::string("\0bin\xff", 5));
 }
 
-TEST_F(SqliteCatalogTest, InvalidPathTextsNeverCrashTheCatalog) {
+TEST_P(CatalogContract, InvalidPathTextsNeverCrashTheCatalog) {
     std::mt19937 rng(3);
     const wchar_t alphabet[] = {L'/', L'\\', L's', L' ', L'\x01', static_cast<wchar_t>(0xD800),
                                 static_cast<wchar_t>(0x110000), L'\x9F', L'r'};
@@ -823,10 +747,12 @@ TEST_F(SqliteCatalogTest, InvalidPathTextsNeverCrashTheCatalog) {
             EXPECT_EQ(d, kErrorPathInvalid);
         }
     }
-    EXPECT_EQ(catalog->integrityCheck(), "ok");
+    EXPECT_EQ(testing::integrityOf(*catalog), "ok");
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/report", i), kSuccess);
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoRefusesExactlyThePathTextsThePathCheckRefuses) {
+TEST_P(CatalogContract, GetItemInfoRefusesExactlyThePathTextsThePathCheckRefuses) {
     // Texts near every rule of the path check: separators, escapes, white
     // space, control characters, characters beyond ASCII, and the limits of
     // name and path length.
@@ -872,7 +798,7 @@ TEST_F(SqliteCatalogTest, GetItemInfoRefusesExactlyThePathTextsThePathCheckRefus
     EXPECT_GT(valid, 100);  // both kinds were tried
 }
 
-TEST_F(SqliteCatalogTest, GetItemInfoFindsItemsWhoseNamesHoldSpacesEscapesAndCharactersBeyondAscii) {
+TEST_P(CatalogContract, GetItemInfoFindsItemsWhoseNamesHoldSpacesEscapesAndCharactersBeyondAscii) {
     const std::vector<std::wstring> names = {L"quarterly report", L"a\\/b", L"back\\\\slash", L" lead",
                                              L"r\xE9sum\xE9", L"\x4E2D\U0001F600", L"tab\u3000wide",
                                              std::wstring(255, L'n')};
@@ -892,243 +818,205 @@ TEST_F(SqliteCatalogTest, GetItemInfoFindsItemsWhoseNamesHoldSpacesEscapesAndCha
     }
 }
 
-// --- files ------------------------------------------------------------------
 
-TEST(SqliteCatalogFileTest, AFileCatalogKeepsItsContentAcrossOpens) {
-    TempDir dir;
-    const std::string file = dir.file("c.db");
+// --- read batches -------------------------------------------------------------
+
+TEST_P(CatalogContract, ReadBatchGivesTheSameAnswersAsSingleReads) {
+    catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
+    ItemInfo alone, aloneLink;
+    ASSERT_EQ(info(alice, L"/shared/report", alone), kSuccess);
+    ASSERT_EQ(info(alice, L"/shared/link", aloneLink), kSuccess);
+    RecordingReader r;
+    catalog->putObject(Path(L"/shared/favs"), L"test1", {},
+                       "<f><i path=\"/shared/report\"/><i path='/shared/link'/><i path=\"/shared/none\"/></f>");
+    ASSERT_EQ(read(alice, L"/shared/favs", r), kSuccess);
+    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
+    EXPECT_EQ(catalog->beginReadBatch(), nullptr);  // an open batch serves a nested one
+    ItemInfo inBatch, inBatchLink;
+    ASSERT_EQ(info(alice, L"/shared/report", inBatch), kSuccess);
+    EXPECT_EQ(inBatch.getLastModifiedTime(kInfoResolved), alone.getLastModifiedTime(kInfoResolved));
+    EXPECT_EQ(inBatch.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
+    ASSERT_EQ(info(alice, L"/shared/link", inBatchLink), kSuccess);
+    EXPECT_EQ(inBatchLink.getItemType(kInfoOriginal), static_cast<unsigned>(kLink));
+    EXPECT_EQ(inBatchLink.getPath(kInfoResolved).toString(), L"/shared/report");
+    ItemInfo missing;
+    EXPECT_EQ(info(alice, L"/shared/none", missing), kErrorPathNotFound);
+    EXPECT_EQ(info(bob, L"/shared/report", missing), kSuccess);
+    catalog->setAccess(Path(L"/shared/report"), L"alice", false, Rights::kNone);
+    batch.reset();
+    EXPECT_EQ(info(alice, L"/shared/report", missing), kErrorAccessDenied);
+}
+
+TEST_P(CatalogContract, ReadBatchAnswersAccessAsSingleReadsDo) {
+    catalog->setAccess(Path(L"/shared/report"), L"bob", false, Rights::kNone);
+    RecordingReader r;
+    catalog->putObject(Path(L"/shared/favs"), L"test1", {}, "<f><i path=\"/shared/report\"/></f>");
+    ASSERT_EQ(read(alice, L"/shared/favs", r), kSuccess);
+    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
+    ItemInfo i;
+    EXPECT_EQ(info(bob, L"/shared/report", i), kErrorAccessDenied);
+    EXPECT_EQ(info(alice, L"/shared/report", i), kErrorAccessDenied);  // the list names bob only
+    EXPECT_EQ(info(admin, L"/shared/report", i), kSuccess);
+}
+
+TEST_P(CatalogContract, WriteDuringAReadBatchOnTheSameThreadSucceedsAndIsSeenAfterIt) {
+    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
+    ItemInfo before;
+    ASSERT_EQ(info(alice, L"/shared/report", before), kSuccess);
+    RecordingWriter w("new body");
+    EXPECT_EQ(write(alice, L"/shared/report", w), kSuccess);
+    batch.reset();
+    ItemInfo after;
+    ASSERT_EQ(info(alice, L"/shared/report", after), kSuccess);
+    EXPECT_GT(after.getLastModifiedTime(kInfoResolved), before.getLastModifiedTime(kInfoResolved));
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "new body");
+}
+
+TEST_P(CatalogContract, ABatchOnOneThreadDoesNotServeAnother) {
+    std::unique_ptr<ReadBatch> batch = catalog->beginReadBatch();
+    ReturnCode otherRead = kErrorOther;
+    std::thread t([&] {
+        std::unique_ptr<ReadBatch> other = catalog->beginReadBatch();
+        ItemInfo i;
+        otherRead = info(alice, L"/shared/report", i);
+    });
+    t.join();
+    EXPECT_EQ(otherRead, kSuccess);
+}
+
+// --- write locks ----------------------------------------------------------------
+
+TEST_P(CatalogContract, AWriteLockExcludesOtherHoldersOfTheSamePathOnly) {
+    const Path favorites(L"/users/alice/favorites");
+    std::unique_ptr<WriteLock> held = catalog->lockForWriting(favorites);
+    std::atomic<bool> otherPathLocked{false}, samePathLocked{false};
+    std::thread other([&] {
+        std::unique_ptr<WriteLock> l = catalog->lockForWriting(Path(L"/users/bob/favorites"));
+        otherPathLocked = true;
+    });
+    other.join();
+    EXPECT_TRUE(otherPathLocked);
+    std::thread same([&] {
+        std::unique_ptr<WriteLock> l = catalog->lockForWriting(favorites);
+        samePathLocked = true;
+    });
+    // The waiter cannot get in while the lock is held (checked over a while,
+    // not timed: it must still be out after the pause).
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(samePathLocked);
+    held.reset();
+    same.join();
+    EXPECT_TRUE(samePathLocked);
+}
+
+TEST_P(CatalogContract, ReadsAndWritesDoNotWaitForAWriteLock) {
+    std::unique_ptr<WriteLock> held = catalog->lockForWriting(Path(L"/shared/report"));
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/report", i), kSuccess);
+    RecordingWriter w("written while locked");
+    EXPECT_EQ(write(alice, L"/shared/report", w), kSuccess);  // the lock guards hosts' sequences, not the store
+}
+
+TEST_P(CatalogContract, AWriteLockOnAnInvalidPathIsRefused) {
+    EXPECT_THROW(catalog->lockForWriting(Path(L"/a//b", kUnchecked)), CatalogException);
+}
+
+// --- several catalog objects on one store -------------------------------------------
+
+class SharedStoreContract : public ::testing::TestWithParam<std::string> {
+protected:
+    void SetUp() override { store = makeStore(GetParam()); }
+    std::unique_ptr<TestStore> store;
+};
+
+INSTANTIATE_TEST_SUITE_P(Backends, SharedStoreContract, ::testing::ValuesIn(sharedBackends()),
+                         [](const ::testing::TestParamInfo<std::string>& i) { return testing::testName(i.param); });
+
+TEST_P(SharedStoreContract, AStoreKeepsItsContentAcrossOpens) {
     {
-        SqliteCatalog c(file);
-        c.putObject(Path(L"/x/y"), L"s", {{L"p", L"v"}}, "body");
-        c.addUser(L"u", {L"g"});
+        std::unique_ptr<ManagedCatalog> c = store->open();
+        c->putObject(Path(L"/x/y"), L"s", {{L"p", L"v"}}, "body");
+        c->addUser(L"u", {L"g"});
     }
-    SqliteCatalog c(file);
-    EXPECT_EQ(c.readRaw(Path(L"/x/y")), "body");
-    EXPECT_EQ(c.tokenFor(L"u").getGroups().size(), 1u);
-    EXPECT_EQ(c.fileName(), file);
+    std::unique_ptr<ManagedCatalog> c = store->open();
+    EXPECT_EQ(c->readRaw(Path(L"/x/y")), "body");
+    EXPECT_EQ(c->tokenFor(L"u").getGroups().size(), 1u);
 }
 
-TEST(SqliteCatalogFileTest, AFileCatalogIsInWalModeWithItsSchemaVersion) {
-    TempDir dir;
-    const std::string file = dir.file("c.db");
-    { SqliteCatalog c(file); }
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-    auto pragma = [db](const char* sql) {
-        sqlite3_stmt* s = nullptr;
-        sqlite3_prepare_v2(db, sql, -1, &s, nullptr);
-        std::string v;
-        if (sqlite3_step(s) == SQLITE_ROW) v = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-        sqlite3_finalize(s);
-        return v;
-    };
-    EXPECT_EQ(pragma("PRAGMA journal_mode"), "wal");
-    EXPECT_EQ(pragma("PRAGMA user_version"), std::to_string(SqliteCatalog::kSchemaVersion));
-    sqlite3_close(db);
-}
-
-ReturnCode openError(const std::string& file, std::string* message = nullptr) {
-    try {
-        SqliteCatalog c(file);
-        return kSuccess;
-    } catch (const CatalogException& e) {
-        if (message) *message = e.what();
-        return e.getCode();
-    }
-}
-
-TEST(SqliteCatalogFileTest, ANonSqliteFileIsRefusedAndLeftUnchanged) {
-    TempDir dir;
-    const std::string file = dir.file("notes.txt");
-    const std::string bytes = "These are not the bytes of a database.\n" + std::string(5000, 'x');
-    writeFileBytes(file, bytes);
-    std::string message;
-    EXPECT_EQ(openError(file, &message), kErrorLoadingCatalog);
-    EXPECT_NE(message.find(file), std::string::npos) << message;
-    EXPECT_EQ(readFileBytes(file), bytes);
-}
-
-TEST(SqliteCatalogFileTest, AForeignSqliteDatabaseIsRefusedAndLeftUnchanged) {
-    TempDir dir;
-    const std::string file = dir.file("foreign.db");
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE t(a); INSERT INTO t VALUES (1);", nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-    const std::string bytes = readFileBytes(file);
-    std::string message;
-    EXPECT_EQ(openError(file, &message), kErrorLoadingCatalog);
-    EXPECT_NE(message.find("not a catalog"), std::string::npos) << message;
-    EXPECT_EQ(readFileBytes(file), bytes);
-}
-
-TEST(SqliteCatalogFileTest, ACatalogOfAnotherSchemaVersionIsRefusedAndLeftUnchanged) {
-    TempDir dir;
-    const std::string file = dir.file("c.db");
-    { SqliteCatalog c(file); }
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version = 99; PRAGMA wal_checkpoint(TRUNCATE);", nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(db);
-    const std::string bytes = readFileBytes(file);
-    std::string message;
-    EXPECT_EQ(openError(file, &message), kErrorLoadingCatalog);
-    EXPECT_NE(message.find("version 99"), std::string::npos) << message;
-    EXPECT_EQ(readFileBytes(file), bytes);
-}
-
-TEST(SqliteCatalogFileTest, AVersion1CatalogIsUpgradedInPlaceKeepingItsContent) {
-    TempDir dir;
-    const std::string file = dir.file("c.db");
-    {
-        SqliteCatalog c(file);
-        c.putObject(Path(L"/x/y"), L"s", {}, "body");
-        c.addUser(L"u", {L"g"});
-    }
-    // Make the file what version 1 wrote: users without a password column.
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "ALTER TABLE users DROP COLUMN password; PRAGMA user_version = 1;", nullptr, nullptr,
-                           nullptr),
-              SQLITE_OK);
-    sqlite3_close(db);
-
-    SqliteCatalog c(file);
-    EXPECT_EQ(c.readRaw(Path(L"/x/y")), "body");
-    EXPECT_EQ(c.tokenFor(L"u").getGroups().size(), 1u);
-    EXPECT_EQ(c.passwordHash(L"u"), "");
-    c.setPasswordHash(L"u", "$argon2id$h");
-    EXPECT_EQ(c.passwordHash(L"u"), "$argon2id$h");
-}
-
-TEST(SqliteCatalogFileTest, AnEmptyFileIsRefusedAndLeftEmptyUnlessCreatingWasAsked) {
-    TempDir dir;
-    const std::string file = dir.file("empty.db");
-    writeFileBytes(file, "");
-    SqliteCatalog::Options existing;
-    existing.create = false;
-    try {
-        SqliteCatalog c(file, existing);
-        FAIL() << "an empty file was opened as a catalog";
-    } catch (const CatalogException& e) {
-        EXPECT_EQ(e.getCode(), kErrorLoadingCatalog);
-        EXPECT_NE(std::string(e.what()).find("empty"), std::string::npos) << e.what();
-    }
-    EXPECT_EQ(readFileBytes(file), "");
-    SqliteCatalog created(file);  // create = true (the default)
-    EXPECT_TRUE(created.exists(Path(L"/")));
-}
-
-TEST(SqliteCatalogFileTest, ACorruptCatalogFileIsRefusedAndLeftUnchanged) {
-    TempDir dir;
-    const std::string file = dir.file("c.db");
-    {
-        SqliteCatalog c(file);
-        c.putObject(Path(L"/x"), L"s", {}, "body");
-    }
-    std::string bytes = readFileBytes(file);
-    ASSERT_GT(bytes.size(), 100u);
-    for (std::size_t i = 16; i < 100; ++i) bytes[i] = static_cast<char>(0xA5);
-    writeFileBytes(file, bytes);
-    EXPECT_EQ(openError(file), kErrorLoadingCatalog);
-    EXPECT_EQ(readFileBytes(file), bytes);
-}
-
-TEST(SqliteCatalogFileTest, AnEmptyFileBecomesANewCatalog) {
-    TempDir dir;
-    const std::string file = dir.file("empty.db");
-    writeFileBytes(file, "");
-    SqliteCatalog c(file);
-    EXPECT_TRUE(c.exists(Path(L"/")));
-}
-
-TEST(SqliteCatalogFileTest, AMissingFileWithoutCreateIsCatalogNotFound) {
-    TempDir dir;
-    SqliteCatalog::Options options;
-    options.create = false;
-    try {
-        SqliteCatalog c(dir.file("missing.db"), options);
-        FAIL() << "no exception";
-    } catch (const CatalogException& e) {
-        EXPECT_EQ(e.getCode(), kErrorCatalogNotFound);
-    }
-}
-
-TEST(SqliteCatalogFileTest, AccessChangesMadeThroughAnotherCatalogObjectAreSeen) {
-    TempDir dir;
-    const std::string file = dir.file("c.db");
-    SqliteCatalog first(file);
-    SqliteCatalog second(file);
-    first.putObject(Path(L"/x"), L"s", {}, "body");
+TEST_P(SharedStoreContract, AccessChangesMadeThroughAnotherCatalogObjectAreSeen) {
+    std::unique_ptr<ManagedCatalog> first = store->open();
+    std::unique_ptr<ManagedCatalog> second = store->open();
+    first->putObject(Path(L"/x"), L"s", {}, "body");
     const AccountToken user(L"u");
     ItemInfo i;
-    ASSERT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
-    first.setAccess(Path(L"/x"), L"everyone", true, Rights::kNone);
-    EXPECT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kErrorAccessDenied);
-    first.clearAccess(Path(L"/x"));
-    EXPECT_EQ(second.getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
+    ASSERT_EQ(second->getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
+    first->setAccess(Path(L"/x"), L"everyone", true, Rights::kNone);
+    EXPECT_EQ(second->getItemInfo(user, Path(L"/x"), i, false, true), kErrorAccessDenied);
+    first->clearAccess(Path(L"/x"));
+    EXPECT_EQ(second->getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
 }
 
-TEST(SqliteCatalogFileTest, ACatalogOpenedAfterAnotherWasDestroyedAnswersFromItsOwnFile) {
-    // The second catalog may well live at the address of the first: the
-    // connection a thread used last must not be taken for the new catalog's.
-    TempDir dir;
-    const AccountToken user(L"u");
-    for (int n = 0; n < 4; ++n) {
-        auto c = std::make_unique<SqliteCatalog>(dir.file("c" + std::to_string(n) + ".db"));
-        c->putObject(Path(L"/only" + std::to_wstring(n)), L"s" + std::to_wstring(n), {}, "body");
-        ItemInfo i;
-        ASSERT_EQ(c->getItemInfo(user, Path(L"/only" + std::to_wstring(n)), i, false, true), kSuccess);
-        EXPECT_EQ(i.getObjectSignature(kInfoResolved), L"s" + std::to_wstring(n));
-        if (n > 0) {
-            EXPECT_EQ(c->getItemInfo(user, Path(L"/only" + std::to_wstring(n - 1)), i, false, true),
-                      kErrorPathNotFound);
-        }
-    }
-}
-
-TEST(SqliteCatalogFileTest, OneThreadUsingTwoCatalogsInTurnGetsEachItsOwnAnswers) {
-    TempDir dir;
-    SqliteCatalog first(dir.file("a.db"));
-    SqliteCatalog second(dir.file("b.db"));
-    first.putObject(Path(L"/x"), L"first", {}, "1");
-    second.putObject(Path(L"/x"), L"second", {}, "2");
-    const AccountToken user(L"u");
-    for (int n = 0; n < 10; ++n) {
-        SqliteCatalog& c = n % 2 ? second : first;
-        ItemInfo i;
-        ASSERT_EQ(c.getItemInfo(user, Path(L"/x"), i, false, true), kSuccess);
-        EXPECT_EQ(i.getObjectSignature(kInfoResolved), n % 2 ? L"second" : L"first");
-    }
-}
-
-TEST(SqliteCatalogFileTest, WritesThroughTwoCatalogObjectsOnOneFileHaveIncreasingTimes) {
-    TempDir dir;
-    const std::string file = dir.file("c.db");
-    SqliteCatalog first(file);
-    SqliteCatalog second(file);
-    first.putObject(Path(L"/x"), L"s", {}, "0");
+TEST_P(SharedStoreContract, WritesThroughTwoCatalogObjectsHaveIncreasingTimes) {
+    std::unique_ptr<ManagedCatalog> first = store->open();
+    std::unique_ptr<ManagedCatalog> second = store->open();
+    first->putObject(Path(L"/x"), L"s", {}, "0");
     const AccountToken admin(L"root", {L"administrators"});
     RecordingWriter w("body");
     Time previous = 0;
     for (int n = 0; n < 50; ++n) {
-        SqliteCatalog& c = n % 2 ? first : second;
+        ManagedCatalog& c = n % 2 ? *first : *second;
         ASSERT_EQ(c.writeObject(admin, Path(L"/x"), w, tDefaultReplaceHelper), kSuccess);
         ASSERT_GT(w.written.getLastModifiedTime(kInfoResolved), previous);
         previous = w.written.getLastModifiedTime(kInfoResolved);
     }
 }
 
-}  // namespace
-}  // namespace kiv::catalog
+TEST_P(SharedStoreContract, WritesFromManyThreadsOfTwoCatalogObjectsAllHaveDistinctTimes) {
+    std::unique_ptr<ManagedCatalog> first = store->open();
+    std::unique_ptr<ManagedCatalog> second = store->open();
+    first->makeFolder(Path(L"/t"));
+    const AccountToken admin(L"root", {L"administrators"});
+    std::vector<std::vector<Time>> times(4);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            ManagedCatalog& c = t % 2 ? *first : *second;
+            RecordingWriter w("body");
+            for (int n = 0; n < 25; ++n) {
+                if (c.writeObject(admin, Path(L"/t/o" + std::to_wstring(t)), w, tDefaultReplaceHelper) == kSuccess)
+                    times[t].push_back(w.written.getLastModifiedTime(kInfoResolved));
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    std::vector<Time> all;
+    for (const auto& v : times) {
+        EXPECT_EQ(v.size(), 25u);
+        EXPECT_TRUE(std::is_sorted(v.begin(), v.end()));
+        all.insert(all.end(), v.begin(), v.end());
+    }
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
+}
 
-namespace kiv::catalog {
-namespace {
+TEST_P(SharedStoreContract, AWriteLockHeldThroughOneCatalogObjectExcludesAnother) {
+    std::unique_ptr<ManagedCatalog> first = store->open();
+    std::unique_ptr<ManagedCatalog> second = store->open();
+    std::unique_ptr<WriteLock> held = first->lockForWriting(Path(L"/users/u/favorites"));
+    std::atomic<bool> got{false};
+    std::thread waiter([&] {
+        std::unique_ptr<WriteLock> l = second->lockForWriting(Path(L"/users/u/favorites"));
+        got = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(got);
+    held.reset();
+    waiter.join();
+    EXPECT_TRUE(got);
+}
 
-TEST(SqliteCatalogAdminTest, PutObjectsStoresEveryObjectInOneGo) {
-    auto catalog = SqliteCatalog::openInMemory();
-    std::vector<SqliteCatalog::ObjectSpec> batch;
+TEST_P(CatalogContract, PutObjectsStoresEveryObjectInOneGo) {
+    std::vector<ManagedCatalog::ObjectSpec> batch;
     for (int n = 0; n < 20; ++n)
         batch.push_back({Path(L"/batch/f" + std::to_wstring(n % 3) + L"/o" + std::to_wstring(n)), L"s", {}, "b"});
     catalog->putObjects(batch);
@@ -1136,10 +1024,9 @@ TEST(SqliteCatalogAdminTest, PutObjectsStoresEveryObjectInOneGo) {
     EXPECT_EQ(catalog->readRaw(Path(L"/batch/f1/o19")), "b");
 }
 
-TEST(SqliteCatalogAdminTest, PutObjectsStoresNothingWhenOneObjectIsRefused) {
-    auto catalog = SqliteCatalog::openInMemory();
+TEST_P(CatalogContract, PutObjectsStoresNothingWhenOneObjectIsRefused) {
     catalog->makeFolder(Path(L"/f"));
-    std::vector<SqliteCatalog::ObjectSpec> batch{{Path(L"/a/x"), L"s", {}, "x"}, {Path(L"/f"), L"s", {}, "y"}};
+    std::vector<ManagedCatalog::ObjectSpec> batch{{Path(L"/a/x"), L"s", {}, "x"}, {Path(L"/f"), L"s", {}, "y"}};
     EXPECT_THROW(catalog->putObjects(batch), CatalogException);
     EXPECT_FALSE(catalog->exists(Path(L"/a/x")));
 }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "qz/webcatalog/sqlitecatalog.h"
-#include "sqlitecatalog_testsupport.h"
+#include "webcatalog/conformance/catalogtestsupport.h"
 
 namespace kiv::catalog {
 namespace {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "qz/webcatalog/sqlitecatalog.h"
-#include "sqlitecatalog_testsupport.h"
+#include "webcatalog/conformance/catalogtestsupport.h"
 
 namespace kiv::catalog {
 namespace {

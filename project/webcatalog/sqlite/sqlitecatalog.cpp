@@ -27,7 +27,11 @@
 #include "qz/webcatalog/sqlitecatalog.h"
 
 #include <sqlite3.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 #include <atomic>
@@ -36,10 +40,12 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 
-#include "namerules.h"
+#include "../namerules.h"
+#include "../storetext.h"
 #include "qz/webcatalog/readerwriter.h"
 
 namespace kiv::catalog {
@@ -47,93 +53,19 @@ namespace kiv::catalog {
 namespace {
 
 constexpr int kApplicationId = 0x4B495643;  // "KIVC"
-constexpr int kKindFolder = kFolder;
-constexpr int kKindLink = kLink;
-constexpr int kKindObject = kObject;
-constexpr int kMaxLinkHops = 64;
-
-// ---------------------------------------------------------------------------
-// UTF-8 without exceptions or fresh allocations on the hot path.
-
-// Stored texts are written whatever they hold: a character that is not a
-// Unicode scalar value becomes U+FFFD.
-void appendUtf8(std::string& out, std::wstring_view in) { utf8::encodeAppendReplacing(in, out); }
-
-std::string toUtf8(std::wstring_view in) {
-    std::string out;
-    out.reserve(in.size());
-    appendUtf8(out, in);
-    return out;
-}
-
-// A path's text: one-byte text straight from the path, wide text as above.
-void appendUtf8(std::string& out, const Path& path) {
-    if (path.text().isWide())
-        appendUtf8(out, std::wstring_view(path.toString()));
-    else
-        path.appendUtf8(out);
-}
-
-std::string toUtf8(const Path& path) {
-    std::string out;
-    appendUtf8(out, path);
-    return out;
-}
-
-// Decodes into `out`, reusing its storage; malformed bytes become U+FFFD
-// (the store is written by this code, so that happens only to a damaged file).
-void decodeInto(String& out, std::string_view in) { utf8::decodeReplacing(in, out); }
-
-String fromUtf8(std::string_view in) {
-    String s;
-    decodeInto(s, in);
-    return s;
-}
-
-// Properties as "name\0value\0..." in UTF-8.
-std::string encodeProperties(const std::map<String, String>& properties) {
-    std::string out;
-    for (const auto& [name, value] : properties) {
-        appendUtf8(out, name);
-        out.push_back('\0');
-        appendUtf8(out, value);
-        out.push_back('\0');
-    }
-    return out;
-}
-
-void decodeProperties(std::map<String, String>& out, std::string_view blob) {
-    out.clear();
-    String name;
-    while (!blob.empty()) {
-        const std::size_t a = blob.find('\0');
-        if (a == std::string_view::npos) break;
-        const std::size_t b = blob.find('\0', a + 1);
-        if (b == std::string_view::npos) break;
-        decodeInto(name, blob.substr(0, a));
-        decodeInto(out[name], blob.substr(a + 1, b - a - 1));
-        blob.remove_prefix(b + 1);
-    }
-}
-
-// The parent of a UTF-8 path text ("/a/b" -> "/a", "/a" -> "/"); empty for
-// the root. Escaped slashes ("\/") are not separators.
-std::string_view parentOf(std::string_view path) noexcept {
-    if (path.size() <= 1) return {};
-    for (std::size_t i = path.size(); i-- > 0;) {
-        if (path[i] != '/') continue;
-        std::size_t run = 0;
-        while (run < i && path[i - 1 - run] == '\\') ++run;
-        if (run % 2 == 0) return path.substr(0, i == 0 ? 1 : i);
-    }
-    return {};
-}
-
-std::int64_t nowMicros() noexcept {
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
+using store::appendUtf8;
+using store::decodeInto;
+using store::decodeProperties;
+using store::encodeProperties;
+using store::fromUtf8;
+using store::isValidPathText;
+using store::kKindFolder;
+using store::kKindLink;
+using store::kKindObject;
+using store::kMaxLinkHops;
+using store::nowMicros;
+using store::parentOf;
+using store::toUtf8;
 
 // ---------------------------------------------------------------------------
 // SQLite access.
@@ -386,8 +318,6 @@ void logSqlError(const SqlError& e, const std::string& file) {
                             KIV_FILE_LOCATION("project/webcatalog/sqlitecatalog", __LINE__));
 }
 
-bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path) == kItemNameValid; }
-
 // The fast case of encodeCheckedPath: true when the ASCII text `v` is a
 // valid path of printable characters without escapes; false for anything
 // else, which the full check then judges.
@@ -454,6 +384,11 @@ struct SqliteCatalog::Impl {
     std::size_t open = 0;                      // opened or being opened
     std::size_t maxOpen = SIZE_MAX;
     std::atomic<int> waiting{0};               // threads waiting for a connection
+
+    // The write locks of the in-memory catalog: the paths held.
+    std::mutex lockMutex;
+    std::condition_variable lockReleased;
+    std::set<std::string> lockedPaths;
 
     // Raised after every access-list change made through this object.
     std::atomic<std::uint64_t> localAclGen{0};
@@ -1027,15 +962,7 @@ ReturnCode SqliteCatalog::readObject(const AccountToken& user, const Path& path,
 
 ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path, Writer& writer,
                                       const ReplaceHelper& replaceHelper) {
-    if (path.isRoot()) return kErrorRootSacred;
-    const EItemNameValidity validity = detail::checkPathText(path);
-    if (validity == kPathEmpty || validity == kPathTooLong || validity == kPathMustStartWithSlash)
-        return kErrorPathInvalid;
-    if (validity != kItemNameValid) {
-        // A bad last component is a bad name; anything else a bad path.
-        const Path parent = path.getParentPath();
-        return !parent.isBlank() && isValidPathText(parent) ? kErrorItemNameInvalid : kErrorPathInvalid;
-    }
+    if (const ReturnCode rc = store::checkWritePath(path); rc != kSuccess) return rc;
     Impl& impl = *m_impl;
     try {
         // 1. The checks, and the replace question, without holding a write lock.
@@ -1525,6 +1452,82 @@ void SqliteCatalog::remove(const Path& path) {
         }
         m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
     });
+}
+
+namespace {
+
+// A write lock of a catalog file: an open file description lock, which the
+// kernel releases when the descriptor is closed, also by the end of the
+// process. Each lock has a descriptor of its own, so the threads of one
+// process exclude each other as processes do.
+class FileWriteLock : public WriteLock {
+public:
+    explicit FileWriteLock(int fd) : m_fd(fd) {}
+    ~FileWriteLock() override { ::close(m_fd); }
+
+private:
+    int m_fd;
+};
+
+class MemoryWriteLock : public WriteLock {
+public:
+    MemoryWriteLock(SqliteCatalog::Impl& impl, std::string path) : m_impl(impl), m_path(std::move(path)) {}
+    ~MemoryWriteLock() override;
+
+private:
+    SqliteCatalog::Impl& m_impl;
+    std::string m_path;
+};
+
+MemoryWriteLock::~MemoryWriteLock() {
+    {
+        std::lock_guard<std::mutex> lock(m_impl.lockMutex);
+        m_impl.lockedPaths.erase(m_path);
+    }
+    m_impl.lockReleased.notify_all();
+}
+
+// FNV-1a: the byte of the lock file that stands for a path. Two paths that
+// share a byte only wait for each other needlessly.
+off_t lockOffsetOf(std::string_view path) noexcept {
+    std::uint64_t h = 14695981039346656037ull;
+    for (const char c : path) {
+        h ^= static_cast<unsigned char>(c);
+        h *= 1099511628211ull;
+    }
+    return static_cast<off_t>(h & ((std::uint64_t(1) << 40) - 1));
+}
+
+}  // namespace
+
+std::unique_ptr<WriteLock> SqliteCatalog::lockForWriting(const Path& path) {
+    requireValid(path);
+    std::string p = toUtf8(path);
+    Impl& impl = *m_impl;
+    if (impl.inMemory) {
+        std::unique_lock<std::mutex> lock(impl.lockMutex);
+        impl.lockReleased.wait(lock, [&] { return impl.lockedPaths.count(p) == 0; });
+        impl.lockedPaths.insert(p);
+        return std::make_unique<MemoryWriteLock>(impl, std::move(p));
+    }
+    const std::string lockFile = impl.file + "-locks";
+    const int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0)
+        throw CatalogException(kErrorIO, path.toString(),
+                               fromUtf8("cannot open the lock file \"" + lockFile + "\": " + std::strerror(errno)));
+    struct flock fl = {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = lockOffsetOf(p);
+    fl.l_len = 1;
+    while (::fcntl(fd, F_OFD_SETLKW, &fl) != 0) {
+        if (errno == EINTR) continue;
+        const int err = errno;
+        ::close(fd);
+        throw CatalogException(kErrorIO, path.toString(),
+                               fromUtf8("cannot lock \"" + lockFile + "\": " + std::strerror(err)));
+    }
+    return std::make_unique<FileWriteLock>(fd);
 }
 
 std::string SqliteCatalog::integrityCheck() {

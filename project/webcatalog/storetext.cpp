@@ -1,0 +1,96 @@
+#include "storetext.h"
+
+#include <chrono>
+
+#include "namerules.h"
+
+namespace kiv::catalog::store {
+
+void appendUtf8(std::string& out, std::wstring_view in) { utf8::encodeAppendReplacing(in, out); }
+
+std::string toUtf8(std::wstring_view in) {
+    std::string out;
+    out.reserve(in.size());
+    appendUtf8(out, in);
+    return out;
+}
+
+void appendUtf8(std::string& out, const Path& path) {
+    if (path.text().isWide())
+        appendUtf8(out, std::wstring_view(path.toString()));
+    else
+        path.appendUtf8(out);
+}
+
+std::string toUtf8(const Path& path) {
+    std::string out;
+    appendUtf8(out, path);
+    return out;
+}
+
+void decodeInto(String& out, std::string_view in) { utf8::decodeReplacing(in, out); }
+
+String fromUtf8(std::string_view in) {
+    String s;
+    decodeInto(s, in);
+    return s;
+}
+
+std::string encodeProperties(const std::map<String, String>& properties) {
+    std::string out;
+    for (const auto& [name, value] : properties) {
+        appendUtf8(out, name);
+        out.push_back('\0');
+        appendUtf8(out, value);
+        out.push_back('\0');
+    }
+    return out;
+}
+
+void decodeProperties(std::map<String, String>& out, std::string_view blob) {
+    out.clear();
+    String name;
+    while (!blob.empty()) {
+        const std::size_t a = blob.find('\0');
+        if (a == std::string_view::npos) break;
+        const std::size_t b = blob.find('\0', a + 1);
+        if (b == std::string_view::npos) break;
+        decodeInto(name, blob.substr(0, a));
+        decodeInto(out[name], blob.substr(a + 1, b - a - 1));
+        blob.remove_prefix(b + 1);
+    }
+}
+
+std::string_view parentOf(std::string_view path) noexcept {
+    if (path.size() <= 1) return {};
+    for (std::size_t i = path.size(); i-- > 0;) {
+        if (path[i] != '/') continue;
+        std::size_t run = 0;
+        while (run < i && path[i - 1 - run] == '\\') ++run;
+        if (run % 2 == 0) return path.substr(0, i == 0 ? 1 : i);
+    }
+    return {};
+}
+
+bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path) == kItemNameValid; }
+
+ReturnCode checkWritePath(const Path& path) noexcept {
+    if (path.isRoot()) return kErrorRootSacred;
+    const EItemNameValidity validity = detail::checkPathText(path);
+    if (validity == kPathEmpty || validity == kPathTooLong || validity == kPathMustStartWithSlash)
+        return kErrorPathInvalid;
+    if (validity != kItemNameValid) {
+        // A bad last component is a bad name; anything else a bad path.
+        const Path parent = path.getParentPath();
+        return !parent.isBlank() && isValidPathText(parent) ? kErrorItemNameInvalid : kErrorPathInvalid;
+    }
+    return kSuccess;
+}
+
+std::int64_t nowMicros() noexcept {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace kiv::catalog::store
