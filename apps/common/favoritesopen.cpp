@@ -19,12 +19,23 @@ catalog::Path defaultFavoritesPath(const String& user) {
 }
 
 Handle<FavoritesManager> openFavoritesManager(catalog::Catalog& catalog, const AccountToken& user,
-                                              const catalog::Path& favoritesPath) {
+                                              const catalog::Path& favoritesPath, catalog::ManagedCatalog* locks) {
     catalog::ItemInfo info;
     catalog::ReturnCode rc = catalog.getItemInfo(user, favoritesPath, info, false, false);
     if (rc != catalog::kSuccess && rc != catalog::kErrorPathNotFound) raise(rc, favoritesPath);
 
+    std::unique_ptr<catalog::WriteLock> lock;
+    if (locks) {
+        // The manager keeps the old mobile object's name to itself; it is
+        // "mobile-favoritelist" beside the favorites object.
+        const catalog::Path mobile =
+            favoritesPath.getParentPath() + catalog::ItemName(String(L"mobile-favoritelist"), catalog::ItemName::kNone);
+        catalog::ItemInfo mobileInfo;
+        if (rc == catalog::kErrorPathNotFound || catalog.getItemInfo(user, mobile, mobileInfo, true, false) == catalog::kSuccess)
+            lock = locks->lockForWriting(favoritesPath);
+    }
     Handle<FavoritesManager> manager(new FavoritesManager(catalog, user, favoritesPath));
+    lock.reset();
 
     rc = catalog.getItemInfo(user, favoritesPath, info, false, false);
     if (rc == catalog::kSuccess) return manager;

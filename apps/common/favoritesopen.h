@@ -7,6 +7,7 @@
 
 #include "qz/platform/accounttoken.h"
 #include "qz/webcatalog/catalog.h"
+#include "qz/webcatalog/managedcatalog.h"
 #include "qz/webcatalog/path.h"
 #include "qz/webfavorites/favoritesmanager.h"
 
@@ -19,8 +20,16 @@ catalog::Path defaultFavoritesPath(const String& user);
 // readable by the user (or missing); afterwards it must exist. Otherwise the
 // catalog's refusal is raised as CatalogException, since the manager itself
 // never fails to construct and would present an empty tree.
+//
+// Making a manager writes when the favorites object is missing (the manager
+// stores the empty default document) or the old mobile favorites object is
+// beside it (the manager upgrades it once). With `locks`, the store's write
+// lock of the favorites object is held while the manager is made in those
+// cases, so that the write cannot fall between another writer's check and
+// write. A caller that already holds that lock passes null.
 Handle<FavoritesManager> openFavoritesManager(catalog::Catalog& catalog, const AccountToken& user,
-                                              const catalog::Path& favoritesPath);
+                                              const catalog::Path& favoritesPath,
+                                              catalog::ManagedCatalog* locks = nullptr);
 
 // True when `text` is a JSON array. Hosts refuse any other replacement text
 // before it reaches updateAll, which would otherwise replace the whole tree

@@ -19,7 +19,7 @@ namespace kiv::tool {
 
 namespace {
 
-using catalog::SqliteCatalog;
+using catalog::ManagedCatalog;
 
 const char* itemTypeName(unsigned type) noexcept {
     if (type & catalog::kLink) return "link";
@@ -58,7 +58,7 @@ void printDone(const GlobalOptions& options, const std::string& what, const cata
     }
 }
 
-void writeEntryJson(JsonWriter& w, const SqliteCatalog::Entry& e) {
+void writeEntryJson(JsonWriter& w, const ManagedCatalog::Entry& e) {
     w.beginObject();
     w.member("path", e.path.toString()).member("type", itemTypeName(e.type));
     w.member("modified", static_cast<std::int64_t>(e.lastModified));
@@ -67,7 +67,7 @@ void writeEntryJson(JsonWriter& w, const SqliteCatalog::Entry& e) {
     w.endObject();
 }
 
-std::string entryLine(const SqliteCatalog::Entry& e) {
+std::string entryLine(const ManagedCatalog::Entry& e) {
     std::string line = itemTypeName(e.type);
     line.resize(8, ' ');
     line += timeText(e.lastModified) + "  " + u8(e.path.toString());
@@ -76,8 +76,8 @@ std::string entryLine(const SqliteCatalog::Entry& e) {
     return line + "\n";
 }
 
-void collect(SqliteCatalog& c, const catalog::Path& folder, bool recursive, std::vector<SqliteCatalog::Entry>& out) {
-    for (SqliteCatalog::Entry& e : c.list(folder)) {
+void collect(ManagedCatalog& c, const catalog::Path& folder, bool recursive, std::vector<ManagedCatalog::Entry>& out) {
+    for (ManagedCatalog::Entry& e : c.list(folder)) {
         const bool descend = recursive && (e.type & catalog::kFolder) && !(e.type & catalog::kLink);
         const catalog::Path child = e.path;
         out.push_back(std::move(e));
@@ -93,10 +93,10 @@ void addInit(CLI::App& parent, const GlobalOptions& options, CommandSet& command
         c->makeFolder(catalog::Path(String(L"/users")));
         if (options.json) {
             JsonWriter w;
-            w.beginObject().member("result", "ok").member("catalog", options.catalogFile).endObject();
+            w.beginObject().member("result", "ok").member("catalog", storeDisplayName(options.catalogFile)).endObject();
             print(w.str() + "\n");
         } else {
-            print("initialised catalog " + options.catalogFile + "\n");
+            print("initialised catalog " + storeDisplayName(options.catalogFile) + "\n");
         }
     });
 }
@@ -114,7 +114,7 @@ void addDemo(CLI::App& parent, const GlobalOptions& options, CommandSet& command
         const DemoSummary s = buildDemoCatalog(*c);
         if (options.json) {
             JsonWriter w;
-            w.beginObject().member("result", "ok").member("catalog", options.catalogFile);
+            w.beginObject().member("result", "ok").member("catalog", storeDisplayName(options.catalogFile));
             w.key("users").beginArray();
             for (const std::string& u : s.users) w.value(u);
             w.endArray();
@@ -124,7 +124,7 @@ void addDemo(CLI::App& parent, const GlobalOptions& options, CommandSet& command
         } else {
             std::string users;
             for (const std::string& u : s.users) users += (users.empty() ? "" : ", ") + u;
-            print("wrote the demo catalog to " + options.catalogFile + ": " + std::to_string(s.folders) +
+            print("wrote the demo catalog to " + storeDisplayName(options.catalogFile) + ": " + std::to_string(s.folders) +
                   " folders, " + std::to_string(s.objects) + " objects, " + std::to_string(s.links) +
                   " link; users " + users + " (password \"" + kDemoPassword + "\")\n");
         }
@@ -238,8 +238,8 @@ void addGrant(CLI::App& parent, const GlobalOptions& options, CommandSet& comman
     commands.add(cmd, [&options, args] {
         const catalog::Path p = catalogPathArgument(args->path, "PATH");
         const String principal = itemNameArgument(args->principal, "PRINCIPAL");
-        const bool isGroup = args->group || principal == SqliteCatalog::ksEveryoneGroup ||
-                             principal == SqliteCatalog::ksAdministratorsGroup;
+        const bool isGroup = args->group || principal == ManagedCatalog::ksEveryoneGroup ||
+                             principal == ManagedCatalog::ksAdministratorsGroup;
         const catalog::Rights r = args->rights == "write" ? catalog::Rights::kWrite
                                   : args->rights == "read" ? catalog::Rights::kRead
                                                            : catalog::Rights::kNone;
@@ -344,7 +344,7 @@ void addLs(CLI::App& parent, const GlobalOptions& options, CommandSet& commands)
         const catalog::Path p = catalogPathArgument(args->first, "PATH");
         auto c = openCatalog(options, OpenMode::kExisting);
         if (!c->exists(p)) throw catalog::CatalogException(catalog::kErrorPathNotFound, p.toString());
-        std::vector<SqliteCatalog::Entry> entries;
+        std::vector<ManagedCatalog::Entry> entries;
         collect(*c, p, args->second, entries);
         if (options.json) {
             JsonWriter w;
@@ -378,7 +378,7 @@ void addInfo(CLI::App& parent, const GlobalOptions& options, CommandSet& command
         if (e.type & catalog::kLink) {
             catalog::ItemInfo resolved;
             targetRc = c->getItemInfo(admin, p, resolved, false, false);
-            for (const SqliteCatalog::Entry& le : c->list(p.getParentPath()))
+            for (const ManagedCatalog::Entry& le : c->list(p.getParentPath()))
                 if (le.path == p) target = le.linkTarget;
         }
         std::string rights;

@@ -16,7 +16,7 @@ String S(std::string_view utf8) { return String::fromUtf8(utf8); }
 
 class DemoBuilder {
 public:
-    explicit DemoBuilder(catalog::SqliteCatalog& c) : m_c(c) {}
+    explicit DemoBuilder(catalog::ManagedCatalog& c) : m_c(c) {}
 
     void folder(std::string_view path) {
         m_c.makeFolder(P(path));
@@ -62,7 +62,7 @@ public:
     DemoSummary summary() const { return m_summary; }
 
 private:
-    catalog::SqliteCatalog& m_c;
+    catalog::ManagedCatalog& m_c;
     DemoSummary m_summary;
 };
 
@@ -101,7 +101,7 @@ const char* const kDaveMobileFavorites = R"(<?xml version="1.0" encoding="UTF-8"
 
 }  // namespace
 
-DemoSummary buildDemoCatalog(catalog::SqliteCatalog& catalog) {
+DemoSummary buildDemoCatalog(catalog::ManagedCatalog& catalog) {
     DemoBuilder b(catalog);
 
     b.folder("/shared");
@@ -140,7 +140,7 @@ DemoSummary buildDemoCatalog(catalog::SqliteCatalog& catalog) {
     b.user("bob", {S("finance")});
     b.user("carol", {S("hr"), S("sales")});
     b.user("dave", {S("sales")});
-    b.user("admin", {String(catalog::SqliteCatalog::ksAdministratorsGroup)});
+    b.user("admin", {String(catalog::ManagedCatalog::ksAdministratorsGroup)});
 
     b.favorites("alice", kAliceFavorites);
     b.favorites("bob", kBobFavorites);

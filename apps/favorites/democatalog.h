@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "qz/webcatalog/sqlitecatalog.h"
+#include "qz/webcatalog/managedcatalog.h"
 
 namespace kiv::tool {
 
@@ -37,6 +37,6 @@ struct DemoSummary {
 // Writes the sample into `catalog` (creating or replacing its items; the
 // rest of the catalog is kept). Running it again restores the sample's
 // items, including the old mobile favorites object.
-DemoSummary buildDemoCatalog(catalog::SqliteCatalog& catalog);
+DemoSummary buildDemoCatalog(catalog::ManagedCatalog& catalog);
 
 }  // namespace kiv::tool

@@ -79,7 +79,7 @@ void printReplaced(const GlobalOptions& options, FavoritesSession& s) {
 void addTree(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
     CLI::App* cmd = app.add_subcommand("tree", "Show the user's whole favorites tree");
     commands.add(cmd, [&options] {
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kRead);
         const FavoritesItems items = topLevelItems(s);
         if (options.json) {
             JsonWriter w;
@@ -112,7 +112,7 @@ void addLs(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
         const String filter = argumentText(args->filter, "--filter");
         String category;
         if (!args->category.empty()) category = categoryArgument(args->category, "CATEGORY").toString();
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kRead);
         FavoritesItems items;
         check(s.manager().getFavorites(items, category, filter), category);
         if (options.json) {
@@ -137,7 +137,7 @@ void addIs(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
     commands.add(cmd, [&options, paths] {
         std::vector<catalog::Path> checked;
         for (const std::string& p : *paths) checked.push_back(catalogPathArgument(p, "PATH"));
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kRead);
         JsonWriter w;
         std::string text;
         w.beginObject().key("results").beginArray();
@@ -165,7 +165,7 @@ void addAdd(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
     commands.add(cmd, [&options, args] {
         const catalog::Path path = catalogPathArgument(args->catalogPath, "CATALOGPATH");
         const catalog::Path category = categoryArgument(args->category, "--category");
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kWrite);
         Handle<FavoritesItem> item;
         check(s.manager().createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
         const favorites::ReturnCode rc = s.manager().addItem(item);
@@ -188,7 +188,7 @@ void addMkcat(CLI::App& app, const GlobalOptions& options, CommandSet& commands)
     commands.add(cmd, [&options, args] {
         const String name = itemNameArgument(args->name, "NAME");
         const catalog::Path parent = categoryArgument(args->category, "--category");
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kWrite);
         Handle<FavoritesItem> item;
         check(s.manager().createFavoriteCategory(parent.toString(), name, item), name);
         const favorites::ReturnCode rc = s.manager().addItem(item);
@@ -213,7 +213,7 @@ void addRm(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
     commands.add(cmd, [&options, args] {
         const catalog::Path path = catalogPathArgument(args->catalogPath, "CATALOGPATH");
         const catalog::Path category = categoryArgument(args->category, "--category");
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kWrite);
         // The category must be there: deleting below a missing one is not a
         // request the manager can answer.
         if (!args->everywhere && s.manager().findCategory(category).isNull())
@@ -241,7 +241,7 @@ void addRmcat(CLI::App& app, const GlobalOptions& options, CommandSet& commands)
         if (category == FavoritesManager::getRootFolderPath())
             throw UsageError("the root category cannot be removed (use replace-json with [] to empty the favorites)");
         const catalog::Path parent = category.getParentPath();
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kWrite);
         Handle<FavoritesItem> item;
         check(s.manager().createFavoriteCategory(parent.toString(), category.getItemName().toString(), item),
               category.toString());
@@ -271,7 +271,7 @@ void addReplaceJson(CLI::App& app, const GlobalOptions& options, CommandSet& com
         const String text = inputText(readInput(*file), *file == "-" ? "standard input" : *file);
         if (!isJsonArray(text)) throw InputError((*file == "-" ? std::string("standard input") : *file) +
                                                  ": not a JSON array of favorites items");
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kWrite);
         check(s.manager().updateAll(text), inputItemLabel(*file));
         printReplaced(options, s);
     });
@@ -293,7 +293,7 @@ void addReplaceSoap(CLI::App& app, const GlobalOptions& options, CommandSet& com
         } catch (const SoapException& e) {
             throw InputError(name + ": not a usable SOAP request envelope (" + e.getMessageText().toUtf8() + ")");
         }
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kWrite);
         check(s.manager().updateAll(host::favoriteItemsOf(*request)), inputItemLabel(*file));
         printReplaced(options, s);
     });
@@ -306,7 +306,7 @@ void addExport(CLI::App& app, const GlobalOptions& options, CommandSet& commands
     cmd->add_option("--format", *format, "xml or json (default: xml, or json with --json)")
         ->check(CLI::IsMember({"xml", "json"}));
     commands.add(cmd, [&options, format] {
-        FavoritesSession s(options);
+        FavoritesSession s(options, Intent::kRead);
         const FavoritesItems items = topLevelItems(s);
         const bool json = format->empty() ? options.json : *format == "json";
         print(json ? exportJson(items) : exportXml(items));

@@ -34,7 +34,7 @@ std::string catalogFailureText(const catalog::CatalogException& e, const GlobalO
     std::string text = std::string("catalog error ") + catalog::returnCodeName(code) + " at '" +
                        e.getPath().toUtf8() + "': " + catalog::returnCodeDescription(code).toUtf8();
     if (code == catalog::kErrorCatalogNotFound)
-        text += " (create it with 'favorites --catalog " + options.catalogFile + " catalog init' or 'catalog demo')";
+        text += " (create it with 'favorites --catalog " + storeDisplayName(options.catalogFile) + " catalog init' or 'catalog demo')";
     if (code == catalog::kErrorLoadingCatalog) text += " (the file is not a catalog of this system; it was left as it is)";
     return text;
 }
@@ -48,7 +48,7 @@ int run(int argc, char** argv) {
     app.set_help_all_flag("--help-all", "Show the help of every command");
     app.require_subcommand(1);
     app.fallthrough();
-    app.add_option("--catalog", options.catalogFile, "Catalog file (default: $KIV_CATALOG, else ./catalog.db)")
+    app.add_option("--catalog", options.catalogFile, "Catalog file, or a PostgreSQL catalog as a postgresql:// connection URI (default: $KIV_CATALOG, else ./catalog.db)")
         ->envname("KIV_CATALOG");
     app.add_option("--user", options.user, "The user the favorites commands act as (default: $KIV_USER)")
         ->envname("KIV_USER");

@@ -5,28 +5,28 @@
 
 #include "qz/webcatalog/catalog.h"
 #include "favoritesopen.h"
+#include "storeopen.h"
 #include "textinput.h"
 #include "toolerrors.h"
 
 namespace kiv::tool {
 
-std::unique_ptr<catalog::SqliteCatalog> openCatalog(const GlobalOptions& options, OpenMode mode) {
-    catalog::SqliteCatalog::Options o;
-    o.create = (mode == OpenMode::kCreate);
+std::unique_ptr<catalog::ManagedCatalog> openCatalog(const GlobalOptions& options, OpenMode mode) {
     const String fileText = argumentText(options.catalogFile, "--catalog");
     if (options.catalogFile.empty()) throw UsageError("--catalog names no file");
+    if (isPostgresStore(options.catalogFile)) return openStore(options.catalogFile, mode == OpenMode::kCreate, 2);
     // SQLite would open a directory's name as an empty database; say what it is instead.
     std::error_code ec;
     if (std::filesystem::is_directory(options.catalogFile, ec))
         throw catalog::CatalogException(catalog::kErrorLoadingCatalog, fileText);
-    return std::make_unique<catalog::SqliteCatalog>(options.catalogFile, o);
+    return openStore(options.catalogFile, mode == OpenMode::kCreate);
 }
 
 AccountToken administratorToken() {
-    return AccountToken(String(L"administrator"), {String(catalog::SqliteCatalog::ksAdministratorsGroup)});
+    return AccountToken(String(L"administrator"), {String(catalog::ManagedCatalog::ksAdministratorsGroup)});
 }
 
-FavoritesSession::FavoritesSession(const GlobalOptions& options) {
+FavoritesSession::FavoritesSession(const GlobalOptions& options, Intent intent) {
     if (options.user.empty())
         throw UsageError("this command acts for a user: give --user NAME (or set KIV_USER)");
     const String userName = itemNameArgument(options.user, "--user");
@@ -38,7 +38,12 @@ FavoritesSession::FavoritesSession(const GlobalOptions& options) {
     m_catalog = openCatalog(options, OpenMode::kExisting);
     m_user = m_catalog->tokenFor(userName);
 
-    m_manager = openFavoritesManager(*m_catalog, m_user, m_favoritesPath);
+    if (intent == Intent::kWrite) {
+        m_lock = m_catalog->lockForWriting(m_favoritesPath);
+        m_manager = openFavoritesManager(*m_catalog, m_user, m_favoritesPath);
+    } else {
+        m_manager = openFavoritesManager(*m_catalog, m_user, m_favoritesPath, m_catalog.get());
+    }
 }
 
 }  // namespace kiv::tool

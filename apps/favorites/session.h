@@ -6,9 +6,10 @@
 #include <string>
 
 #include "hosterrors.h"
+#include "storeopen.h"
 #include "qz/platform/accounttoken.h"
 #include "qz/webcatalog/path.h"
-#include "qz/webcatalog/sqlitecatalog.h"
+#include "qz/webcatalog/managedcatalog.h"
 #include "qz/webfavorites/favoritesmanager.h"
 
 namespace kiv::tool {
@@ -23,17 +24,24 @@ struct GlobalOptions {
     bool json = false;
 };
 
+// Whether a favorites command may write the user's favorites: a writing
+// command holds the store's write lock of the favorites object from before
+// the manager is made until it ends, so that another process's edit cannot
+// fall between the manager's check of the stored object and its write.
+enum class Intent { kRead, kWrite };
+
 // How a command opens the catalog file.
 enum class OpenMode {
     kExisting,  // the file must exist and be a catalog
     kCreate,    // a missing file is created
 };
 
-// Opens the catalog file. A missing file (with kExisting) raises
+// Opens the catalog: a file, or a PostgreSQL catalog named by a
+// "postgresql://" connection URI. A missing file (with kExisting) raises
 // CatalogException(kErrorCatalogNotFound); a file that is not a catalog of
 // this system raises CatalogException(kErrorLoadingCatalog) and stays
 // untouched.
-std::unique_ptr<catalog::SqliteCatalog> openCatalog(const GlobalOptions& options, OpenMode mode);
+std::unique_ptr<catalog::ManagedCatalog> openCatalog(const GlobalOptions& options, OpenMode mode);
 
 // The token the catalog administration commands act with.
 AccountToken administratorToken();
@@ -48,15 +56,16 @@ AccountToken administratorToken();
 // fails to construct and would present an empty tree.
 class FavoritesSession {
 public:
-    explicit FavoritesSession(const GlobalOptions& options);
+    FavoritesSession(const GlobalOptions& options, Intent intent);
 
-    catalog::SqliteCatalog& catalog() noexcept { return *m_catalog; }
+    catalog::ManagedCatalog& catalog() noexcept { return *m_catalog; }
     const AccountToken& user() const noexcept { return m_user; }
     const catalog::Path& favoritesPath() const noexcept { return m_favoritesPath; }
     FavoritesManager& manager() noexcept { return *m_manager; }
 
 private:
-    std::unique_ptr<catalog::SqliteCatalog> m_catalog;
+    std::unique_ptr<catalog::ManagedCatalog> m_catalog;
+    std::unique_ptr<catalog::WriteLock> m_lock;  // held by a writing command
     AccountToken m_user;
     catalog::Path m_favoritesPath;
     Handle<FavoritesManager> m_manager;

@@ -13,7 +13,7 @@
 #include <CLI/CLI.hpp>
 
 #include "httpserver.h"
-#include "qz/webcatalog/sqlitecatalog.h"
+#include "storeopen.h"
 #include "service.h"
 #include "settings.h"
 
@@ -55,7 +55,7 @@ int run(int argc, char** argv) {
                  "Stops on SIGTERM or SIGINT, letting requests in flight finish.",
                  "favoritesd");
     app.set_config("--config", "", "Read these options from a file of 'key = value' lines (keys as the long options)");
-    app.add_option("--catalog", s.catalog, "The catalog file (it must exist; see 'favorites catalog init')")
+    app.add_option("--catalog", s.catalog, "The catalog: a file, or a PostgreSQL catalog as a postgresql:// connection URI (it must exist; see 'favorites catalog init')")
         ->envname("KIV_CATALOG")
         ->capture_default_str();
     app.add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one")->capture_default_str();
@@ -122,10 +122,11 @@ int run(int argc, char** argv) {
     raiseOpenFileLimit();
 
     try {
-        kiv::catalog::SqliteCatalog::Options options;
-        options.create = false;
-        kiv::catalog::SqliteCatalog store(s.catalog, options);
-        kiv::server::FavoritesService service(s, store);
+        // Every worker may hold a connection, and each request that writes
+        // a user's favorites holds one more for the user's write lock.
+        const std::unique_ptr<kiv::catalog::ManagedCatalog> store =
+            kiv::host::openStore(s.catalog, false, static_cast<int>(s.workers) + 2);
+        kiv::server::FavoritesService service(s, *store);
         kiv::server::HttpServer server(s, service);
         service.metrics().setGauges([&service] { return service.users().managersCached(); },
                                     [&server] { return server.openConnections(); });
@@ -143,7 +144,8 @@ int run(int argc, char** argv) {
         std::cerr << "favoritesd: catalog error " << kiv::catalog::returnCodeName(e.getCode()) << " at '"
                   << e.getPath().toUtf8() << "': " << kiv::catalog::returnCodeDescription(e.getCode()).toUtf8();
         if (e.getCode() == kiv::catalog::kErrorCatalogNotFound)
-            std::cerr << " (create it with 'favorites --catalog " << s.catalog << " catalog init' or 'catalog demo')";
+            std::cerr << " (create it with 'favorites --catalog " << kiv::host::storeDisplayName(s.catalog)
+                      << " catalog init' or 'catalog demo')";
         std::cerr << "\n";
         return 3;
     } catch (const std::exception& e) {

@@ -240,11 +240,19 @@ void FavoritesService::actAs(const Route& route, std::shared_ptr<Exchange> x, co
         acting = *other;
     }
     if (acting != identity.user) x->user = identity.user + ">" + acting;
-    auto work = [this, &route, x, query](UserSlot& slot, bool fresh) {
+    // Requests that may write the user's favorites hold the store's write
+    // lock of the favorites object across the whole operation, so that no
+    // other server or process writes between the library's check of the
+    // stored object and its write. Status requests only read; SOAP requests
+    // are taken as writing.
+    const bool writes = changesState(x->request.method) && route.handler != &postFavoritesStatus;
+    auto work = [this, &route, x, query, writes](UserSlot& slot, bool fresh) {
         HttpResponse response;
         try {
+            std::unique_ptr<catalog::WriteLock> lock;
+            if (writes && !fresh) lock = m_store.lockForWriting(slot.favoritesPath());
             FavoritesManager& manager = fresh ? *slot.freshManager(Clock::duration::max())
-                                              : slot.manager(m_store, m_catalog);
+                                              : slot.manager(m_store, m_catalog, lock != nullptr);
             Call call{x->request, *query, slot, manager, m_store, m_catalog, m_settings, fresh};
             response = route.handler(call);
             // Every handler run on the strand checked the store (and reloaded) on its way.

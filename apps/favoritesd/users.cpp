@@ -8,18 +8,20 @@
 namespace kiv::server {
 
 UserSlot::UserSlot(std::string name, boost::asio::thread_pool& pool, std::atomic<std::size_t>& managers)
-    : m_name(std::move(name)), m_strand(boost::asio::make_strand(pool.get_executor())), m_managers(managers) {}
+    : m_name(std::move(name)),
+      m_favoritesPath(host::defaultFavoritesPath(String::fromUtf8(m_name))),
+      m_strand(boost::asio::make_strand(pool.get_executor())), m_managers(managers) {}
 
 UserSlot::~UserSlot() {
     if (!m_manager.isNull()) m_managers.fetch_sub(1, std::memory_order_relaxed);
 }
 
-FavoritesManager& UserSlot::manager(catalog::ManagedCatalog& store, catalog::Catalog& catalog) {
+FavoritesManager& UserSlot::manager(catalog::ManagedCatalog& store, catalog::Catalog& catalog, bool lockHeld) {
     if (!m_manager.isNull()) return *m_manager;
     const String user = String::fromUtf8(m_name);
     if (!store.hasUser(user)) throw ApiError(404, "userNotFound", "there is no user " + m_name);
     m_token = store.tokenFor(user);
-    m_manager = host::openFavoritesManager(catalog, m_token, host::defaultFavoritesPath(user));
+    m_manager = host::openFavoritesManager(catalog, m_token, m_favoritesPath, lockHeld ? nullptr : &store);
     m_managers.fetch_add(1, std::memory_order_relaxed);
     m_published.store(m_manager.get(), std::memory_order_release);
     return *m_manager;

@@ -46,7 +46,12 @@ public:
     // creates a new user's favorites object and upgrades old mobile
     // favorites). Raises ApiError 404 for a user the catalog does not know,
     // and the catalog's exception when the favorites cannot be opened.
-    FavoritesManager& manager(catalog::ManagedCatalog& store, catalog::Catalog& catalog);
+    // `lockHeld`: the caller holds the store's write lock of the favorites
+    // object; otherwise the lock is taken while the manager is made when
+    // making it writes (see host::openFavoritesManager).
+    FavoritesManager& manager(catalog::ManagedCatalog& store, catalog::Catalog& catalog, bool lockHeld);
+    // /users/NAME/favorites
+    const catalog::Path& favoritesPath() const noexcept { return m_favoritesPath; }
     const AccountToken& token() const noexcept { return m_token; }
 
     // Notes that the manager was just in step with the store: every operation
@@ -60,6 +65,7 @@ public:
 private:
     friend class UserHost;
     const std::string m_name;  // UTF-8
+    const catalog::Path m_favoritesPath;
     boost::asio::strand<boost::asio::thread_pool::executor_type> m_strand;
     std::atomic<std::size_t>& m_managers;
     AccountToken m_token;

@@ -1,0 +1,26 @@
+// Opening the catalog store a host is pointed at with --catalog: a SQLite
+// catalog file, or a PostgreSQL catalog named by a libpq connection URI
+// ("postgresql://user@host/db?...", which several servers may share).
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "qz/webcatalog/managedcatalog.h"
+
+namespace kiv::host {
+
+// Whether `spec` names a PostgreSQL catalog rather than a file.
+bool isPostgresStore(const std::string& spec) noexcept;
+
+// Opens the store. `create`: a missing store is created (a new file, or the
+// catalog's tables in the database); otherwise CatalogException
+// kErrorCatalogNotFound. A store that is not a catalog of this system raises
+// kErrorLoadingCatalog and stays untouched. `maxConnections` bounds a
+// PostgreSQL catalog's connection pool.
+std::unique_ptr<catalog::ManagedCatalog> openStore(const std::string& spec, bool create, int maxConnections = 16);
+
+// `spec` without the password a connection URI may carry, for messages.
+std::string storeDisplayName(const std::string& spec);
+
+}  // namespace kiv::host
