@@ -165,7 +165,7 @@ void addMkdir(CLI::App& parent, const GlobalOptions& options, CommandSet& comman
 }
 
 struct PutArgs {
-    std::string path;
+    std::vector<std::string> paths;
     std::string signature;
     std::vector<std::string> properties;
     std::string body;
@@ -173,20 +173,42 @@ struct PutArgs {
 
 void addPut(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
     auto args = std::make_shared<PutArgs>();
-    CLI::App* cmd = parent.add_subcommand("put", "Create or replace an object (missing parent folders are made)");
-    cmd->add_option("PATH", args->path, "Catalog path of the object")->required();
+    CLI::App* cmd = parent.add_subcommand(
+        "put", "Create or replace objects (missing parent folders are made); several in one transaction");
+    cmd->add_option("PATH", args->paths, "Catalog path of the object (several: each gets the same signature, "
+                                          "properties and body)")
+        ->required();
     cmd->add_option("--signature", args->signature, "Object signature, such as report1 or dashboardpage1")->required();
     cmd->add_option("--property", args->properties, "A property NAME=VALUE (repeatable)");
     cmd->add_option("--body", args->body, "File holding the object's body, or - for standard input (default: empty)");
     commands.add(cmd, [&options, args] {
-        const catalog::Path p = catalogPathArgument(args->path, "PATH");
+        std::vector<catalog::ManagedCatalog::ObjectSpec> objects;
+        for (const std::string& path : args->paths) objects.push_back({catalogPathArgument(path, "PATH"), {}, {}, {}});
         const String signature = argumentText(args->signature, "--signature");
         if (signature.empty()) throw UsageError("--signature must not be empty");
         const std::map<String, String> props = propertyArguments(args->properties);
         const std::string body = args->body.empty() ? std::string() : readInput(args->body);
+        for (auto& o : objects) {
+            o.signature = signature;
+            o.properties = props;
+            o.body = body;
+        }
         auto c = openCatalog(options, OpenMode::kExisting);
-        c->putObject(p, signature, props, body);
-        printDone(options, "put object", p);
+        if (objects.size() == 1) {
+            c->putObject(objects[0].path, signature, props, body);
+            printDone(options, "put object", objects[0].path);
+            return;
+        }
+        c->putObjects(objects);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", "ok").member("action", "put objects").key("paths").beginArray();
+            for (const auto& o : objects) w.value(o.path.toString());
+            w.endArray().endObject();
+            print(w.str() + "\n");
+        } else {
+            for (const auto& o : objects) print("put object " + u8(o.path.toString()) + "\n");
+        }
     });
 }
 

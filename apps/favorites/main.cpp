@@ -35,7 +35,17 @@ std::string catalogFailureText(const catalog::CatalogException& e, const GlobalO
                        e.getPath().toUtf8() + "': " + catalog::returnCodeDescription(code).toUtf8();
     if (code == catalog::kErrorCatalogNotFound)
         text += " (create it with 'favorites --catalog " + storeDisplayName(options.catalogFile) + " catalog init' or 'catalog demo')";
-    if (code == catalog::kErrorLoadingCatalog) text += " (the file is not a catalog of this system; it was left as it is)";
+    if (isPostgresStore(options.catalogFile)) {
+        // The database's own account of the failure (unreachable, refused,
+        // another schema) is the useful part.
+        const std::string what = e.what();
+        const std::size_t open = what.find(" (");
+        if ((code == catalog::kErrorLoadingCatalog || code == catalog::kErrorCatalogNotFound) &&
+            open != std::string::npos && what.back() == ')')
+            text += " (" + what.substr(open + 2, what.size() - open - 3) + ")";
+    } else if (code == catalog::kErrorLoadingCatalog) {
+        text += " (the file is not a catalog of this system; it was left as it is)";
+    }
     return text;
 }
 

@@ -4,7 +4,7 @@
 set(KIV_SERVER_TEST_ENVIRONMENT
   "FAVORITESD=$<TARGET_FILE:favoritesd>;FAVORITES_TOOL=$<TARGET_FILE:favorites>;KIV_DATA_DIR=${KIV_BUILD_DATA_DIR};PYTHONDONTWRITEBYTECODE=1")
 
-foreach(name rest_api auth hosting limits soap tls concurrency)
+foreach(name rest_api auth hosting limits soap tls concurrency several_writers)
   set(labels server)
   if(name STREQUAL "concurrency")
     set(labels "server;concurrency")  # also run by the ThreadSanitizer preset
@@ -15,3 +15,7 @@ foreach(name rest_api auth hosting limits soap tls concurrency)
     ENVIRONMENT "${KIV_SERVER_TEST_ENVIRONMENT}"
     TIMEOUT 900)
 endforeach()
+# Several servers share one PostgreSQL catalog: the fixture starts the server.
+set_tests_properties(server_test_several_writers PROPERTIES
+  FIXTURES_REQUIRED postgres
+  ENVIRONMENT "${KIV_SERVER_TEST_ENVIRONMENT};KIV_TEST_PG_CONNINFO=${CMAKE_BINARY_DIR}/pgtest/conninfo")

@@ -152,13 +152,14 @@ class ToolResult:
 
 
 class Catalog:
-    """A catalog file in a fresh temporary directory, and the tool to work on it."""
+    """A catalog file in a fresh temporary directory (or the catalog `store`
+    names: a postgresql:// URI), and the tool to work on it."""
 
-    def __init__(self, demo=True):
+    def __init__(self, demo=True, store=None):
         self.tool = tool_binary()
         self._tmp = tempfile.TemporaryDirectory(prefix="favoritesd-test-")
         self.dir = self._tmp.name
-        self.file = os.path.join(self.dir, "catalog.db")
+        self.file = store or os.path.join(self.dir, "catalog.db")
         if demo:
             self.run("catalog", "demo")
 
@@ -260,11 +261,55 @@ class Catalog:
 
 
 # ---------------------------------------------------------------------------
+# The test PostgreSQL server
+
+
+class TestPostgres:
+    """The PostgreSQL server the CTest fixture "postgres" started
+    (scripts/pgtest.sh): its connection string is in the file that
+    KIV_TEST_PG_CONNINFO names. Each catalog gets a database of its own."""
+
+    _counter = 0
+
+    def __init__(self):
+        file = os.environ.get("KIV_TEST_PG_CONNINFO", "")
+        try:
+            with open(file, encoding="utf-8") as f:
+                self.conninfo = f.read().strip()
+        except OSError as e:
+            raise SetupError(
+                "no test PostgreSQL server (%s): run this test through ctest, whose fixture \"postgres\" starts one"
+                % e
+            )
+        fields = dict(part.split("=", 1) for part in self.conninfo.split())
+        self.socket_dir = fields["host"]
+        self.user = fields.get("user", "postgres")
+
+    def sql(self, statement, database="postgres"):
+        proc = subprocess.run(
+            ["psql", "-X", "-q", "-v", "ON_ERROR_STOP=1", "-h", self.socket_dir, "-U", self.user, "-d", database,
+             "-c", statement],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=TOOL_TIMEOUT,
+        )
+        if proc.returncode != 0:
+            raise SetupError("psql failed: %s\n%s" % (statement, proc.stderr.decode("utf-8", "replace")))
+        return proc.stdout.decode("utf-8", "replace")
+
+    def new_database(self):
+        """A fresh empty database; returns its postgresql:// URI."""
+        TestPostgres._counter += 1
+        name = "kivtest_%d_%d" % (os.getpid(), TestPostgres._counter)
+        self.sql("CREATE DATABASE %s" % name)
+        return "postgresql://%s@/%s?host=%s" % (self.user, name, urllib.parse.quote(self.socket_dir, safe="/"))
+
+
+# ---------------------------------------------------------------------------
 # The server
 
 
 class Server:
-    """favoritesd on a free port of 127.0.0.1, over a catalog file."""
+    """favoritesd on a free port of 127.0.0.1, over a catalog (a file or a
+    postgresql:// URI)."""
 
     def __init__(self, catalog_file, *flags):
         self.binary = server_binary()
