@@ -51,6 +51,11 @@ run() {
 
 run favorites_bench
 run catalog_bench
+# The PostgreSQL catalog beside the SQLite one, on a throwaway server with
+# PostgreSQL's default durability.
+bash scripts/pgtest.sh start build/release/pgbench --durable >/dev/null
+trap 'bash scripts/pgtest.sh stop build/release/pgbench' EXIT
+KIV_BENCH_PG="$(cat build/release/pgbench/conninfo)" run backends_bench
 
 python3 - "$out" <<'PY'
 import json, os, sys
@@ -173,6 +178,20 @@ if cat:
         row("getItemInfo throughput vs raw prepared look-up (100,000 objects, in turns)", fmt_time(b["ns"]),
             fmt_time(b["baseline_ns"]), r, ">= 0.7", r >= 0.7)
 
+be_context, be = load("backends_bench")
+backend_lines = []
+if be:
+    name = "BM_LoadPostgresVsSqlite/min_time:2.000/manual_time"
+    if get(be, name):
+        b = be[name]["median"]
+        row("load 10000 favorites: PostgreSQL catalog vs SQLite catalog (in turns)", fmt_time(ns(be, name)),
+            fmt_time(b["baseline_ms"] * 1e6), b["ratio"], "<= 2", b["ratio"] <= 2)
+    for n, label in ((0, "SQLite"), (1, "PostgreSQL")):
+        g, p = "BM_GetItemInfo/%d" % n, "BM_Persist/%d" % n
+        if get(be, g) and get(be, p):
+            backend_lines.append("  %-10s getItemInfo %s (%.3g/s), persist of 10000 favorites %s" % (
+                label, fmt_time(ns(be, g)), be[g]["median"]["items_per_second"], fmt_time(ns(be, p) / 2)))
+
 headers = ("figure", "value", "baseline", "ratio", "goal", "result")
 widths = [max(len(str(r[i])) for r in rows + [headers]) for i in range(len(headers))]
 line = lambda r: "  ".join(str(c).ljust(w) for c, w in zip(r, widths))
@@ -214,6 +233,12 @@ if cat:
     print("catalog_bench:")
     for name in sorted(cat):
         print("  %-48s median %-10s cv %.1f%%" % (name, fmt_time(ns(cat, name)), 100 * cv(cat, name)))
+
+if backend_lines:
+    print()
+    print("catalog back-ends side by side (one call each, outside a read batch; a persist is one write):")
+    for l in backend_lines:
+        print(l)
 
 if missing:
     print()

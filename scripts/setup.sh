@@ -10,6 +10,7 @@ packages=(
   clang-14 libclang-rt-14-dev
   libboost1.81-dev libsodium-dev libssl-dev openssl wrk
   nodejs chromium python3-zeep
+  postgresql-15 postgresql-client-15 libpq-dev
 )
 
 missing=()
