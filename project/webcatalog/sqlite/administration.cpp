@@ -1,0 +1,479 @@
+// SqliteCatalog: the administration API and the write locks.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "store.h"
+
+namespace kiv::catalog {
+
+namespace {
+
+[[noreturn]] void adminFail(ReturnCode code, const Path& path, const wchar_t* why = L"") {
+    throw CatalogException(code, path.toString(), String(why));
+}
+
+void requireValid(const Path& path) {
+    if (!isValidPathText(path)) adminFail(kErrorPathInvalid, path);
+}
+
+template <class F>
+auto adminCall(SqliteCatalog::Impl& impl, const Path& path, F&& f) {
+    try {
+        return f();
+    } catch (const SqlError& e) {
+        logSqlError(e, impl.file);
+        throw CatalogException(codeForSqlError(e), path.toString(), fromUtf8(e.message));
+    }
+}
+
+// The kind of the item at `path`, or 0 when there is none.
+int kindAt(Conn& c, std::string_view path) {
+    Query q(c, kStLookupHop);
+    q.text(1, path);
+    return q.step() ? static_cast<int>(q.integerAt(0)) : 0;
+}
+
+std::int64_t mtimeAt(Conn& c, std::string_view path) {
+    Query q(c, kStLookupHop);
+    q.text(1, path);
+    return q.step() ? q.integerAt(4) : 0;
+}
+
+// Makes every missing folder from the root down to `folder` (UTF-8).
+void makeFolders(Conn& c, const Path& original, std::string_view folder) {
+    if (folder.empty()) return;
+    const int kind = kindAt(c, folder);
+    if (kind == kKindFolder) return;
+    if (kind != 0) adminFail(kErrorFolderExpected, original, L"a non-folder item is in the way");
+    const std::string_view parent = parentOf(folder);
+    makeFolders(c, original, parent);
+    const std::int64_t t = SqliteCatalog::Impl::nextTime(c, 0);
+    Query(c, kStUpsertItem)
+        .text(1, folder)
+        .text(2, parent)
+        .integer(3, kKindFolder)
+        .text(4, "")
+        .null(5)
+        .null(6)
+        .integer(7, t)
+        .null(8)
+        .run();
+}
+
+}  // namespace
+
+void SqliteCatalog::makeFolder(const Path& path) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        const std::string p = toUtf8(path);
+        makeFolders(*c, path, p);
+        txn.commit();
+    });
+}
+
+namespace {
+
+// Stores one object of the administration API inside the current write
+// transaction, making missing parent folders.
+void putOne(SqliteCatalog::Impl& impl, Conn& c, const Path& path, const String& signature,
+            const std::map<String, String>& properties, std::string_view body) {
+    requireValid(path);
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
+    c.pathBuf = toUtf8(path);
+    const std::string parent(parentOf(c.pathBuf));
+    makeFolders(c, path, parent);
+    Row old;
+    bool existing = false;
+    {
+        Query q(c, kStLookup);
+        q.text(1, c.pathBuf);
+        existing = q.step();
+        if (existing) {
+            old.take(q);
+            old.signature = old.props = old.linkTarget = {};
+        }
+    }
+    if (existing && old.kind != kKindObject) adminFail(kErrorObjectExpected, path);
+    impl.storeObject(c, parent, existing, old, toUtf8(signature), encodeProperties(properties), body);
+}
+
+}  // namespace
+
+void SqliteCatalog::putObject(const Path& path, const String& signature, const std::map<String, String>& properties,
+                              std::string_view body) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        putOne(*m_impl, *c, path, signature, properties, body);
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::putObjects(const std::vector<ObjectSpec>& objects) {
+    adminCall(*m_impl, kpBlank, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        for (const ObjectSpec& o : objects) putOne(*m_impl, *c, o.path, o.signature, o.properties, o.body);
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::setProperties(const Path& path, const std::map<String, String>& properties) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        const std::string p = toUtf8(path);
+        if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
+        const std::int64_t t = Impl::nextTime(*c, mtimeAt(*c, p));
+        Query(*c, kStSetProps).text(1, p).blob(2, encodeProperties(properties)).integer(3, t).run();
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::makeLink(const Path& path, const Path& target) {
+    requireValid(path);
+    requireValid(target);
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
+    adminCall(*m_impl, path, [&] {
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        const std::string p = toUtf8(path);
+        const std::string parent(parentOf(p));
+        makeFolders(*c, path, parent);
+        const int kind = kindAt(*c, p);
+        if (kind != 0 && kind != kKindLink) adminFail(kErrorItemAlreadyExists, path);
+        const std::int64_t t = Impl::nextTime(*c, kind ? mtimeAt(*c, p) : 0);
+        const std::string targetText = toUtf8(target);
+        Query(*c, kStUpsertItem)
+            .text(1, p)
+            .text(2, parent)
+            .integer(3, kKindLink)
+            .text(4, "")
+            .null(5)
+            .text(6, targetText)
+            .integer(7, t)
+            .null(8)
+            .run();
+        txn.commit();
+    });
+}
+
+void SqliteCatalog::setAccess(const Path& path, const String& principal, bool isGroup, Rights rights) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        {
+            Impl::Lease c(*m_impl);
+            WriteTxn txn(*c);
+            const std::string p = toUtf8(path);
+            if (kindAt(*c, p) == 0) adminFail(kErrorPathNotFound, path);
+            const std::string who = toUtf8(principal);
+            Query(*c,
+                  "INSERT INTO acl(path, principal, is_group, rights) VALUES (?1, ?2, ?3, ?4) "
+                  "ON CONFLICT(path, principal, is_group) DO UPDATE SET rights = excluded.rights")
+                .text(1, p)
+                .text(2, who)
+                .integer(3, isGroup ? 1 : 0)
+                .integer(4, static_cast<int>(rights))
+                .run();
+            Query(*c, kStBumpAclGen).run();
+            txn.commit();
+        }
+        m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
+    });
+}
+
+void SqliteCatalog::clearAccess(const Path& path) {
+    requireValid(path);
+    adminCall(*m_impl, path, [&] {
+        {
+            Impl::Lease c(*m_impl);
+            WriteTxn txn(*c);
+            const std::string p = toUtf8(path);
+            Query(*c, kStDeleteAclOf).text(1, p).run();
+            Query(*c, kStBumpAclGen).run();
+            txn.commit();
+        }
+        m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
+    });
+}
+
+Rights SqliteCatalog::effectiveRights(const AccountToken& user, const Path& path) {
+    requireValid(path);
+    return adminCall(*m_impl, path, [&] {
+        const std::uint64_t localGen = m_impl->localAclGen.load(std::memory_order_acquire);
+        Impl::Lease c(*m_impl);
+        Query q(*c, kStClock);  // holds the snapshot while the lists are read
+        q.step();
+        m_impl->refreshAcl(*c, localGen);
+        const int r = Impl::rightsOf(*c, user, toUtf8(path));
+        return Impl::mayWrite(r) ? Rights::kWrite : Impl::mayRead(r) ? Rights::kRead : Rights::kNone;
+    });
+}
+
+void SqliteCatalog::addUser(const String& name, const std::vector<String>& groups) {
+    adminCall(*m_impl, kpBlank, [&] {
+        std::string joined;
+        for (const String& g : groups) {
+            if (!joined.empty()) joined.push_back('\n');
+            appendUtf8(joined, g);
+        }
+        const std::string who = toUtf8(name);
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        Query(*c, "INSERT INTO users(name, groups) VALUES (?1, ?2) ON CONFLICT(name) DO UPDATE SET groups = excluded.groups")
+            .text(1, who)
+            .text(2, joined)
+            .run();
+        txn.commit();
+    });
+}
+
+bool SqliteCatalog::hasUser(const String& name) {
+    return adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);  // bound without a copy: must outlive the query
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT 1 FROM users WHERE name = ?1");
+        q.text(1, who);
+        return q.step();
+    });
+}
+
+void SqliteCatalog::setPasswordHash(const String& name, const std::string& hash) {
+    adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);  // bound without a copy: must outlive the query
+        Impl::Lease c(*m_impl);
+        WriteTxn txn(*c);
+        Query q(*c, "UPDATE users SET password = ?2 WHERE name = ?1");
+        q.text(1, who);
+        if (hash.empty()) q.null(2);
+        else q.text(2, hash);
+        q.run();
+        if (sqlite3_changes(c->db) == 0) throw CatalogException(kErrorPathNotFound, name);
+        txn.commit();
+    });
+}
+
+std::string SqliteCatalog::passwordHash(const String& name) {
+    return adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);  // bound without a copy: must outlive the query
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT password FROM users WHERE name = ?1");
+        q.text(1, who);
+        return q.step() ? std::string(q.textAt(0)) : std::string();
+    });
+}
+
+AccountToken SqliteCatalog::tokenFor(const String& name) {
+    return adminCall(*m_impl, kpBlank, [&] {
+        const std::string who = toUtf8(name);
+        std::vector<String> groups;
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT groups FROM users WHERE name = ?1");
+        q.text(1, who);
+        if (q.step()) {
+            std::string_view rest = q.textAt(0);
+            while (!rest.empty()) {
+                const std::size_t nl = rest.find('\n');
+                groups.push_back(fromUtf8(rest.substr(0, nl)));
+                if (nl == std::string_view::npos) break;
+                rest.remove_prefix(nl + 1);
+            }
+        }
+        return AccountToken(name, std::move(groups));
+    });
+}
+
+namespace {
+
+// The children of a folder in path order; with `reader`, only those the
+// reader may read, and the folder itself must be readable by the reader.
+// One snapshot serves the rows and the access lists.
+std::vector<SqliteCatalog::Entry> listEntries(SqliteCatalog::Impl& impl, const Path& folder,
+                                              const AccountToken* reader) {
+    const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
+    std::vector<SqliteCatalog::Entry> entries;
+    const std::string p = toUtf8(folder);
+    SqliteCatalog::Impl::Lease c(impl);
+    Query snapshot(*c, kStClock);  // holds one read transaction for what follows
+    snapshot.step();
+    if (reader) impl.refreshAcl(*c, localGen);
+    const int kind = kindAt(*c, p);
+    if (kind == 0) adminFail(kErrorPathNotFound, folder);
+    if (reader && !SqliteCatalog::Impl::mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, p)))
+        adminFail(kErrorAccessDenied, folder);
+    if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
+    Query q(*c, "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path");
+    q.text(1, p);
+    while (q.step()) {
+        if (reader && !SqliteCatalog::Impl::mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, q.textAt(0))))
+            continue;
+        SqliteCatalog::Entry e;
+        e.path = Path(fromUtf8(q.textAt(0)), kUnchecked);
+        e.type = static_cast<unsigned>(q.integerAt(1));
+        e.lastModified = q.integerAt(2);
+        e.signature = fromUtf8(q.textAt(3));
+        e.linkTarget = fromUtf8(q.textAt(4));
+        decodeProperties(e.properties, q.blobAt(5));
+        entries.push_back(std::move(e));
+    }
+    return entries;
+}
+
+}  // namespace
+
+std::vector<SqliteCatalog::Entry> SqliteCatalog::list(const Path& folder) {
+    requireValid(folder);
+    return adminCall(*m_impl, folder, [&] { return listEntries(*m_impl, folder, nullptr); });
+}
+
+std::vector<SqliteCatalog::Entry> SqliteCatalog::listReadable(const AccountToken& user, const Path& folder) {
+    requireValid(folder);
+    return adminCall(*m_impl, folder, [&] { return listEntries(*m_impl, folder, &user); });
+}
+
+std::string SqliteCatalog::readRaw(const Path& path) {
+    requireValid(path);
+    return adminCall(*m_impl, path, [&] {
+        const std::string p = toUtf8(path);
+        Impl::Lease c(*m_impl);
+        Query q(*c, "SELECT i.kind, b.data FROM items i LEFT JOIN bodies b ON b.id = i.body_id WHERE i.path = ?1");
+        q.text(1, p);
+        if (!q.step()) adminFail(kErrorPathNotFound, path);
+        if (q.integerAt(0) != kKindObject) adminFail(kErrorObjectExpected, path);
+        return std::string(q.blobAt(1));
+    });
+}
+
+bool SqliteCatalog::exists(const Path& path) {
+    if (!isValidPathText(path)) return false;
+    return adminCall(*m_impl, path, [&] {
+        const std::string p = toUtf8(path);
+        Impl::Lease c(*m_impl);
+        return kindAt(*c, p) != 0;
+    });
+}
+
+void SqliteCatalog::remove(const Path& path) {
+    requireValid(path);
+    if (path.isRoot()) adminFail(kErrorRootSacred, path);
+    adminCall(*m_impl, path, [&] {
+        {
+            Impl::Lease c(*m_impl);
+            WriteTxn txn(*c);
+            const std::string p = toUtf8(path);
+            const int kind = kindAt(*c, p);
+            if (kind == 0) adminFail(kErrorPathNotFound, path);
+            // Everything under a folder: paths from "p/" up to, not including,
+            // "p0" ('0' follows '/').
+            const std::string lo = p + "/";
+            const std::string hi = p + "0";
+            const char* const where = "path = ?1 OR (path >= ?2 AND path < ?3)";
+            Query(*c, (std::string("DELETE FROM bodies WHERE id IN (SELECT body_id FROM items WHERE ") + where + ")").c_str())
+                .text(1, p).text(2, lo).text(3, hi).run();
+            Query(*c, (std::string("DELETE FROM items WHERE ") + where).c_str()).text(1, p).text(2, lo).text(3, hi).run();
+            Query(*c, (std::string("DELETE FROM acl WHERE ") + where).c_str()).text(1, p).text(2, lo).text(3, hi).run();
+            Query(*c, kStBumpAclGen).run();
+            Impl::nextTime(*c, 0);
+            txn.commit();
+        }
+        m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
+    });
+}
+
+namespace {
+
+// A write lock of a catalog file: an open file description lock, which the
+// kernel releases when the descriptor is closed, also by the end of the
+// process. Each lock has a descriptor of its own, so the threads of one
+// process exclude each other as processes do.
+class FileWriteLock : public WriteLock {
+public:
+    explicit FileWriteLock(int fd) : m_fd(fd) {}
+    ~FileWriteLock() override { ::close(m_fd); }
+
+private:
+    int m_fd;
+};
+
+class MemoryWriteLock : public WriteLock {
+public:
+    MemoryWriteLock(SqliteCatalog::Impl& impl, std::string path) : m_impl(impl), m_path(std::move(path)) {}
+    ~MemoryWriteLock() override;
+
+private:
+    SqliteCatalog::Impl& m_impl;
+    std::string m_path;
+};
+
+MemoryWriteLock::~MemoryWriteLock() {
+    {
+        std::lock_guard<std::mutex> lock(m_impl.lockMutex);
+        m_impl.lockedPaths.erase(m_path);
+    }
+    m_impl.lockReleased.notify_all();
+}
+
+// FNV-1a: the byte of the lock file that stands for a path. Two paths that
+// share a byte only wait for each other needlessly.
+off_t lockOffsetOf(std::string_view path) noexcept {
+    std::uint64_t h = 14695981039346656037ull;
+    for (const char c : path) {
+        h ^= static_cast<unsigned char>(c);
+        h *= 1099511628211ull;
+    }
+    return static_cast<off_t>(h & ((std::uint64_t(1) << 40) - 1));
+}
+
+}  // namespace
+
+std::unique_ptr<WriteLock> SqliteCatalog::lockForWriting(const Path& path) {
+    requireValid(path);
+    std::string p = toUtf8(path);
+    Impl& impl = *m_impl;
+    if (impl.inMemory) {
+        std::unique_lock<std::mutex> lock(impl.lockMutex);
+        impl.lockReleased.wait(lock, [&] { return impl.lockedPaths.count(p) == 0; });
+        impl.lockedPaths.insert(p);
+        return std::make_unique<MemoryWriteLock>(impl, std::move(p));
+    }
+    const std::string lockFile = impl.file + "-locks";
+    const int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0)
+        throw CatalogException(kErrorIO, path.toString(),
+                               fromUtf8("cannot open the lock file \"" + lockFile + "\": " + std::strerror(errno)));
+    struct flock fl = {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = lockOffsetOf(p);
+    fl.l_len = 1;
+    while (::fcntl(fd, F_OFD_SETLKW, &fl) != 0) {
+        if (errno == EINTR) continue;
+        const int err = errno;
+        ::close(fd);
+        throw CatalogException(kErrorIO, path.toString(),
+                               fromUtf8("cannot lock \"" + lockFile + "\": " + std::strerror(err)));
+    }
+    return std::make_unique<FileWriteLock>(fd);
+}
+
+std::string SqliteCatalog::integrityCheck() {
+    return adminCall(*m_impl, kpBlank, [&] {
+        Impl::Lease c(*m_impl);
+        Query q(*c, "PRAGMA integrity_check");
+        std::string result;
+        while (q.step()) {
+            if (!result.empty()) result.push_back('\n');
+            result.append(q.textAt(0));
+        }
+        return result;
+    });
+}
+
+
+}  // namespace kiv::catalog

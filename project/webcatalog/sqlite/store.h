@@ -1,0 +1,863 @@
+// The SQLite catalog's store: connections with their prepared statements,
+// statements, transactions, item rows, and SqliteCatalog::Impl, which holds
+// the connection pool and the rules shared by the catalog operations
+// (sqlitecatalog.cpp) and the administration (administration.cpp). An
+// implementation detail of kiv_sqlitecatalog, not installed.
+//
+// Storage:
+//   items(path PRIMARY KEY, parent, kind, signature, props, link_target,
+//         mtime, body_id)     WITHOUT ROWID, so a look-up by path is one
+//                             B-tree search; bodies live apart so item rows
+//                             stay small
+//   bodies(id, data)          object bodies
+//   acl(path, principal, is_group, rights)
+//   users(name, groups, password)
+//                             groups joined by "\n"; password: the user's
+//                             password hash, NULL when none is set
+//   meta(key, value)          'clock': the last modified time handed out;
+//                             'acl_gen': raised by every access-list change
+// Properties are kept in the item row (UTF-8 "name\0value\0..."), so that
+// getItemInfo with properties stays one row read. The file carries an
+// application id and the schema version (user_version), by which a foreign
+// or older file is recognised before anything is written to it.
+//
+// Connections: a pool, one connection per concurrent caller (the in-memory
+// store has exactly one, which callers take in turn); a thread takes the
+// connection it used last again without locking. Each connection keeps
+// its prepared statements and a copy of the access lists, reloaded when the
+// store's data version shows a change and the access-list generation moved.
+// No connection is held while a reader, writer or replace helper is called
+// back, so callbacks may use the catalog.
+#pragma once
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <bitset>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+#include "../namerules.h"
+#include "../storetext.h"
+#include "qz/webcatalog/readerwriter.h"
+#include "qz/webcatalog/sqlitecatalog.h"
+
+namespace kiv::catalog {
+
+// The types the catalog's translation units share.
+namespace sqlitestore {
+
+inline constexpr int kApplicationId = 0x4B495643;  // "KIVC"
+using store::appendUtf8;
+using store::decodeInto;
+using store::decodeProperties;
+using store::encodeProperties;
+using store::fromUtf8;
+using store::isValidPathText;
+using store::kKindFolder;
+using store::kKindLink;
+using store::kKindObject;
+using store::kMaxLinkHops;
+using store::nowMicros;
+using store::parentOf;
+using store::toUtf8;
+
+// ---------------------------------------------------------------------------
+// SQLite access.
+
+// A store failure inside an operation; mapped to a ReturnCode at its edge.
+struct SqlError {
+    int rc;
+    std::string message;
+};
+
+enum StmtId {
+    kStLookup,
+    kStLookupHop,
+    kStBody,
+    kStAclGen,
+    kStAclAll,
+    kStBegin,
+    kStCommit,
+    kStRollback,
+    kStClock,
+    kStSetClock,
+    kStBumpAclGen,
+    kStInsertBody,
+    kStUpdateBody,
+    kStUpsertItem,
+    kStDeleteItem,
+    kStDeleteBody,
+    kStDeleteAclOf,
+    kStSetProps,
+    kStBeginRead,
+    kStCount
+};
+
+inline const char* const kStmtSql[kStCount] = {
+    "SELECT kind, signature, props, link_target, mtime, body_id FROM items WHERE path = ?1",
+    "SELECT kind, signature, props, link_target, mtime, body_id FROM items WHERE path = ?1",
+    "SELECT data FROM bodies WHERE id = ?1",
+    "SELECT value FROM meta WHERE key = 'acl_gen'",
+    "SELECT path, principal, is_group, rights FROM acl",
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "ROLLBACK",
+    "SELECT value FROM meta WHERE key = 'clock'",
+    "UPDATE meta SET value = ?1 WHERE key = 'clock'",
+    "UPDATE meta SET value = value + 1 WHERE key = 'acl_gen'",
+    "INSERT INTO bodies(data) VALUES (?1)",
+    "UPDATE bodies SET data = ?2 WHERE id = ?1",
+    "INSERT INTO items(path, parent, kind, signature, props, link_target, mtime, body_id) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) ON CONFLICT(path) DO UPDATE SET parent = excluded.parent, "
+    "kind = excluded.kind, signature = excluded.signature, props = excluded.props, "
+    "link_target = excluded.link_target, mtime = excluded.mtime, body_id = excluded.body_id",
+    "DELETE FROM items WHERE path = ?1",
+    "DELETE FROM bodies WHERE id = ?1",
+    "DELETE FROM acl WHERE path = ?1",
+    "UPDATE items SET props = ?2, mtime = ?3 WHERE path = ?1",
+    "BEGIN",
+};
+
+inline const char* const kSchemaSql =
+    "CREATE TABLE items("
+    " path TEXT PRIMARY KEY NOT NULL,"
+    " parent TEXT,"
+    " kind INTEGER NOT NULL,"
+    " signature TEXT NOT NULL DEFAULT '',"
+    " props BLOB,"
+    " link_target TEXT,"
+    " mtime INTEGER NOT NULL,"
+    " body_id INTEGER) WITHOUT ROWID;"
+    "CREATE INDEX items_parent ON items(parent);"
+    "CREATE TABLE bodies(id INTEGER PRIMARY KEY, data BLOB NOT NULL);"
+    "CREATE TABLE acl(path TEXT NOT NULL, principal TEXT NOT NULL, is_group INTEGER NOT NULL,"
+    " rights INTEGER NOT NULL, PRIMARY KEY(path, principal, is_group)) WITHOUT ROWID;"
+    "CREATE TABLE users(name TEXT PRIMARY KEY NOT NULL, groups TEXT NOT NULL, password TEXT) WITHOUT ROWID;"
+    "CREATE TABLE meta(key TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID;";
+
+struct AclEntry {
+    String principal;
+    bool isGroup;
+    bool everyone;  // the group of every user
+    int rights;
+};
+
+struct StringViewHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>()(s); }
+};
+
+struct Conn {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* stmts[kStCount] = {};
+    std::atomic<bool> busy{false};  // taken by an operation (see SqliteCatalog::Impl)
+    std::string pathBuf;  // the UTF-8 text of the path of the current operation
+    std::string hopBuf;   // the current link target
+    std::vector<std::string> visited;
+
+    // Access lists as of (dataVersion, aclGen, localGen).
+    bool aclLoaded = false;
+    unsigned dataVersion = 0;
+    std::int64_t aclGen = -1;
+    std::uint64_t localGen = 0;
+    std::unordered_map<std::string, std::vector<AclEntry>, StringViewHash, std::equal_to<>> acl;
+    // Bit n is set when a path of acl has a length of n modulo 256: most
+    // items and folders have no access list of their own, and this answers
+    // that for most of them without hashing their path.
+    std::bitset<256> aclLengths;
+
+    ~Conn() {
+        for (auto*& s : stmts)
+            if (s) sqlite3_finalize(s);
+        if (db) sqlite3_close_v2(db);
+    }
+
+    [[noreturn]] void fail(int rc) const {
+        throw SqlError{rc, db ? sqlite3_errmsg(db) : sqlite3_errstr(rc)};
+    }
+
+    sqlite3_stmt* stmt(StmtId id) {
+        sqlite3_stmt*& s = stmts[id];
+        if (!s) {
+            const int rc = sqlite3_prepare_v3(db, kStmtSql[id], -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
+            if (rc != SQLITE_OK) fail(rc);
+        }
+        return s;
+    }
+};
+
+// One statement in use: a cached one (reset on scope exit) or an ad hoc one
+// (finalised on scope exit).
+class Query {
+public:
+    Query(Conn& c, StmtId id) : m_conn(c), m_stmt(c.stmt(id)), m_owned(false) {}
+    Query(Conn& c, const char* sql) : m_conn(c), m_owned(true) {
+        const int rc = sqlite3_prepare_v2(c.db, sql, -1, &m_stmt, nullptr);
+        if (rc != SQLITE_OK) c.fail(rc);
+    }
+    ~Query() {
+        if (m_owned) {
+            sqlite3_finalize(m_stmt);
+        } else {
+            // Every use binds all parameters again, so the bindings are
+            // left as they are.
+            sqlite3_reset(m_stmt);
+        }
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+
+    // Text and blobs are bound without a copy: the caller keeps them alive
+    // until the query is done.
+    Query& text(int i, std::string_view v) {
+        check(sqlite3_bind_text(m_stmt, i, v.data(), static_cast<int>(v.size()), SQLITE_STATIC));
+        return *this;
+    }
+    Query& blob(int i, std::string_view v) {
+        check(sqlite3_bind_blob(m_stmt, i, v.data(), static_cast<int>(v.size()), SQLITE_STATIC));
+        return *this;
+    }
+    Query& integer(int i, std::int64_t v) {
+        check(sqlite3_bind_int64(m_stmt, i, v));
+        return *this;
+    }
+    Query& null(int i) {
+        check(sqlite3_bind_null(m_stmt, i));
+        return *this;
+    }
+    // True for a row, false when done.
+    bool step() {
+        const int rc = sqlite3_step(m_stmt);
+        if (rc == SQLITE_ROW) return true;
+        if (rc == SQLITE_DONE) return false;
+        m_conn.fail(rc);
+    }
+    void run() {
+        while (step()) {
+        }
+    }
+    void reset() { sqlite3_reset(m_stmt); }
+
+    std::int64_t integerAt(int i) const { return sqlite3_column_int64(m_stmt, i); }
+    bool isNull(int i) const { return sqlite3_column_type(m_stmt, i) == SQLITE_NULL; }
+    std::string_view textAt(int i) const {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(m_stmt, i));
+        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(m_stmt, i)))
+                 : std::string_view();
+    }
+    std::string_view blobAt(int i) const {
+        const auto* p = static_cast<const char*>(sqlite3_column_blob(m_stmt, i));
+        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(m_stmt, i)))
+                 : std::string_view();
+    }
+
+private:
+    void check(int rc) {
+        if (rc != SQLITE_OK) m_conn.fail(rc);
+    }
+    Conn& m_conn;
+    sqlite3_stmt* m_stmt = nullptr;
+    bool m_owned;
+};
+
+// A write transaction (BEGIN IMMEDIATE): rolled back unless committed.
+class WriteTxn {
+public:
+    explicit WriteTxn(Conn& c) : m_conn(c) { Query(c, kStBegin).run(); }
+    ~WriteTxn() {
+        if (!m_done) sqlite3_exec(m_conn.db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    void commit() {
+        Query(m_conn, kStCommit).run();
+        m_done = true;
+    }
+
+private:
+    Conn& m_conn;
+    bool m_done = false;
+};
+
+// One item row, read from a query that stays active while the row is used.
+struct Row {
+    int kind = 0;
+    std::string_view signature;
+    std::string_view props;
+    std::string_view linkTarget;
+    std::int64_t mtime = 0;
+    std::int64_t bodyId = 0;
+    bool hasBody = false;
+
+    // Reads the columns the caller uses: the properties and the body's id
+    // only when asked for, the link target only of a link.
+    void take(const Query& q, bool withProperties = true, bool withBody = true) {
+        kind = static_cast<int>(q.integerAt(0));
+        signature = q.textAt(1);
+        props = withProperties ? q.blobAt(2) : std::string_view();
+        linkTarget = kind == kKindLink ? q.textAt(3) : std::string_view();
+        mtime = q.integerAt(4);
+        hasBody = withBody && !q.isNull(5);
+        bodyId = hasBody ? q.integerAt(5) : 0;
+    }
+};
+
+inline ReturnCode codeForSqlError(const SqlError& e) {
+    const int primary = e.rc & 0xFF;
+    if (primary == SQLITE_BUSY || primary == SQLITE_LOCKED) return kErrorLocked;
+    return kErrorIO;
+}
+
+inline void logSqlError(const SqlError& e, const std::string& file) {
+    Logger::getLogger().log(kSevError, GDVariant(String(L"catalog store %1: %2")),
+                            {GDVariant(fromUtf8(file)), GDVariant(fromUtf8(e.message))},
+                            KIV_FILE_LOCATION("project/webcatalog/sqlitecatalog", __LINE__));
+}
+
+// The fast case of encodeCheckedPath: true when the ASCII text `v` is a
+// valid path of printable characters without escapes; false for anything
+// else, which the full check then judges.
+inline bool isPlainAsciiPath(std::string_view v) noexcept {
+    const std::size_t n = v.size();
+    if (n < 2 || n > Path::kMaxPathLength || v[0] != '/') return false;
+    // Any character outside space to '~', or an escape.
+    bool outside = false;
+    for (const char c : v) outside |= static_cast<unsigned char>(c) - 0x20u > 0x7Eu - 0x20u;
+    if (outside || v.find('\\') != std::string_view::npos) return false;
+    // Each component: not empty, not too long, not all white space (of
+    // these characters only the space is white space).
+    for (std::size_t start = 1;;) {
+        const std::size_t end = std::min(v.find('/', start), n);
+        const std::size_t length = end - start;
+        if (length == 0 || length > ItemName::kMaxItemNameLength) return false;
+        if (v[start] == ' ' && v.find_first_not_of(' ', start) >= end) return false;
+        if (end == n) return true;
+        start = end + 1;
+    }
+}
+
+// Checks a path and writes its UTF-8 form to `out`; the answer is exactly
+// detail::checkPathText's. An ASCII path (the usual case) is copied as it
+// is and checked on its bytes; any other path, and any the fast check finds
+// fault with, goes through the full check and the general conversion.
+// `out` is left unspecified for an invalid path.
+inline EItemNameValidity encodeCheckedPath(const Path& path, std::string& out) {
+    if (path.text().isAscii()) {
+        out.clear();
+        path.appendUtf8(out);
+        if (isPlainAsciiPath(out)) return kItemNameValid;
+    }
+    const EItemNameValidity validity = detail::checkPathText(path);
+    if (validity == kItemNameValid) {
+        out.clear();
+        appendUtf8(out, path);
+    }
+    return validity;
+}
+
+}  // namespace sqlitestore
+
+using namespace sqlitestore;
+
+// ---------------------------------------------------------------------------
+
+struct SqliteCatalog::Impl {
+    std::string file;
+    bool inMemory = false;
+    Options options;
+
+    // Tells this catalog's connections from those of another (or of a
+    // destroyed one at the same address) in a thread's cache below.
+    const std::uint64_t serial = nextSerial();
+
+    // The connection pool: every connection ever opened, each either taken
+    // (Conn::busy) or free. A thread first tries the connection it used
+    // last, which it claims with one atomic exchange and gives back with one
+    // store; the mutex is taken only to look for another free connection,
+    // to open one, or to wait while all are taken (the in-memory store has
+    // exactly one).
+    std::mutex poolMutex;
+    std::condition_variable poolFree;
+    std::vector<std::unique_ptr<Conn>> conns;  // grows under poolMutex
+    std::size_t open = 0;                      // opened or being opened
+    std::size_t maxOpen = SIZE_MAX;
+    std::atomic<int> waiting{0};               // threads waiting for a connection
+
+    // The write locks of the in-memory catalog: the paths held.
+    std::mutex lockMutex;
+    std::condition_variable lockReleased;
+    std::set<std::string> lockedPaths;
+
+    // Raised after every access-list change made through this object.
+    std::atomic<std::uint64_t> localAclGen{0};
+    std::atomic<int> upgradeMode{Reader::kUpgradeAuto};
+
+    static std::uint64_t nextSerial() noexcept {
+        static std::atomic<std::uint64_t> counter{0};
+        return counter.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+
+    // What a thread remembers: the connection it used last, and the one a
+    // read batch of this thread holds (see beginReadBatch). A serial or an
+    // Impl matches only while that catalog is alive, as a call on it is.
+    struct ThreadState {
+        std::uint64_t lastSerial = 0;
+        Conn* last = nullptr;
+        const Impl* pinnedImpl = nullptr;
+        Conn* pinned = nullptr;
+    };
+    static ThreadState& threadState() noexcept {
+        thread_local ThreadState t_state;
+        return t_state;
+    }
+
+    // A connection for one operation: the pool's, or for reads the one a
+    // read batch of this thread has pinned.
+    class Lease {
+    public:
+        enum EUse { kAny, kRead };
+        explicit Lease(Impl& impl, EUse use = kAny) : m_impl(impl) {
+            ThreadState& t = threadState();
+            if (use == kRead && t.pinnedImpl == &impl) {
+                m_conn = t.pinned;
+            } else {
+                m_conn = impl.acquire(t);
+                m_owned = true;
+            }
+        }
+        ~Lease() {
+            if (m_owned) m_impl.release(m_conn);
+        }
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+        Conn& operator*() const { return *m_conn; }
+        Conn* operator->() const { return m_conn; }
+
+    private:
+        Impl& m_impl;
+        Conn* m_conn = nullptr;
+        bool m_owned = false;
+    };
+
+    static bool claim(Conn& c) noexcept { return !c.busy.exchange(true, std::memory_order_acquire); }
+
+    Conn* acquire(ThreadState& t) {
+        if (t.lastSerial == serial && claim(*t.last)) return t.last;
+        Conn* c = acquireSlow();
+        t.lastSerial = serial;
+        t.last = c;
+        return c;
+    }
+    Conn* acquire() { return acquire(threadState()); }
+
+    Conn* acquireSlow() {
+        std::unique_lock<std::mutex> lock(poolMutex);
+        const auto claimAny = [this]() -> Conn* {
+            for (const auto& c : conns)
+                if (claim(*c)) return c.get();
+            return nullptr;
+        };
+        for (;;) {
+            if (Conn* c = claimAny()) return c;
+            if (open < maxOpen) break;
+            // Announce the wait before looking again, so that a release
+            // either is seen by the second look or sees the waiter.
+            waiting.fetch_add(1, std::memory_order_seq_cst);
+            Conn* c = claimAny();
+            if (!c) poolFree.wait(lock);
+            waiting.fetch_sub(1, std::memory_order_seq_cst);
+            if (c) return c;
+        }
+        ++open;
+        lock.unlock();
+        std::unique_ptr<Conn> fresh;
+        try {
+            fresh = connect();
+        } catch (...) {
+            lock.lock();
+            --open;
+            poolFree.notify_one();
+            throw;
+        }
+        fresh->busy.store(true, std::memory_order_relaxed);
+        Conn* c = fresh.get();
+        lock.lock();
+        conns.push_back(std::move(fresh));
+        return c;
+    }
+
+    void release(Conn* c) {
+        c->busy.store(false, std::memory_order_seq_cst);
+        if (waiting.load(std::memory_order_seq_cst) != 0) {
+            std::lock_guard<std::mutex> lock(poolMutex);
+            poolFree.notify_one();
+        }
+    }
+
+    [[noreturn]] void loadingError(const std::string& why) const {
+        throw CatalogException(kErrorLoadingCatalog, fromUtf8(file),
+                               fromUtf8("cannot open catalog file \"" + file + "\": " + why));
+    }
+
+    std::unique_ptr<Conn> connect() {
+        auto c = std::make_unique<Conn>();
+        int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
+        if (inMemory || options.create) flags |= SQLITE_OPEN_CREATE;
+        const int rc = sqlite3_open_v2(inMemory ? ":memory:" : file.c_str(), &c->db, flags, nullptr);
+        if (rc != SQLITE_OK) loadingError(c->db ? sqlite3_errmsg(c->db) : sqlite3_errstr(rc));
+        sqlite3_extended_result_codes(c->db, 1);
+        sqlite3_busy_timeout(c->db, options.busyTimeoutMs);
+        // A page cache large enough for the item index of a big catalog
+        // (16 MiB per connection), so look-ups rarely go to the file.
+        sqlite3_exec(c->db, "PRAGMA cache_size = -16384", nullptr, nullptr, nullptr);
+        return c;
+    }
+
+    void pragma(Conn& c, const char* sql) {
+        char* err = nullptr;
+        if (sqlite3_exec(c.db, sql, nullptr, nullptr, &err) != SQLITE_OK) {
+            std::string why = err ? err : "unknown error";
+            sqlite3_free(err);
+            loadingError(why);
+        }
+    }
+
+    std::int64_t pragmaValue(Conn& c, const char* sql) {
+        try {
+            Query q(c, sql);
+            return q.step() ? q.integerAt(0) : 0;
+        } catch (const SqlError& e) {
+            loadingError(e.message);
+        }
+    }
+
+    // Checks the store before anything is written to it, creating the schema
+    // in an empty one.
+    void openStore() {
+        if (!inMemory && !options.create) {
+            struct stat st;
+            if (::stat(file.c_str(), &st) != 0)
+                throw CatalogException(kErrorCatalogNotFound, fromUtf8(file),
+                                       fromUtf8("catalog file \"" + file + "\" does not exist"));
+        }
+        auto c = connect();
+        std::int64_t tables = pragmaValue(*c, "SELECT count(*) FROM sqlite_schema");
+        std::int64_t appId = pragmaValue(*c, "PRAGMA application_id");
+        std::int64_t version = pragmaValue(*c, "PRAGMA user_version");
+        if (tables == 0 && appId == 0 && version == 0) {
+            // An empty file (or empty database) becomes a catalog only when
+            // creating was asked for; otherwise it is reported and left as it is.
+            if (!inMemory && !options.create)
+                loadingError("the file is empty, not a catalog (create one with 'catalog init')");
+            createSchema(*c);
+            appId = pragmaValue(*c, "PRAGMA application_id");
+            version = pragmaValue(*c, "PRAGMA user_version");
+        }
+        if (appId != kApplicationId)
+            loadingError("not a catalog file of this system (application id " + std::to_string(appId) + ")");
+        if (version == 1) version = upgradeFromVersion1(*c);
+        if (version != kSchemaVersion)
+            loadingError("unsupported catalog schema version " + std::to_string(version) + " (expected " +
+                         std::to_string(kSchemaVersion) + ")");
+        if (!inMemory) {
+            // Our files are in WAL mode from their creation; this only reads.
+            pragma(*c, "PRAGMA journal_mode=WAL");
+        }
+        pragma(*c, options.synchronousFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+        std::lock_guard<std::mutex> lock(poolMutex);
+        conns.push_back(std::move(c));
+        open = 1;
+    }
+
+    void createSchema(Conn& c) {
+        // Another process may be creating the same file: the write lock
+        // decides, and the loser finds the schema in place.
+        pragma(c, "BEGIN IMMEDIATE");
+        if (pragmaValue(c, "SELECT count(*) FROM sqlite_schema") != 0) {
+            pragma(c, "ROLLBACK");
+            return;
+        }
+        char* err = nullptr;
+        if (sqlite3_exec(c.db, kSchemaSql, nullptr, nullptr, &err) != SQLITE_OK) {
+            std::string why = err ? err : "unknown error";
+            sqlite3_free(err);
+            sqlite3_exec(c.db, "ROLLBACK", nullptr, nullptr, nullptr);
+            loadingError(why);
+        }
+        const std::int64_t now = nowMicros();
+        const std::string init =
+            "INSERT INTO meta(key, value) VALUES ('clock', " + std::to_string(now) + "), ('acl_gen', 0);"
+            "INSERT INTO items(path, parent, kind, mtime) VALUES ('/', NULL, 1, " + std::to_string(now) + ");"
+            "INSERT INTO acl(path, principal, is_group, rights) VALUES ('/', 'everyone', 1, 1);"
+            "PRAGMA application_id = " + std::to_string(kApplicationId) + ";"
+            "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";";
+        pragma(c, init.c_str());
+        pragma(c, "COMMIT");
+        if (!inMemory) pragma(c, "PRAGMA journal_mode=WAL");
+    }
+
+    // Version 1 had no password hashes. Another process may be upgrading
+    // the same file: the write lock decides, and the loser finds version 2.
+    std::int64_t upgradeFromVersion1(Conn& c) {
+        pragma(c, "BEGIN IMMEDIATE");
+        if (pragmaValue(c, "PRAGMA user_version") == 1) {
+            char* err = nullptr;
+            if (sqlite3_exec(c.db, "ALTER TABLE users ADD COLUMN password TEXT; PRAGMA user_version = 2;", nullptr,
+                             nullptr, &err) != SQLITE_OK) {
+                std::string why = err ? err : "unknown error";
+                sqlite3_free(err);
+                sqlite3_exec(c.db, "ROLLBACK", nullptr, nullptr, nullptr);
+                loadingError("upgrading the catalog schema from version 1 failed: " + why);
+            }
+        }
+        pragma(c, "COMMIT");
+        return pragmaValue(c, "PRAGMA user_version");
+    }
+
+    // --- access rights ------------------------------------------------------
+
+    // Brings the connection's copy of the access lists up to date. Called
+    // while a read of the operation is active, so the copy and the item rows
+    // come from one snapshot.
+    void refreshAcl(Conn& c, std::uint64_t localGen) {
+        unsigned dv = 0;
+        sqlite3_file_control(c.db, "main", SQLITE_FCNTL_DATA_VERSION, &dv);
+        if (c.aclLoaded && dv == c.dataVersion && localGen == c.localGen) return;
+        std::int64_t gen = 0;
+        {
+            Query q(c, kStAclGen);
+            if (q.step()) gen = q.integerAt(0);
+        }
+        if (!c.aclLoaded || gen != c.aclGen) {
+            c.acl.clear();
+            c.aclLengths.reset();
+            Query q(c, kStAclAll);
+            while (q.step()) {
+                const std::string_view aclPath = q.textAt(0);
+                c.aclLengths.set(aclPath.size() % c.aclLengths.size());
+                auto& entries = c.acl[std::string(aclPath)];
+                const bool isGroup = q.integerAt(2) != 0;
+                String principal = fromUtf8(q.textAt(1));
+                const bool everyone = isGroup && principal == ksEveryoneGroup;
+                entries.push_back(
+                    AclEntry{std::move(principal), isGroup, everyone, static_cast<int>(q.integerAt(3))});
+            }
+            c.aclGen = gen;
+            c.aclLoaded = true;
+        }
+        c.dataVersion = dv;
+        c.localGen = localGen;
+    }
+
+    static bool isAdministrator(const AccountToken& user) noexcept {
+        constexpr std::wstring_view administrators = ksAdministratorsGroup;
+        const std::vector<String>& groups = user.getGroups();
+        return std::any_of(groups.begin(), groups.end(),
+                           [&](const String& g) { return std::wstring_view(g) == administrators; });
+    }
+
+    // The user's rights on the item at `path` (UTF-8), from the access list
+    // of the item or of its nearest ancestor that has one.
+    static int rightsOf(Conn& c, const AccountToken& user, std::string_view path) {
+        if (isAdministrator(user)) return static_cast<int>(Rights::kWrite);
+        const std::vector<AclEntry>* list = applyingList(c, path);
+        if (!list) return 0;
+        int rights = 0;
+        for (const AclEntry& e : *list) {
+            const bool matches =
+                e.isGroup ? (e.everyone || user.isMemberOf(e.principal)) : e.principal == user.getUserName();
+            if (matches) rights |= e.rights;
+        }
+        return rights;
+    }
+
+    // The access list of the item or of its nearest ancestor that has one.
+    // The walk up stays in the path text; only a path whose length some
+    // access list's path has is looked up.
+    static const std::vector<AclEntry>* applyingList(Conn& c, std::string_view path) {
+        for (std::string_view p = path; !p.empty(); p = parentOf(p)) {
+            if (!c.aclLengths.test(p.size() % c.aclLengths.size())) continue;
+            const auto it = c.acl.find(p);
+            if (it != c.acl.end()) return &it->second;
+        }
+        return nullptr;
+    }
+
+    static bool mayRead(int rights) noexcept { return (rights & static_cast<int>(Rights::kRead)) != 0; }
+    static bool mayWrite(int rights) noexcept {
+        return (rights & static_cast<int>(Rights::kWrite)) == static_cast<int>(Rights::kWrite);
+    }
+
+    // --- item information ----------------------------------------------------
+
+    static void fillEntry(ItemInfo::Entry& e, const Row& row, bool withProperties) {
+        e.type = static_cast<unsigned>(row.kind);
+        e.lastModified = row.mtime;
+        decodeInto(e.signature, row.signature);
+        if (withProperties)
+            decodeProperties(e.properties, row.props);
+        else
+            e.properties.clear();
+    }
+
+    // Follows the link in `first` (the item at c.pathBuf) to a non-link item,
+    // filling info.resolved(). `hop` is the query that holds the final row;
+    // `target` carries its body's id only when `withBody` is set.
+    ReturnCode followLink(Conn& c, const AccountToken& user, const Row& first, Query& hop, Row& target,
+                          ItemInfo& info, bool withProperties, bool withBody) {
+        c.visited.clear();
+        c.visited.emplace_back(c.pathBuf);
+        c.hopBuf.assign(first.linkTarget);
+        ItemInfo::Entry& r = info.resolved();
+        for (int hops = 0;; ++hops) {
+            r.path = Path(fromUtf8(c.hopBuf), kUnchecked);
+            const bool seen = std::find(c.visited.begin(), c.visited.end(), c.hopBuf) != c.visited.end();
+            if (seen || hops >= kMaxLinkHops) {
+                r.type = kCircular | kLink;
+                return kErrorCircularLink;
+            }
+            hop.reset();
+            hop.text(1, c.hopBuf);
+            if (!hop.step()) {
+                r.type = kMissing;
+                return kErrorLinkTargetPathNotFound;
+            }
+            target.take(hop, withProperties, withBody);
+            if (!mayRead(rightsOf(c, user, c.hopBuf))) {
+                r.type = kNoAccess;
+                return kErrorLinkTargetAccessDenied;
+            }
+            if (target.kind != kKindLink) {
+                fillEntry(r, target, withProperties);
+                return kSuccess;
+            }
+            c.visited.emplace_back(c.hopBuf);
+            c.hopBuf.assign(target.linkTarget);
+        }
+    }
+
+    // The common read path of getItemInfo and readObject. With `body`, the
+    // resolved object's body is copied into it.
+    ReturnCode inspect(const AccountToken& user, const Path& path, ItemInfo& info, bool originalOnly,
+                       bool withProperties, std::string* body) {
+        try {
+            const std::uint64_t localGen = localAclGen.load(std::memory_order_acquire);
+            Lease c(*this, Lease::kRead);
+            if (encodeCheckedPath(path, c->pathBuf) != kItemNameValid) return kErrorPathInvalid;
+            Query q(*c, kStLookup);
+            q.text(1, c->pathBuf);
+            if (!q.step()) return kErrorPathNotFound;
+            Row row;
+            row.take(q, withProperties, body != nullptr);
+            refreshAcl(*c, localGen);
+            if (!mayRead(rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
+
+            ItemInfo::Entry& o = info.original();
+            o.path = path;
+            fillEntry(o, row, withProperties);
+            if (row.kind != kKindLink || originalOnly) {
+                info.resolved() = o;
+                if (body) {
+                    if (row.kind != kKindObject) return kErrorObjectExpected;
+                    copyBody(*c, row, *body);
+                }
+                return kSuccess;
+            }
+            Query hop(*c, kStLookupHop);
+            Row target;
+            const ReturnCode rc =
+                followLink(*c, user, row, hop, target, info, withProperties, body != nullptr);
+            if (rc != kSuccess) return rc;
+            if (body) {
+                if (target.kind != kKindObject) return kErrorObjectExpected;
+                copyBody(*c, target, *body);
+            }
+            return kSuccess;
+        } catch (const SqlError& e) {
+            logSqlError(e, file);
+            return codeForSqlError(e);
+        }
+    }
+
+    static void copyBody(Conn& c, const Row& row, std::string& body) {
+        body.clear();
+        if (!row.hasBody) return;
+        Query q(c, kStBody);
+        q.integer(1, row.bodyId);
+        if (q.step()) body.assign(q.blobAt(0));
+    }
+
+    // --- writing -------------------------------------------------------------
+
+    // The next modified time for an item last modified at `previous`:
+    // strictly after every time the store handed out. Inside a write
+    // transaction.
+    static std::int64_t nextTime(Conn& c, std::int64_t previous) {
+        std::int64_t clock = 0;
+        {
+            Query q(c, kStClock);
+            if (q.step()) clock = q.integerAt(0);
+        }
+        const std::int64_t t = std::max({nowMicros(), clock + 1, previous + 1});
+        Query(c, kStSetClock).integer(1, t).run();
+        return t;
+    }
+
+    // The checks of a write to the object at c.pathBuf (parent `parent`).
+    // `existing` receives whether an object is there and its row.
+    ReturnCode checkWrite(Conn& c, std::uint64_t localGen, const AccountToken& user, std::string_view parent,
+                          bool& existing, Row& row, Query& item) {
+        {
+            Query q(c, kStLookupHop);
+            q.text(1, parent);
+            const bool found = q.step();
+            // The read snapshot is open now: bring the access lists up to it.
+            refreshAcl(c, localGen);
+            if (!found) return kErrorPathNotFound;
+            if (q.integerAt(0) != kKindFolder) return kErrorFolderExpected;
+        }
+        item.text(1, c.pathBuf);
+        existing = item.step();
+        if (existing) {
+            row.take(item);
+            if (row.kind != kKindObject) return kErrorObjectExpected;
+        }
+        if (!mayWrite(rightsOf(c, user, existing ? std::string_view(c.pathBuf) : parent)))
+            return kErrorAccessDenied;
+        return kSuccess;
+    }
+
+    // Stores an object at c.pathBuf inside the current write transaction;
+    // returns its new modified time.
+    std::int64_t storeObject(Conn& c, std::string_view parent, bool existing, const Row& old,
+                             std::string_view signature, std::string_view props, std::string_view body) {
+        std::int64_t bodyId = 0;
+        if (existing && old.hasBody) {
+            bodyId = old.bodyId;
+            Query(c, kStUpdateBody).integer(1, bodyId).blob(2, body).run();
+        } else {
+            Query(c, kStInsertBody).blob(1, body).run();
+            bodyId = sqlite3_last_insert_rowid(c.db);
+        }
+        const std::int64_t t = nextTime(c, existing ? old.mtime : 0);
+        Query(c, kStUpsertItem)
+            .text(1, c.pathBuf)
+            .text(2, parent)
+            .integer(3, kKindObject)
+            .text(4, signature)
+            .blob(5, props)
+            .null(6)
+            .integer(7, t)
+            .integer(8, bodyId)
+            .run();
+        return t;
+    }
+};
+
+
+}  // namespace kiv::catalog
