@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
@@ -120,6 +122,39 @@ TEST(SqliteCatalogProcessTest, AWriterKilledMidWriteLeavesTheOldOrTheNewObjectWh
         ItemInfo info;
         EXPECT_EQ(c.getItemInfo(kAdmin, Path(L"/big"), info, false, true), kSuccess);
     }
+}
+
+TEST(SqliteCatalogProcessTest, AWriteLockHeldByAProcessThatIsKilledIsReleased) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    { SqliteCatalog(file).putObject(Path(L"/users/u/favorites"), L"s", {}, "start"); }
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = spawn([&] {
+        ::close(ready[0]);
+        SqliteCatalog c(file);
+        std::unique_ptr<WriteLock> lock = c.lockForWriting(Path(L"/users/u/favorites"));
+        const char byte = 'L';
+        if (::write(ready[1], &byte, 1) != 1) return 3;
+        ::pause();  // holds the lock until killed
+        return 0;
+    });
+    ::close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    SqliteCatalog c(file);
+    std::atomic<bool> got{false};
+    std::thread waiter([&] {
+        std::unique_ptr<WriteLock> lock = c.lockForWriting(Path(L"/users/u/favorites"));
+        got = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(got) << "the lock was not held by the other process";
+    ::kill(child, SIGKILL);
+    waitFor(child);
+    waiter.join();
+    EXPECT_TRUE(got);
 }
 
 }  // namespace
