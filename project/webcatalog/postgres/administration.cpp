@@ -130,11 +130,7 @@ Rights PostgresCatalog::effectiveRights(const AccountToken& user, const Path& pa
 
 void PostgresCatalog::addUser(const String& name, const std::vector<String>& groups) {
     adminCall(kpBlank, [&] {
-        std::string joined;
-        for (const String& g : groups) {
-            if (!joined.empty()) joined.push_back('\n');
-            store::appendUtf8(joined, g);
-        }
+        const std::string joined = store::joinGroups(groups);
         Impl::Lease c(*m_impl);
         c->run("add_user",
                "INSERT INTO users(name, groups) VALUES ($1, $2) ON CONFLICT(name) DO UPDATE SET groups = excluded.groups",
@@ -170,19 +166,9 @@ std::string PostgresCatalog::passwordHash(const String& name) {
 
 AccountToken PostgresCatalog::tokenFor(const String& name) {
     return adminCall(kpBlank, [&] {
-        std::vector<String> groups;
         Impl::Lease c(*m_impl);
         Result r = c->run("groups", "SELECT groups FROM users WHERE name = $1", Params().text(toUtf8(name)));
-        if (r.rows()) {
-            std::string_view rest = r.bytes(0, 0);
-            while (!rest.empty()) {
-                const std::size_t nl = rest.find('\n');
-                groups.push_back(fromUtf8(rest.substr(0, nl)));
-                if (nl == std::string_view::npos) break;
-                rest.remove_prefix(nl + 1);
-            }
-        }
-        return AccountToken(name, std::move(groups));
+        return AccountToken(name, r.rows() ? store::splitGroups(r.bytes(0, 0)) : std::vector<String>());
     });
 }
 

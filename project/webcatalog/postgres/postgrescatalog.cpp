@@ -63,12 +63,7 @@ ReturnCode PostgresCatalog::readObject(const AccountToken& user, const Path& pat
     Impl::ThreadState& t = Impl::threadState();
     t.namedSerial = m_impl->serial;
     t.named = namedPaths(body);
-    reader.setUpgradeMode(static_cast<Reader::UpgradeMode>(getReaderUpgradeMode()));
-    if (reader.preInspectRead(info) == Reader::kDontContinueToRead) return kSuccess;
-    if (!reader.isObjectTypeMatch(info)) return kErrorObjectTypeMismatch;
-    if (!reader.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
-    reader.read(body.data(), body.size(), info);
-    return kSuccess;
+    return store::handToReader(reader, user, info, body, getReaderUpgradeMode());
 }
 
 std::unique_ptr<ReadBatch> PostgresCatalog::beginReadBatch() {
@@ -118,13 +113,8 @@ ReturnCode PostgresCatalog::writeObject(const AccountToken& user, const Path& pa
         if (existing && !replaceHelper.mayReplace(existingInfo)) return kErrorItemAlreadyExists;
 
         // 2. The writer's part, with no connection held.
-        if (!writer.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
-        StringOutputStream out;
-        try {
-            writer.write(out);
-        } catch (const std::exception&) {
-            return kErrorCatalogObjectException;
-        }
+        std::string body;
+        if (const ReturnCode rc = store::runWriter(writer, user, body); rc != kSuccess) return rc;
         const std::string signature = toUtf8(writer.getSignature());
 
         // 3. One transaction: check again, store, commit.
@@ -139,7 +129,7 @@ ReturnCode PostgresCatalog::writeObject(const AccountToken& user, const Path& pa
             // signature and the body only.
             const std::string props = row ? row->props : std::string();
             const std::int64_t t = txn.nextTime(row ? row->mtime : 0);
-            impl.upsert(*c, p, parent, kKindObject, signature, props, std::nullopt, t, std::string_view(out.str()));
+            impl.upsert(*c, p, parent, kKindObject, signature, props, std::nullopt, t, std::string_view(body));
             txn.commit();
             ItemInfo::Entry& e = info.original();
             e.path = path;

@@ -38,7 +38,7 @@
 #include <optional>
 #include <unordered_map>
 
-#include "../storetext.h"
+#include "../storecommon.h"
 #include "qz/webcatalog/postgrescatalog.h"
 #include "qz/webcatalog/readerwriter.h"
 
@@ -47,6 +47,7 @@ namespace kiv::catalog {
 // The types the catalog's translation units share.
 namespace pgstore {
 
+using store::AclEntry;
 using store::decodeInto;
 using store::decodeProperties;
 using store::encodeProperties;
@@ -56,6 +57,8 @@ using store::kKindFolder;
 using store::kKindLink;
 using store::kKindObject;
 using store::kMaxLinkHops;
+using store::mayRead;
+using store::mayWrite;
 using store::parentOf;
 using store::toUtf8;
 
@@ -147,13 +150,6 @@ public:
 
 private:
     PGresult* m_r;
-};
-
-struct AclEntry {
-    String principal;
-    bool isGroup;
-    bool everyone;  // the group of every user
-    int rights;
 };
 
 // One item row as read.
@@ -252,10 +248,6 @@ struct Conn {
     }
 };
 
-inline bool mayRead(int rights) noexcept { return (rights & static_cast<int>(Rights::kRead)) != 0; }
-inline bool mayWrite(int rights) noexcept {
-    return (rights & static_cast<int>(Rights::kWrite)) == static_cast<int>(Rights::kWrite);
-}
 
 // The paths an object's body names: the values of XML attributes that start
 // with '/', with the five entities and character references resolved.
@@ -536,10 +528,7 @@ struct PostgresCatalog::Impl {
         c.acl.clear();
         std::int64_t loaded = gen;
         for (int i = 0; i < r.rows(); ++i) {
-            String principal = fromUtf8(r.bytes(i, 1));
-            const bool isGroup = r.boolean(i, 2);
-            const bool everyone = isGroup && principal == ksEveryoneGroup;
-            c.acl[std::string(r.bytes(i, 0))].push_back(AclEntry{std::move(principal), isGroup, everyone, r.int4(i, 3)});
+            c.acl[std::string(r.bytes(i, 0))].push_back(store::makeAclEntry(r.bytes(i, 1), r.boolean(i, 2), r.int4(i, 3)));
             loaded = r.int8(i, 4);
         }
         if (r.rows() == 0) {
@@ -554,13 +543,7 @@ struct PostgresCatalog::Impl {
         for (std::string_view p = path; !p.empty(); p = parentOf(p)) {
             const auto it = c.acl.find(std::string(p));
             if (it == c.acl.end()) continue;
-            int rights = 0;
-            for (const AclEntry& e : it->second) {
-                const bool matches =
-                    e.isGroup ? (e.everyone || user.isMemberOf(e.principal)) : e.principal == user.getUserName();
-                if (matches) rights |= e.rights;
-            }
-            return rights;
+            return store::rightsFrom(it->second, user);
         }
         return 0;
     }

@@ -212,17 +212,13 @@ Rights SqliteCatalog::effectiveRights(const AccountToken& user, const Path& path
         q.step();
         m_impl->refreshAcl(*c, localGen);
         const int r = Impl::rightsOf(*c, user, toUtf8(path));
-        return Impl::mayWrite(r) ? Rights::kWrite : Impl::mayRead(r) ? Rights::kRead : Rights::kNone;
+        return mayWrite(r) ? Rights::kWrite : mayRead(r) ? Rights::kRead : Rights::kNone;
     });
 }
 
 void SqliteCatalog::addUser(const String& name, const std::vector<String>& groups) {
     adminCall(*m_impl, kpBlank, [&] {
-        std::string joined;
-        for (const String& g : groups) {
-            if (!joined.empty()) joined.push_back('\n');
-            appendUtf8(joined, g);
-        }
+        const std::string joined = store::joinGroups(groups);
         const std::string who = toUtf8(name);
         Impl::Lease c(*m_impl);
         WriteTxn txn(*c);
@@ -272,20 +268,10 @@ std::string SqliteCatalog::passwordHash(const String& name) {
 AccountToken SqliteCatalog::tokenFor(const String& name) {
     return adminCall(*m_impl, kpBlank, [&] {
         const std::string who = toUtf8(name);
-        std::vector<String> groups;
         Impl::Lease c(*m_impl);
         Query q(*c, "SELECT groups FROM users WHERE name = ?1");
         q.text(1, who);
-        if (q.step()) {
-            std::string_view rest = q.textAt(0);
-            while (!rest.empty()) {
-                const std::size_t nl = rest.find('\n');
-                groups.push_back(fromUtf8(rest.substr(0, nl)));
-                if (nl == std::string_view::npos) break;
-                rest.remove_prefix(nl + 1);
-            }
-        }
-        return AccountToken(name, std::move(groups));
+        return AccountToken(name, q.step() ? store::splitGroups(q.textAt(0)) : std::vector<String>());
     });
 }
 
@@ -305,13 +291,13 @@ std::vector<SqliteCatalog::Entry> listEntries(SqliteCatalog::Impl& impl, const P
     if (reader) impl.refreshAcl(*c, localGen);
     const int kind = kindAt(*c, p);
     if (kind == 0) adminFail(kErrorPathNotFound, folder);
-    if (reader && !SqliteCatalog::Impl::mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, p)))
+    if (reader && !mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, p)))
         adminFail(kErrorAccessDenied, folder);
     if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
     Query q(*c, "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path");
     q.text(1, p);
     while (q.step()) {
-        if (reader && !SqliteCatalog::Impl::mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, q.textAt(0))))
+        if (reader && !mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, q.textAt(0))))
             continue;
         SqliteCatalog::Entry e;
         e.path = Path(fromUtf8(q.textAt(0)), kUnchecked);

@@ -97,12 +97,7 @@ ReturnCode SqliteCatalog::readObject(const AccountToken& user, const Path& path,
     const ReturnCode rc = m_impl->inspect(user, path, info, false, true, &body);
     if (rc != kSuccess) return rc;
     // The connection is back in the pool: the reader may use the catalog.
-    reader.setUpgradeMode(static_cast<Reader::UpgradeMode>(getReaderUpgradeMode()));
-    if (reader.preInspectRead(info) == Reader::kDontContinueToRead) return kSuccess;
-    if (!reader.isObjectTypeMatch(info)) return kErrorObjectTypeMismatch;
-    if (!reader.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
-    reader.read(body.data(), body.size(), info);
-    return kSuccess;
+    return store::handToReader(reader, user, info, body, getReaderUpgradeMode());
 }
 
 ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path, Writer& writer,
@@ -132,13 +127,8 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
         if (existing && !replaceHelper.mayReplace(existingInfo)) return kErrorItemAlreadyExists;
 
         // 2. The writer's part, with no connection held.
-        if (!writer.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
-        StringOutputStream out;
-        try {
-            writer.write(out);
-        } catch (const std::exception&) {
-            return kErrorCatalogObjectException;
-        }
+        std::string body;
+        if (const ReturnCode rc = store::runWriter(writer, user, body); rc != kSuccess) return rc;
         const std::string signature = toUtf8(writer.getSignature());
 
         // 3. One write transaction: check again, store, commit.
@@ -160,7 +150,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
             const std::string props(existsNow ? row.props : std::string_view());
             const Row old = row;
             item.reset();
-            const std::int64_t t = impl.storeObject(*c, parent, existsNow, old, signature, props, out.str());
+            const std::int64_t t = impl.storeObject(*c, parent, existsNow, old, signature, props, body);
             txn.commit();
             ItemInfo::Entry& e = info.original();
             e.path = path;
@@ -198,7 +188,7 @@ ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& pat
             row.signature = row.props = row.linkTarget = {};
         }
         if (row.kind == kKindFolder) return kErrorObjectOrLinkExpected;
-        if (!Impl::mayWrite(Impl::rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
+        if (!mayWrite(Impl::rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
         Query(*c, kStDeleteItem).text(1, c->pathBuf).run();
         if (row.hasBody) Query(*c, kStDeleteBody).integer(1, row.bodyId).run();
         const bool hadAcl = c->acl.count(std::string_view(c->pathBuf)) != 0;

@@ -44,7 +44,7 @@
 #include <unordered_map>
 
 #include "../namerules.h"
-#include "../storetext.h"
+#include "../storecommon.h"
 #include "qz/webcatalog/readerwriter.h"
 #include "qz/webcatalog/sqlitecatalog.h"
 
@@ -54,6 +54,7 @@ namespace kiv::catalog {
 namespace sqlitestore {
 
 inline constexpr int kApplicationId = 0x4B495643;  // "KIVC"
+using store::AclEntry;
 using store::appendUtf8;
 using store::decodeInto;
 using store::decodeProperties;
@@ -64,6 +65,8 @@ using store::kKindFolder;
 using store::kKindLink;
 using store::kKindObject;
 using store::kMaxLinkHops;
+using store::mayRead;
+using store::mayWrite;
 using store::nowMicros;
 using store::parentOf;
 using store::toUtf8;
@@ -141,13 +144,6 @@ inline const char* const kSchemaSql =
     " rights INTEGER NOT NULL, PRIMARY KEY(path, principal, is_group)) WITHOUT ROWID;"
     "CREATE TABLE users(name TEXT PRIMARY KEY NOT NULL, groups TEXT NOT NULL, password TEXT) WITHOUT ROWID;"
     "CREATE TABLE meta(key TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID;";
-
-struct AclEntry {
-    String principal;
-    bool isGroup;
-    bool everyone;  // the group of every user
-    int rights;
-};
 
 struct StringViewHash {
     using is_transparent = void;
@@ -641,11 +637,7 @@ struct SqliteCatalog::Impl {
                 const std::string_view aclPath = q.textAt(0);
                 c.aclLengths.set(aclPath.size() % c.aclLengths.size());
                 auto& entries = c.acl[std::string(aclPath)];
-                const bool isGroup = q.integerAt(2) != 0;
-                String principal = fromUtf8(q.textAt(1));
-                const bool everyone = isGroup && principal == ksEveryoneGroup;
-                entries.push_back(
-                    AclEntry{std::move(principal), isGroup, everyone, static_cast<int>(q.integerAt(3))});
+                entries.push_back(store::makeAclEntry(q.textAt(1), q.integerAt(2) != 0, static_cast<int>(q.integerAt(3))));
             }
             c.aclGen = gen;
             c.aclLoaded = true;
@@ -667,13 +659,7 @@ struct SqliteCatalog::Impl {
         if (isAdministrator(user)) return static_cast<int>(Rights::kWrite);
         const std::vector<AclEntry>* list = applyingList(c, path);
         if (!list) return 0;
-        int rights = 0;
-        for (const AclEntry& e : *list) {
-            const bool matches =
-                e.isGroup ? (e.everyone || user.isMemberOf(e.principal)) : e.principal == user.getUserName();
-            if (matches) rights |= e.rights;
-        }
-        return rights;
+        return store::rightsFrom(*list, user);
     }
 
     // The access list of the item or of its nearest ancestor that has one.
@@ -688,10 +674,6 @@ struct SqliteCatalog::Impl {
         return nullptr;
     }
 
-    static bool mayRead(int rights) noexcept { return (rights & static_cast<int>(Rights::kRead)) != 0; }
-    static bool mayWrite(int rights) noexcept {
-        return (rights & static_cast<int>(Rights::kWrite)) == static_cast<int>(Rights::kWrite);
-    }
 
     // --- item information ----------------------------------------------------
 

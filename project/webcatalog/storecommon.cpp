@@ -1,8 +1,10 @@
-#include "storetext.h"
+#include "storecommon.h"
 
 #include <chrono>
 
 #include "namerules.h"
+#include "qz/webcatalog/managedcatalog.h"
+#include "qz/webcatalog/readerwriter.h"
 
 namespace kiv::catalog::store {
 
@@ -91,6 +93,70 @@ std::int64_t nowMicros() noexcept {
     return std::chrono::duration_cast<std::chrono::microseconds>(
                std::chrono::system_clock::now().time_since_epoch())
         .count();
+}
+
+std::string joinGroups(const std::vector<String>& groups) {
+    std::string joined;
+    for (const String& g : groups) {
+        if (!joined.empty()) joined.push_back('\n');
+        appendUtf8(joined, g);
+    }
+    return joined;
+}
+
+std::vector<String> splitGroups(std::string_view rest) {
+    std::vector<String> groups;
+    while (!rest.empty()) {
+        const std::size_t nl = rest.find('\n');
+        groups.push_back(fromUtf8(rest.substr(0, nl)));
+        if (nl == std::string_view::npos) break;
+        rest.remove_prefix(nl + 1);
+    }
+    return groups;
+}
+
+AclEntry makeAclEntry(std::string_view principalUtf8, bool isGroup, int rights) {
+    String principal = fromUtf8(principalUtf8);
+    const bool everyone = isGroup && principal == ManagedCatalog::ksEveryoneGroup;
+    return AclEntry{std::move(principal), isGroup, everyone, rights};
+}
+
+int rightsFrom(const std::vector<AclEntry>& list, const AccountToken& user) noexcept {
+    int rights = 0;
+    for (const AclEntry& e : list) {
+        const bool matches =
+            e.isGroup ? (e.everyone || user.isMemberOf(e.principal)) : e.principal == user.getUserName();
+        if (matches) rights |= e.rights;
+    }
+    return rights;
+}
+
+bool mayRead(int rights) noexcept { return (rights & static_cast<int>(Rights::kRead)) != 0; }
+
+bool mayWrite(int rights) noexcept {
+    return (rights & static_cast<int>(Rights::kWrite)) == static_cast<int>(Rights::kWrite);
+}
+
+ReturnCode handToReader(Reader& reader, const AccountToken& user, const ItemInfo& info, std::string_view body,
+                        int upgradeMode) {
+    reader.setUpgradeMode(static_cast<Reader::UpgradeMode>(upgradeMode));
+    if (reader.preInspectRead(info) == Reader::kDontContinueToRead) return kSuccess;
+    if (!reader.isObjectTypeMatch(info)) return kErrorObjectTypeMismatch;
+    if (!reader.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
+    reader.read(body.data(), body.size(), info);
+    return kSuccess;
+}
+
+ReturnCode runWriter(const Writer& writer, const AccountToken& user, std::string& body) {
+    if (!writer.validatePrivileges(user)) return kErrorPrivilegeValidationFailed;
+    StringOutputStream out;
+    try {
+        writer.write(out);
+    } catch (const std::exception&) {
+        return kErrorCatalogObjectException;
+    }
+    body = std::move(out.str());
+    return kSuccess;
 }
 
 }  // namespace kiv::catalog::store

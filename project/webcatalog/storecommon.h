@@ -1,5 +1,6 @@
-// The stored form of catalog texts, shared by the catalog back-ends (an
-// implementation detail, not installed).
+// What the catalog back-ends share (an implementation detail, not
+// installed): the stored form of texts, access-list evaluation, and the
+// reader's and writer's parts of readObject and writeObject.
 //
 // Paths, names, signatures and property texts are stored as UTF-8; a
 // character that is not a Unicode scalar value is stored as U+FFFD, and
@@ -13,10 +14,17 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "qz/platform/accounttoken.h"
 #include "qz/webcatalog/iteminfo.h"
 #include "qz/webcatalog/path.h"
 #include "qz/webcatalog/returncode.h"
+
+namespace kiv::catalog {
+class Reader;
+class Writer;
+}  // namespace kiv::catalog
 
 namespace kiv::catalog::store {
 
@@ -54,5 +62,33 @@ ReturnCode checkWritePath(const Path& path) noexcept;
 
 // Microseconds since the Unix epoch by this machine's clock.
 std::int64_t nowMicros() noexcept;
+
+// A user's groups as stored: joined by "\n".
+std::string joinGroups(const std::vector<String>& groups);
+std::vector<String> splitGroups(std::string_view stored);
+
+// One entry of an access list, as the back-ends keep the lists in memory.
+struct AclEntry {
+    String principal;
+    bool isGroup;
+    bool everyone;  // the group of every user
+    int rights;     // a Rights value
+};
+AclEntry makeAclEntry(std::string_view principalUtf8, bool isGroup, int rights);
+// The rights `user` has by an item's access list: the union of the entries
+// naming the user or one of the user's groups.
+int rightsFrom(const std::vector<AclEntry>& list, const AccountToken& user) noexcept;
+bool mayRead(int rights) noexcept;
+bool mayWrite(int rights) noexcept;
+
+// The reader's part of readObject, once the body is fetched and no
+// connection is held: the upgrade mode, preInspectRead, the signature and
+// privilege checks, read. Exceptions of read() pass through.
+ReturnCode handToReader(Reader& reader, const AccountToken& user, const ItemInfo& info, std::string_view body,
+                        int upgradeMode);
+// The writer's part of writeObject: its privilege check, then its output
+// into `body`. kSuccess, kErrorPrivilegeValidationFailed, or
+// kErrorCatalogObjectException when the writer throws.
+ReturnCode runWriter(const Writer& writer, const AccountToken& user, std::string& body);
 
 }  // namespace kiv::catalog::store
