@@ -23,8 +23,8 @@ export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 # The several-writers test runs five runs of 600 adds per case; the sanitizer
-# build, whose tool processes start several times slower, runs one of 150.
+# build, whose tool processes start several times slower, runs one of 60.
 if [ "$preset" = "asan" ]; then
-  export KIV_WRITER_RUNS="${KIV_WRITER_RUNS:-1}" KIV_WRITER_ADDS="${KIV_WRITER_ADDS:-150}"
+  export KIV_WRITER_RUNS="${KIV_WRITER_RUNS:-1}" KIV_WRITER_ADDS="${KIV_WRITER_ADDS:-60}"
 fi
 ctest --preset "$preset" --timeout 600
