@@ -10,17 +10,17 @@
 
 namespace kiv::host {
 
-// Whether `spec` names a PostgreSQL catalog rather than a file.
-bool isPostgresStore(const std::string& spec) noexcept;
+// Whether `location` names a PostgreSQL catalog rather than a file.
+bool isPostgresStore(const std::string& location) noexcept;
 
 // Opens the store. `create`: a missing store is created (a new file, or the
 // catalog's tables in the database); otherwise CatalogException
 // kErrorCatalogNotFound. A store that is not a catalog of this system raises
 // kErrorLoadingCatalog and stays untouched. `maxConnections` bounds a
 // PostgreSQL catalog's connection pool.
-std::unique_ptr<catalog::ManagedCatalog> openStore(const std::string& spec, bool create, int maxConnections = 16);
+std::unique_ptr<catalog::ManagedCatalog> openStore(const std::string& location, bool create, int maxConnections = 16);
 
-// `spec` without the password a connection URI may carry, for messages.
-std::string storeDisplayName(const std::string& spec);
+// `location` without the password a connection URI may carry, for messages.
+std::string storeDisplayName(const std::string& location);
 
 }  // namespace kiv::host

@@ -208,7 +208,9 @@ class ToolProcessesOnSqlite(SeveralWritersTestCase):
         self.assertEqual(len(survivor.succeeded), len(paths) - half)
 
 
-class ToolProcessesOnPostgres(SeveralWritersTestCase):
+class OnPostgres(SeveralWritersTestCase):
+    """A demo catalog in a fresh database of the test server, with the objects to add."""
+
     @classmethod
     def setUpClass(cls):
         cls.pg = TestPostgres()
@@ -219,6 +221,8 @@ class ToolProcessesOnPostgres(SeveralWritersTestCase):
     def tearDownClass(cls):
         cls.catalog.cleanup()
 
+
+class ToolProcessesOnPostgres(OnPostgres):
     def test_two_processes_adding_distinct_objects_lose_no_add(self):
         # Each tool process opens its connections anew: one run keeps it short.
         user = "pg_tool"
@@ -230,17 +234,7 @@ class ToolProcessesOnPostgres(SeveralWritersTestCase):
         self.assertEqual(len(self.check_run(self.catalog, user, adders, "postgres, 2 tool processes")), len(paths))
 
 
-class TwoServersOnPostgres(SeveralWritersTestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.pg = TestPostgres()
-        cls.catalog = Catalog(store=cls.pg.new_database())
-        put_objects(cls.catalog, object_paths(ADDS))
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.catalog.cleanup()
-
+class TwoServersOnPostgres(OnPostgres):
     def setUp(self):
         self.servers = []
 

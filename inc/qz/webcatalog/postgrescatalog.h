@@ -57,9 +57,9 @@ public:
     PostgresCatalog(const PostgresCatalog&) = delete;
     PostgresCatalog& operator=(const PostgresCatalog&) = delete;
 
-    // Whether `spec` names a PostgreSQL catalog rather than a file: it
+    // Whether `location` names a PostgreSQL catalog rather than a file: it
     // starts with "postgresql://" or "postgres://".
-    static bool isConnectionString(const std::string& spec) noexcept;
+    static bool isConnectionString(const std::string& location) noexcept;
 
     // Catalog
     ReturnCode deleteObject(const AccountToken& user, const Path& path) override;

@@ -43,8 +43,8 @@ PostgresCatalog::PostgresCatalog(const std::string& conninfo, const Options& opt
 
 PostgresCatalog::~PostgresCatalog() = default;
 
-bool PostgresCatalog::isConnectionString(const std::string& spec) noexcept {
-    return spec.rfind("postgresql://", 0) == 0 || spec.rfind("postgres://", 0) == 0;
+bool PostgresCatalog::isConnectionString(const std::string& location) noexcept {
+    return location.rfind("postgresql://", 0) == 0 || location.rfind("postgres://", 0) == 0;
 }
 
 const std::string& PostgresCatalog::schema() const noexcept { return m_impl->options.schema; }

@@ -37,6 +37,7 @@
 #include <mutex>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "../storecommon.h"
 #include "qz/webcatalog/postgrescatalog.h"
@@ -165,9 +166,14 @@ struct Row {
 
 // The columns of an item row; with the access-list generation of the same
 // snapshot, and the body when asked for.
-inline constexpr const char* kItemColumns =
-    "kind::int4, signature, props, link_target, mtime::int8, "
-    "(SELECT value FROM meta WHERE key = 'acl_gen')::int8";
+#define KIV_PG_ITEM_COLUMNS                                     \
+    "kind::int4, signature, props, link_target, mtime::int8, " \
+    "(SELECT value FROM meta WHERE key = 'acl_gen')::int8"
+inline constexpr const char* kLookupSql = "SELECT " KIV_PG_ITEM_COLUMNS " FROM items WHERE path = $1";
+inline constexpr const char* kLookupBodySql = "SELECT " KIV_PG_ITEM_COLUMNS ", body FROM items WHERE path = $1";
+inline constexpr const char* kPrefetchSql =
+    "SELECT path, " KIV_PG_ITEM_COLUMNS " FROM items WHERE path = ANY($1::text[])";
+#undef KIV_PG_ITEM_COLUMNS
 
 inline void readRow(const Result& r, int i, int first, Row& row) {
     row.kind = r.int4(i, first);
@@ -178,13 +184,18 @@ inline void readRow(const Result& r, int i, int first, Row& row) {
     row.aclGen = r.isNull(i, first + 5) ? -1 : r.int8(i, first + 5);
 }
 
+struct StringViewHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>()(s); }
+};
+
 struct Conn {
     PGconn* pg = nullptr;
-    std::unordered_map<std::string, bool> prepared;  // statement names prepared on this connection
+    std::unordered_set<std::string> prepared;  // statement names prepared on this connection
 
     // The access lists as of aclGen.
     std::int64_t aclGen = -1;
-    std::unordered_map<std::string, std::vector<AclEntry>> acl;
+    std::unordered_map<std::string, std::vector<AclEntry>, StringViewHash, std::equal_to<>> acl;
 
     // While a read batch holds the connection: its rows by path (nullopt:
     // no item there), all of one snapshot.
@@ -210,13 +221,15 @@ struct Conn {
         throw e;
     }
 
-    // Runs a command without parameters or rows.
-    void command(const char* sql) {
-        PGresult* r = PQexec(pg, sql);
+    // The result of a statement; raises PgError for a failed one.
+    Result checked(PGresult* r) {
         const ExecStatusType st = PQresultStatus(r);
         if (st != PGRES_COMMAND_OK && st != PGRES_TUPLES_OK) fail(r);
-        PQclear(r);
+        return Result(r);
     }
+
+    // Runs a command without parameters or rows.
+    void command(const char* sql) { checked(PQexec(pg, sql)); }
 
     // Runs `sql` prepared once per connection under `name`.
     Result run(const char* name, const char* sql, const Params& params = Params()) {
@@ -224,15 +237,12 @@ struct Conn {
             PGresult* r = PQprepare(pg, name, sql, params.size(), nullptr);
             if (PQresultStatus(r) != PGRES_COMMAND_OK) fail(r);
             PQclear(r);
-            prepared.emplace(name, true);
+            prepared.emplace(name);
         }
         std::vector<const char*> values;
         std::vector<int> lengths, formats;
         params.fill(values, lengths, formats);
-        PGresult* r = PQexecPrepared(pg, name, params.size(), values.data(), lengths.data(), formats.data(), 1);
-        const ExecStatusType st = PQresultStatus(r);
-        if (st != PGRES_COMMAND_OK && st != PGRES_TUPLES_OK) fail(r);
-        return Result(r);
+        return checked(PQexecPrepared(pg, name, params.size(), values.data(), lengths.data(), formats.data(), 1));
     }
 
     // Runs `sql` once, unprepared.
@@ -240,11 +250,8 @@ struct Conn {
         std::vector<const char*> values;
         std::vector<int> lengths, formats;
         params.fill(values, lengths, formats);
-        PGresult* r = PQexecParams(pg, sql.c_str(), params.size(), nullptr, values.data(), lengths.data(),
-                                   formats.data(), 1);
-        const ExecStatusType st = PQresultStatus(r);
-        if (st != PGRES_COMMAND_OK && st != PGRES_TUPLES_OK) fail(r);
-        return Result(r);
+        return checked(PQexecParams(pg, sql.c_str(), params.size(), nullptr, values.data(), lengths.data(),
+                                    formats.data(), 1));
     }
 };
 
@@ -541,7 +548,7 @@ struct PostgresCatalog::Impl {
     static int rightsOf(Conn& c, const AccountToken& user, std::string_view path) {
         if (isAdministrator(user)) return static_cast<int>(Rights::kWrite);
         for (std::string_view p = path; !p.empty(); p = parentOf(p)) {
-            const auto it = c.acl.find(std::string(p));
+            const auto it = c.acl.find(p);
             if (it == c.acl.end()) continue;
             return store::rightsFrom(it->second, user);
         }
@@ -558,9 +565,9 @@ struct PostgresCatalog::Impl {
             if (it != c.batchRows.end()) return it->second;
         }
         Result r = withBody ? c.run("lookup_body",
-                                    (std::string("SELECT ") + kItemColumns + ", body FROM items WHERE path = $1").c_str(),
+                                    kLookupBodySql,
                                     Params().text(path))
-                            : c.run("lookup", (std::string("SELECT ") + kItemColumns + " FROM items WHERE path = $1").c_str(),
+                            : c.run("lookup", kLookupSql,
                                     Params().text(path));
         std::optional<Row> row;
         if (r.rows() != 0) {
@@ -585,7 +592,7 @@ struct PostgresCatalog::Impl {
                         paths.end());
             if (paths.empty()) break;
             Result r = c.run("prefetch",
-                             (std::string("SELECT path, ") + kItemColumns + " FROM items WHERE path = ANY($1::text[])").c_str(),
+                             kPrefetchSql,
                              Params().text(textArray(paths)));
             for (const std::string& p : paths) c.batchRows[p] = std::nullopt;
             std::vector<std::string> targets;
