@@ -99,7 +99,27 @@ std::unique_ptr<TestStore> makeStore(const std::string& backend) {
 
 std::string integrityOf(ManagedCatalog& catalog) {
     if (auto* sqlite = dynamic_cast<SqliteCatalog*>(&catalog)) return sqlite->integrityCheck();
-    return "ok";
+    auto* pg = dynamic_cast<PostgresCatalog*>(&catalog);
+    if (!pg) return "no integrity check for this catalog";
+    // The database checks its own pages; what the catalog must keep is its
+    // tree: the root, and a parent folder for every other item.
+    PGconn* c = PQconnectdb(testPostgresConninfo().c_str());
+    const std::string sql = "SELECT (SELECT count(*) FROM " + pg->schema() + ".items WHERE path = '/' AND kind = 1), "
+                            "(SELECT count(*) FROM " + pg->schema() + ".items i WHERE i.path <> '/' AND NOT EXISTS "
+                            "(SELECT 1 FROM " + pg->schema() + ".items p WHERE p.path = i.parent AND p.kind = 1))";
+    PGresult* r = PQexec(c, sql.c_str());
+    std::string answer;
+    if (PQresultStatus(r) != PGRES_TUPLES_OK)
+        answer = PQresultErrorMessage(r);
+    else if (std::string(PQgetvalue(r, 0, 0)) != "1")
+        answer = "the root folder is missing";
+    else if (std::string(PQgetvalue(r, 0, 1)) != "0")
+        answer = std::string(PQgetvalue(r, 0, 1)) + " items without a parent folder";
+    else
+        answer = "ok";
+    PQclear(r);
+    PQfinish(c);
+    return answer;
 }
 
 std::vector<std::string> allBackends() { return {"sqlite-memory", "sqlite-file", "postgres"}; }

@@ -31,8 +31,9 @@ std::vector<std::string> sharedBackends();
 // A test-name suffix for a back-end ("sqlite-file" -> "SqliteFile").
 std::string testName(const std::string& backend);
 
-// The store's own soundness check: SQLite's integrity check for a SQLite
-// catalog ("ok" when sound), "ok" for a database server that checks itself.
+// The store's own soundness check, "ok" when sound: SQLite's integrity
+// check for a SQLite catalog; for a PostgreSQL catalog, that the root folder
+// is there and every other item has a parent folder.
 std::string integrityOf(ManagedCatalog& catalog);
 
 // The test server's connection string; raises std::runtime_error naming how
