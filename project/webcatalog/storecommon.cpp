@@ -159,4 +159,27 @@ ReturnCode runWriter(const Writer& writer, const AccountToken& user, std::string
     return kSuccess;
 }
 
+void HistorySetting::set(ManagedCatalog::HistoryPolicy policy) {
+    auto shared = policy.versions != 0 && policy.keeps
+                      ? std::make_shared<const ManagedCatalog::HistoryPolicy>(std::move(policy))
+                      : nullptr;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_policy = std::move(shared);
+}
+
+bool HistorySetting::active() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_policy != nullptr;
+}
+
+unsigned HistorySetting::versionsFor(std::string_view path, std::string_view signature) const {
+    std::shared_ptr<const ManagedCatalog::HistoryPolicy> policy;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        policy = m_policy;
+    }
+    if (!policy) return 0;
+    return policy->keeps(Path(fromUtf8(path), kUnchecked), fromUtf8(signature)) ? policy->versions : 0;
+}
+
 }  // namespace kiv::catalog::store

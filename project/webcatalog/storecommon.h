@@ -12,12 +12,15 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "qz/platform/accounttoken.h"
 #include "qz/webcatalog/iteminfo.h"
+#include "qz/webcatalog/managedcatalog.h"
 #include "qz/webcatalog/path.h"
 #include "qz/webcatalog/returncode.h"
 
@@ -80,6 +83,33 @@ AclEntry makeAclEntry(std::string_view principalUtf8, bool isGroup, int rights);
 int rightsFrom(const std::vector<AclEntry>& list, const AccountToken& user) noexcept;
 bool mayRead(int rights) noexcept;
 bool mayWrite(int rights) noexcept;
+
+// The code for an item at `path` (UTF-8) that the user may not read:
+// kErrorAccessDenied when the user may read its parent folder, whose
+// listing shows the item anyway, and kErrorPathNotFound otherwise, so that
+// nobody learns what a folder they cannot read holds. `rightsOf` gives the
+// user's rights on a path.
+template <class RightsOf>
+ReturnCode unreadableItemCode(std::string_view path, RightsOf&& rightsOf) {
+    const std::string_view parent = parentOf(path);
+    return parent.empty() || mayRead(rightsOf(parent)) ? kErrorAccessDenied : kErrorPathNotFound;
+}
+
+// A store's history rule (ManagedCatalog::setHistoryPolicy), read by every
+// write while it may be set again.
+class HistorySetting {
+public:
+    void set(ManagedCatalog::HistoryPolicy policy);
+    // How many versions of the object at `path` with `signature` (UTF-8
+    // texts) to keep; 0 when the rule keeps none.
+    unsigned versionsFor(std::string_view path, std::string_view signature) const;
+    // Whether any rule is set (when not, a write need not look).
+    bool active() const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::shared_ptr<const ManagedCatalog::HistoryPolicy> m_policy;
+};
 
 // The reader's part of readObject, once the body is fetched and no
 // connection is held: the upgrade mode, preInspectRead, the signature and

@@ -9,6 +9,8 @@
 // Thread safety: implementations are safe for concurrent use from many threads.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -50,6 +52,38 @@ public:
         std::map<String, String> properties;
         std::string body;
     };
+
+    // Which objects keep their earlier versions, and how many. A version is
+    // kept when an object the rule names is replaced or removed (by
+    // writeObject, deleteObject, putObject, putObjects or remove), in the
+    // same transaction; the oldest beyond `versions` are pruned. The rule
+    // is asked with the object's path and stored signature.
+    struct HistoryPolicy {
+        unsigned versions = 0;  // versions kept per object; 0 keeps none
+        std::function<bool(const Path& path, const String& signature)> keeps;
+    };
+
+    // One kept version of an object (see versions()).
+    struct Version {
+        std::int64_t number = 0;  // increases with every version kept of the path
+        Time modified = 0;        // the version's own modified time
+        Time replaced = 0;        // when a write or removal replaced it
+        String signature;
+        std::uint64_t size = 0;   // bytes of its body
+    };
+
+    // Sets the history rule for every later write through this object. The
+    // versions already kept stay whatever the rule. Every host on a store
+    // sets the same rule; call it before the catalog is shared by threads.
+    virtual void setHistoryPolicy(HistoryPolicy policy) = 0;
+    // The kept versions of the object at `path`, newest first; empty when
+    // none are kept. The path need not hold an object any more. The user
+    // must be allowed to read the path (kErrorAccessDenied otherwise).
+    virtual std::vector<Version> versions(const AccountToken& user, const Path& path) = 0;
+    // One kept version and its body (kErrorPathNotFound for a number that
+    // is not kept); the same access rule as versions().
+    virtual Version readVersion(const AccountToken& user, const Path& path, std::int64_t number,
+                                std::string& body) = 0;
 
     // Makes the folder and any missing ancestor; an existing folder is kept.
     virtual void makeFolder(const Path& path) = 0;

@@ -4,7 +4,8 @@
 // What it stores and the rules it keeps are those of SqliteCatalog (see
 // sqlitecatalog.h): folders, objects and links by path, access lists
 // inherited from the nearest ancestor that has one, users with their groups
-// and password hashes, and the same return codes for the same cases. Every
+// and password hashes, the history of the objects the history rule names,
+// and the same return codes for the same cases. Every
 // write is one transaction, and every write of the store takes a modified
 // time strictly greater than every time the store handed out before, by any
 // server: the time is taken from the database's clock and the store's last
@@ -38,7 +39,7 @@ namespace kiv::catalog {
 class PostgresCatalog : public ManagedCatalog {
 public:
     // The schema version kept in the catalog's meta table.
-    static constexpr int kSchemaVersion = 1;
+    static constexpr int kSchemaVersion = 2;
 
     struct Options {
         bool create = true;                // make the schema and tables when missing
@@ -94,6 +95,9 @@ public:
     // A session-level advisory lock of the database, keyed by the schema
     // and the path; the database releases it when the session ends.
     std::unique_ptr<WriteLock> lockForWriting(const Path& path) override;
+    void setHistoryPolicy(HistoryPolicy policy) override;
+    std::vector<Version> versions(const AccountToken& user, const Path& path) override;
+    Version readVersion(const AccountToken& user, const Path& path, std::int64_t number, std::string& body) override;
 
     // The schema holding the catalog.
     const std::string& schema() const noexcept;

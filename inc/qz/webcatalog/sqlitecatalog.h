@@ -21,7 +21,10 @@
 //
 // The four catalog operations:
 //   getItemInfo  kSuccess; kErrorPathInvalid (blank or malformed path);
-//                kErrorPathNotFound; kErrorAccessDenied (item not readable);
+//                kErrorPathNotFound; kErrorAccessDenied (item not readable,
+//                in a folder the user may read; in a folder the user may
+//                not read, kErrorPathNotFound, so that nobody learns what
+//                such a folder holds);
 //                for a link (unless bOriginalOnly): kErrorLinkTargetPathNotFound,
 //                kErrorCircularLink, kErrorLinkTargetAccessDenied; kErrorIO,
 //                kErrorLocked on a store failure.
@@ -35,6 +38,9 @@
 //                component), kErrorRootSacred; kErrorPathNotFound (no parent
 //                folder), kErrorFolderExpected (the parent is not a folder),
 //                kErrorObjectExpected (a folder or link is at the path),
+//                kErrorObjectTypeMismatch (the object at the path has
+//                another signature than the writer's: an object is replaced
+//                only by one of its own kind),
 //                kErrorAccessDenied (no write right on the existing object, or
 //                on the parent folder for a new one), kErrorItemAlreadyExists
 //                (the replace helper refused), kErrorPrivilegeValidationFailed,
@@ -51,6 +57,10 @@
 // file, and leaves the file untouched. A missing file is created unless
 // Options::create is false (then kErrorCatalogNotFound); so is an empty file
 // (then kErrorLoadingCatalog, and the file stays empty).
+//
+// History: objects that the history rule (setHistoryPolicy) names keep
+// their earlier versions, stored with the write or removal that replaced
+// them, in the same transaction.
 //
 // The administration API below acts without access checks and raises
 // CatalogException on failure.
@@ -74,7 +84,7 @@ class SqliteCatalog : public ManagedCatalog {
 public:
     // The schema version kept in the file's user_version. Version 1 (users
     // without password hashes) is upgraded in place when a file is opened.
-    static constexpr int kSchemaVersion = 2;
+    static constexpr int kSchemaVersion = 3;
 
     struct Options {
         bool create = true;           // create a missing file
@@ -132,6 +142,9 @@ public:
     // it), chosen by a hash of the path; within the in-memory catalog, a
     // lock table of this object.
     std::unique_ptr<WriteLock> lockForWriting(const Path& path) override;
+    void setHistoryPolicy(HistoryPolicy policy) override;
+    std::vector<Version> versions(const AccountToken& user, const Path& path) override;
+    Version readVersion(const AccountToken& user, const Path& path, std::int64_t number, std::string& body) override;
     // SQLite's integrity check: "ok" when the store is sound.
     std::string integrityCheck();
     // The file name, or ":memory:".

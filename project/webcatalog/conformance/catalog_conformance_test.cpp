@@ -138,6 +138,29 @@ TEST_P(CatalogContract, GetItemInfoOnAnUnreadableItemIsAccessDenied) {
     EXPECT_EQ(info(bob, L"/shared/report", i), kSuccess);
 }
 
+TEST_P(CatalogContract, AnItemInAFolderTheUserMayNotReadIsNotFoundWhetherItExistsOrNot) {
+    catalog->makeFolder(Path(L"/shared/hidden"));
+    catalog->setAccess(Path(L"/shared/hidden"), L"finance", true, Rights::kRead);
+    catalog->putObject(Path(L"/shared/hidden/plan"), L"test1", {}, "plan");
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/hidden/plan", i), kErrorPathNotFound);
+    EXPECT_EQ(info(alice, L"/shared/hidden/missing", i), kErrorPathNotFound);
+    RecordingReader r;
+    EXPECT_EQ(read(alice, L"/shared/hidden/plan", r), kErrorPathNotFound);
+    // The folder itself is listed in /shared, which alice may read.
+    EXPECT_EQ(info(alice, L"/shared/hidden", i), kErrorAccessDenied);
+    EXPECT_EQ(info(bob, L"/shared/hidden/plan", i), kSuccess);
+}
+
+TEST_P(CatalogContract, AReadableItemInAFolderTheUserMayNotReadIsFound) {
+    catalog->makeFolder(Path(L"/shared/hidden"));
+    catalog->setAccess(Path(L"/shared/hidden"), L"finance", true, Rights::kRead);
+    catalog->putObject(Path(L"/shared/hidden/memo"), L"test1", {}, "memo");
+    catalog->setAccess(Path(L"/shared/hidden/memo"), L"alice", false, Rights::kRead);
+    ItemInfo i;
+    EXPECT_EQ(info(alice, L"/shared/hidden/memo", i), kSuccess);
+}
+
 TEST_P(CatalogContract, GetItemInfoFollowsALinkForTheResolvedView) {
     catalog->makeLink(Path(L"/shared/link"), Path(L"/shared/report"));
     ItemInfo i;
@@ -317,6 +340,16 @@ TEST_P(CatalogContract, WriteObjectReplacesAnObjectAndKeepsItsProperties) {
     EXPECT_EQ(i.getItemProperty(L"owner", L"", kInfoResolved), L"alice");
 }
 
+TEST_P(CatalogContract, WriteObjectOverAnObjectOfAnotherSignatureIsObjectTypeMismatch) {
+    RecordingWriter w("favorites", L"favorites1");
+    EXPECT_EQ(write(alice, L"/shared/report", w), kErrorObjectTypeMismatch);
+    EXPECT_EQ(w.writeCalls, 0);
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/report")), "report body");
+    ItemInfo i;
+    ASSERT_EQ(info(alice, L"/shared/report", i), kSuccess);
+    EXPECT_EQ(i.getObjectSignature(kInfoOriginal), L"test1");
+}
+
 TEST_P(CatalogContract, WriteObjectWithoutParentFolderIsPathNotFound) {
     RecordingWriter w("x");
     EXPECT_EQ(write(alice, L"/shared/nofolder/x", w), kErrorPathNotFound);
@@ -487,7 +520,8 @@ TEST_P(CatalogContract, TheNearestAccessListReplacesTheOnesAbove) {
     // bob had write on /shared through "everyone", but /shared/team names alice only.
     EXPECT_EQ(catalog->effectiveRights(bob, Path(L"/shared/team/x")), Rights::kNone);
     ItemInfo i;
-    EXPECT_EQ(info(bob, L"/shared/team/x", i), kErrorAccessDenied);
+    EXPECT_EQ(info(bob, L"/shared/team", i), kErrorAccessDenied);
+    EXPECT_EQ(info(bob, L"/shared/team/x", i), kErrorPathNotFound);  // in a folder bob may not read
     EXPECT_EQ(info(alice, L"/shared/team/x", i), kSuccess);
 }
 
@@ -528,7 +562,8 @@ TEST_P(CatalogContract, AGroupEntryGrantsToItsMembers) {
     EXPECT_EQ(write(bob, L"/finance/plan", w), kSuccess);
     EXPECT_EQ(write(alice, L"/finance/plan", w), kErrorAccessDenied);
     ItemInfo i;
-    EXPECT_EQ(info(alice, L"/finance/plan", i), kErrorAccessDenied);
+    EXPECT_EQ(info(alice, L"/finance", i), kErrorAccessDenied);
+    EXPECT_EQ(info(alice, L"/finance/plan", i), kErrorPathNotFound);  // in a folder alice may not read
 }
 
 TEST_P(CatalogContract, TheGreatestMatchingEntryWins) {
@@ -672,6 +707,8 @@ TEST_P(CatalogContract, ListReadableOfAFolderTheUserMayNotReadIsAccessDenied) {
     EXPECT_EQ(code(bob, L"/shared/hidden"), kSuccess);
     EXPECT_EQ(code(alice, L"/shared/missing"), kErrorPathNotFound);
     EXPECT_EQ(code(alice, L"/shared/report"), kErrorFolderExpected);
+    catalog->makeFolder(Path(L"/shared/hidden/inner"));
+    EXPECT_EQ(code(alice, L"/shared/hidden/inner"), kErrorPathNotFound);
 }
 
 TEST_P(CatalogContract, OnlyTheAdministratorsGroupMakesAnAdministrator) {
@@ -819,6 +856,180 @@ TEST_P(CatalogContract, GetItemInfoFindsItemsWhoseNamesHoldSpacesEscapesAndChara
 }
 
 
+// --- history ------------------------------------------------------------------
+
+class CatalogHistory : public CatalogContract {
+protected:
+    void keepVersionsOf(const wchar_t* signature, unsigned versions) {
+        const String kept(signature);
+        catalog->setHistoryPolicy({versions, [kept](const Path&, const String& s) { return s == kept; }});
+    }
+    std::string versionBody(const wchar_t* path, std::int64_t number) {
+        std::string body;
+        catalog->readVersion(alice, Path(path), number, body);
+        return body;
+    }
+    std::vector<std::int64_t> numbers(const wchar_t* path) {
+        std::vector<std::int64_t> out;
+        for (const auto& v : catalog->versions(alice, Path(path))) out.push_back(v.number);
+        return out;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Backends, CatalogHistory, ::testing::ValuesIn(allBackends()),
+                         [](const ::testing::TestParamInfo<std::string>& i) { return testing::testName(i.param); });
+
+TEST_P(CatalogHistory, EachWriteOfAnObjectTheRuleNamesKeepsTheVersionItReplaces) {
+    keepVersionsOf(L"fav1", 20);
+    for (const char* body : {"one", "two", "three"}) {
+        RecordingWriter w(body, L"fav1");
+        ASSERT_EQ(write(alice, L"/shared/favorites", w), kSuccess);
+    }
+    const auto versions = catalog->versions(alice, Path(L"/shared/favorites"));
+    ASSERT_EQ(versions.size(), 2u);
+    EXPECT_EQ(versions[0].number, 2);
+    EXPECT_EQ(versions[1].number, 1);
+    EXPECT_EQ(versions[0].size, 3u);
+    EXPECT_EQ(versions[0].signature, L"fav1");
+    EXPECT_EQ(versionBody(L"/shared/favorites", 2), "two");
+    EXPECT_EQ(versionBody(L"/shared/favorites", 1), "one");
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/favorites")), "three");
+}
+
+TEST_P(CatalogHistory, AVersionCarriesItsOwnModifiedTimeAndTheTimeItWasReplaced) {
+    keepVersionsOf(L"fav1", 20);
+    RecordingWriter first("one", L"fav1"), second("two", L"fav1");
+    ASSERT_EQ(write(alice, L"/shared/favorites", first), kSuccess);
+    ASSERT_EQ(write(alice, L"/shared/favorites", second), kSuccess);
+    const auto versions = catalog->versions(alice, Path(L"/shared/favorites"));
+    ASSERT_EQ(versions.size(), 1u);
+    EXPECT_EQ(versions[0].modified, first.written.getLastModifiedTime(kInfoOriginal));
+    EXPECT_EQ(versions[0].replaced, second.written.getLastModifiedTime(kInfoOriginal));
+}
+
+TEST_P(CatalogHistory, VersionsBeyondTheRulesCountArePrunedOldestFirst) {
+    keepVersionsOf(L"fav1", 3);
+    for (int n = 1; n <= 6; ++n) {
+        RecordingWriter w("v" + std::to_string(n), L"fav1");
+        ASSERT_EQ(write(alice, L"/shared/favorites", w), kSuccess);
+    }
+    EXPECT_EQ(numbers(L"/shared/favorites"), (std::vector<std::int64_t>{5, 4, 3}));
+    EXPECT_EQ(versionBody(L"/shared/favorites", 3), "v3");
+    std::string body;
+    EXPECT_THROW(catalog->readVersion(alice, Path(L"/shared/favorites"), 2, body), CatalogException);
+}
+
+TEST_P(CatalogHistory, ObjectsTheRuleDoesNotNameKeepNoVersions) {
+    keepVersionsOf(L"fav1", 20);
+    RecordingWriter w("new report");
+    ASSERT_EQ(write(alice, L"/shared/report", w), kSuccess);
+    EXPECT_TRUE(catalog->versions(alice, Path(L"/shared/report")).empty());
+}
+
+TEST_P(CatalogHistory, WithoutARuleNoVersionsAreKept) {
+    RecordingWriter first("one", L"fav1"), second("two", L"fav1");
+    ASSERT_EQ(write(alice, L"/shared/favorites", first), kSuccess);
+    ASSERT_EQ(write(alice, L"/shared/favorites", second), kSuccess);
+    EXPECT_TRUE(catalog->versions(alice, Path(L"/shared/favorites")).empty());
+}
+
+TEST_P(CatalogHistory, TheRuleIsAskedWithThePathAndTheStoredSignature) {
+    catalog->setHistoryPolicy({20, [](const Path& path, const String& signature) {
+                                   return path.toString() == L"/shared/favorites" && signature == L"fav1";
+                               }});
+    for (const wchar_t* path : {L"/shared/favorites", L"/shared/other"}) {
+        RecordingWriter first("one", L"fav1"), second("two", L"fav1");
+        ASSERT_EQ(write(alice, path, first), kSuccess);
+        ASSERT_EQ(write(alice, path, second), kSuccess);
+    }
+    EXPECT_EQ(numbers(L"/shared/favorites").size(), 1u);
+    EXPECT_TRUE(numbers(L"/shared/other").empty());
+}
+
+TEST_P(CatalogHistory, DeletingAnObjectKeepsItsLastVersion) {
+    keepVersionsOf(L"fav1", 20);
+    RecordingWriter w("kept", L"fav1");
+    ASSERT_EQ(write(alice, L"/shared/favorites", w), kSuccess);
+    ASSERT_EQ(catalog->deleteObject(alice, Path(L"/shared/favorites")), kSuccess);
+    EXPECT_FALSE(catalog->exists(Path(L"/shared/favorites")));
+    EXPECT_EQ(numbers(L"/shared/favorites"), (std::vector<std::int64_t>{1}));
+    EXPECT_EQ(versionBody(L"/shared/favorites", 1), "kept");
+}
+
+TEST_P(CatalogHistory, RemovingAFolderKeepsTheLastVersionOfEveryObjectTheRuleNamesUnderIt) {
+    keepVersionsOf(L"fav1", 20);
+    catalog->putObject(Path(L"/shared/users/a/favorites"), L"fav1", {}, "a");
+    catalog->putObject(Path(L"/shared/users/b/favorites"), L"fav1", {}, "b");
+    catalog->putObject(Path(L"/shared/users/b/report"), L"test1", {}, "r");
+    catalog->remove(Path(L"/shared/users"));
+    EXPECT_EQ(versionBody(L"/shared/users/a/favorites", 1), "a");
+    EXPECT_EQ(versionBody(L"/shared/users/b/favorites", 1), "b");
+    EXPECT_TRUE(numbers(L"/shared/users/b/report").empty());
+}
+
+TEST_P(CatalogHistory, PutObjectKeepsTheVersionItReplaces) {
+    keepVersionsOf(L"fav1", 20);
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "one");
+    catalog->putObjects({{Path(L"/shared/favorites"), L"fav1", {}, "two"}});
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "three");
+    EXPECT_EQ(numbers(L"/shared/favorites"), (std::vector<std::int64_t>{2, 1}));
+    EXPECT_EQ(versionBody(L"/shared/favorites", 2), "two");
+}
+
+TEST_P(CatalogHistory, VersionNumbersGoOnAfterAnObjectIsDeletedAndWrittenAgain) {
+    keepVersionsOf(L"fav1", 20);
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "one");
+    ASSERT_EQ(catalog->deleteObject(alice, Path(L"/shared/favorites")), kSuccess);
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "two");
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "three");
+    EXPECT_EQ(numbers(L"/shared/favorites"), (std::vector<std::int64_t>{2, 1}));
+    EXPECT_EQ(versionBody(L"/shared/favorites", 2), "two");
+}
+
+TEST_P(CatalogHistory, AFailedWriteKeepsNoVersion) {
+    keepVersionsOf(L"fav1", 20);
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "one");
+    RecordingWriter refused("two", L"fav1");
+    refused.throwOnWrite = true;
+    EXPECT_EQ(write(alice, L"/shared/favorites", refused), kErrorCatalogObjectException);
+    EXPECT_TRUE(numbers(L"/shared/favorites").empty());
+    EXPECT_THROW(catalog->putObjects({{Path(L"/shared/favorites"), L"fav1", {}, "two"},
+                                      {Path(L"/shared/report/under"), L"fav1", {}, "x"}}),
+                 CatalogException);
+    EXPECT_TRUE(numbers(L"/shared/favorites").empty());
+    EXPECT_EQ(catalog->readRaw(Path(L"/shared/favorites")), "one");
+}
+
+TEST_P(CatalogHistory, ReadingVersionsNeedsTheRightToReadThePath) {
+    keepVersionsOf(L"fav1", 20);
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "one");
+    catalog->putObject(Path(L"/shared/favorites"), L"fav1", {}, "two");
+    catalog->setAccess(Path(L"/shared/favorites"), L"alice", false, Rights::kWrite);
+    std::string body;
+    try {
+        catalog->versions(bob, Path(L"/shared/favorites"));
+        FAIL() << "bob may not read alice's versions";
+    } catch (const CatalogException& e) {
+        EXPECT_EQ(e.getCode(), kErrorAccessDenied);
+    }
+    EXPECT_THROW(catalog->readVersion(bob, Path(L"/shared/favorites"), 1, body), CatalogException);
+    EXPECT_EQ(catalog->versions(alice, Path(L"/shared/favorites")).size(), 1u);
+    EXPECT_EQ(catalog->versions(admin, Path(L"/shared/favorites")).size(), 1u);
+}
+
+TEST_P(CatalogHistory, ReadingAVersionThatIsNotKeptIsPathNotFound) {
+    keepVersionsOf(L"fav1", 20);
+    std::string body;
+    for (std::int64_t n : {0, 1, -1, 99}) {
+        try {
+            catalog->readVersion(alice, Path(L"/shared/favorites"), n, body);
+            FAIL() << n;
+        } catch (const CatalogException& e) {
+            EXPECT_EQ(e.getCode(), kErrorPathNotFound) << n;
+        }
+    }
+}
+
 // --- read batches -------------------------------------------------------------
 
 TEST_P(CatalogContract, ReadBatchGivesTheSameAnswersAsSingleReads) {
@@ -943,6 +1154,23 @@ TEST_P(SharedStoreContract, AStoreKeepsItsContentAcrossOpens) {
     EXPECT_EQ(c->tokenFor(L"u").getGroups().size(), 1u);
 }
 
+TEST_P(SharedStoreContract, VersionsKeptThroughOneCatalogObjectAreReadThroughAnotherAndAfterReopening) {
+    const auto rule = [](const Path&, const String& signature) { return signature == L"fav1"; };
+    const AccountToken user(L"u");
+    {
+        std::unique_ptr<ManagedCatalog> first = store->open();
+        std::unique_ptr<ManagedCatalog> second = store->open();
+        first->setHistoryPolicy({20, rule});
+        first->putObject(Path(L"/x"), L"fav1", {}, "one");
+        first->putObject(Path(L"/x"), L"fav1", {}, "two");
+        ASSERT_EQ(second->versions(user, Path(L"/x")).size(), 1u);
+    }
+    std::unique_ptr<ManagedCatalog> c = store->open();
+    std::string body;
+    EXPECT_EQ(c->readVersion(user, Path(L"/x"), 1, body).number, 1);
+    EXPECT_EQ(body, "one");
+}
+
 TEST_P(SharedStoreContract, AccessChangesMadeThroughAnotherCatalogObjectAreSeen) {
     std::unique_ptr<ManagedCatalog> first = store->open();
     std::unique_ptr<ManagedCatalog> second = store->open();
@@ -959,7 +1187,7 @@ TEST_P(SharedStoreContract, AccessChangesMadeThroughAnotherCatalogObjectAreSeen)
 TEST_P(SharedStoreContract, WritesThroughTwoCatalogObjectsHaveIncreasingTimes) {
     std::unique_ptr<ManagedCatalog> first = store->open();
     std::unique_ptr<ManagedCatalog> second = store->open();
-    first->putObject(Path(L"/x"), L"s", {}, "0");
+    first->putObject(Path(L"/x"), L"test1", {}, "0");
     const AccountToken admin(L"root", {L"administrators"});
     RecordingWriter w("body");
     Time previous = 0;

@@ -187,7 +187,10 @@ std::vector<ManagedCatalog::Entry> listEntries(PostgresCatalog::Impl& impl, cons
     if (!row) adminFail(kErrorPathNotFound, folder);
     if (reader) {
         impl.refreshAcl(*c, row->aclGen);
-        if (!mayRead(PostgresCatalog::Impl::rightsOf(*c, *reader, p))) adminFail(kErrorAccessDenied, folder);
+        if (!mayRead(PostgresCatalog::Impl::rightsOf(*c, *reader, p)))
+            adminFail(store::unreadableItemCode(
+                          p, [&](std::string_view q) { return PostgresCatalog::Impl::rightsOf(*c, *reader, q); }),
+                      folder);
     }
     if (row->kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
     Result r = c->run("children",
@@ -252,10 +255,16 @@ void PostgresCatalog::remove(const Path& path) {
         // Everything under a folder: paths from "p/" up to, not including,
         // "p0" ('0' follows '/').
         const Params range = Params().text(p).text(p + "/").text(p + "0");
+        const std::int64_t t = txn.nextTime(0);
+        if (m_impl->history.active()) {
+            Result objects = c->run("remove_objects",
+                                    "SELECT path FROM items WHERE kind = 4 AND (path = $1 OR (path >= $2 AND path < $3))",
+                                    range);
+            for (int i = 0; i < objects.rows(); ++i) m_impl->keepVersion(*c, std::string(objects.bytes(i, 0)), t);
+        }
         c->run("remove_items", "DELETE FROM items WHERE path = $1 OR (path >= $2 AND path < $3)", range);
         c->run("remove_acl", "DELETE FROM acl WHERE path = $1 OR (path >= $2 AND path < $3)", range);
         txn.aclChanged();
-        txn.nextTime(0);
         txn.commit();
     });
 }
@@ -275,6 +284,63 @@ std::unique_ptr<WriteLock> PostgresCatalog::lockForWriting(const Path& path) {
         if (!c || !c->healthy()) c = m_impl->connect();
         c->run("lock", "SELECT pg_advisory_lock(1263097411, hashtext($1))", Params().text(key));
         return std::make_unique<PostgresWriteLock>(*m_impl, std::move(c), key);
+    });
+}
+
+// --- history ---------------------------------------------------------------
+
+void PostgresCatalog::setHistoryPolicy(HistoryPolicy policy) { m_impl->history.set(std::move(policy)); }
+
+namespace {
+
+ManagedCatalog::Version versionAt(const Result& r, int i) {
+    ManagedCatalog::Version v;
+    v.number = r.int8(i, 0);
+    v.modified = r.int8(i, 1);
+    v.replaced = r.int8(i, 2);
+    v.signature = fromUtf8(r.bytes(i, 3));
+    v.size = static_cast<std::uint64_t>(r.int8(i, 4));
+    return v;
+}
+
+void requireReadable(PostgresCatalog::Impl& impl, Conn& c, const AccountToken& user, const Path& path,
+                     const std::string& p) {
+    impl.refreshAcl(c, -1);
+    if (!mayRead(PostgresCatalog::Impl::rightsOf(c, user, p))) adminFail(kErrorAccessDenied, path);
+}
+
+}  // namespace
+
+std::vector<ManagedCatalog::Version> PostgresCatalog::versions(const AccountToken& user, const Path& path) {
+    requireValid(path);
+    return adminCall(path, [&] {
+        const std::string p = toUtf8(path);
+        Impl::Lease c(*m_impl);
+        requireReadable(*m_impl, *c, user, path, p);
+        Result r = c->run("versions",
+                          "SELECT version, mtime, replaced, signature, octet_length(body)::int8 FROM history "
+                          "WHERE path = $1 ORDER BY version DESC",
+                          Params().text(p));
+        std::vector<Version> out;
+        for (int i = 0; i < r.rows(); ++i) out.push_back(versionAt(r, i));
+        return out;
+    });
+}
+
+ManagedCatalog::Version PostgresCatalog::readVersion(const AccountToken& user, const Path& path, std::int64_t number,
+                                                     std::string& body) {
+    requireValid(path);
+    return adminCall(path, [&] {
+        const std::string p = toUtf8(path);
+        Impl::Lease c(*m_impl);
+        requireReadable(*m_impl, *c, user, path, p);
+        Result r = c->run("read_version",
+                          "SELECT version, mtime, replaced, signature, octet_length(body)::int8, body FROM history "
+                          "WHERE path = $1 AND version = $2::int8",
+                          Params().text(p).integer(number));
+        if (r.rows() == 0) adminFail(kErrorPathNotFound, path, L"no such version");
+        body.assign(r.bytes(0, 5));
+        return versionAt(r, 0);
     });
 }
 

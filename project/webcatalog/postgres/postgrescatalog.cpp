@@ -95,6 +95,8 @@ ReturnCode PostgresCatalog::writeObject(const AccountToken& user, const Path& pa
     const std::string p = toUtf8(path);
     const std::string parent(parentOf(p));
     try {
+        // An object is replaced only by one of its own kind.
+        const std::string signature = toUtf8(writer.getSignature());
         // 1. The checks, and the replace question, without a transaction.
         ItemInfo existingInfo;
         bool existing = false;
@@ -103,6 +105,7 @@ ReturnCode PostgresCatalog::writeObject(const AccountToken& user, const Path& pa
             std::optional<Row> row;
             const ReturnCode rc = impl.checkWrite(*c, user, p, parent, row);
             if (rc != kSuccess) return rc;
+            if (row && row->signature != signature) return kErrorObjectTypeMismatch;
             if (row) {
                 existing = true;
                 existingInfo.original().path = path;
@@ -115,7 +118,6 @@ ReturnCode PostgresCatalog::writeObject(const AccountToken& user, const Path& pa
         // 2. The writer's part, with no connection held.
         std::string body;
         if (const ReturnCode rc = store::runWriter(writer, user, body); rc != kSuccess) return rc;
-        const std::string signature = toUtf8(writer.getSignature());
 
         // 3. One transaction: check again, store, commit.
         ItemInfo info;
@@ -125,10 +127,12 @@ ReturnCode PostgresCatalog::writeObject(const AccountToken& user, const Path& pa
             std::optional<Row> row;
             const ReturnCode rc = impl.checkWrite(*c, user, p, parent, row);
             if (rc != kSuccess) return rc;
+            if (row && row->signature != signature) return kErrorObjectTypeMismatch;
             // The existing object's properties stay: the writer supplies the
             // signature and the body only.
             const std::string props = row ? row->props : std::string();
             const std::int64_t t = txn.nextTime(row ? row->mtime : 0);
+            if (row) impl.keepVersion(*c, p, t);
             impl.upsert(*c, p, parent, kKindObject, signature, props, std::nullopt, t, std::string_view(body));
             txn.commit();
             ItemInfo::Entry& e = info.original();
@@ -160,12 +164,12 @@ ReturnCode PostgresCatalog::deleteObject(const AccountToken& user, const Path& p
         impl.refreshAcl(*c, row->aclGen);
         if (row->kind == kKindFolder) return kErrorObjectOrLinkExpected;
         if (!mayWrite(Impl::rightsOf(*c, user, p))) return kErrorAccessDenied;
+        // Keep the clock moving, so a later object at this path gets a time
+        // after the deleted one.
+        impl.keepVersion(*c, p, txn.nextTime(row->mtime));
         c->run("delete_item", "DELETE FROM items WHERE path = $1", Params().text(p));
         Result acl = c->run("delete_acl_of", "DELETE FROM acl WHERE path = $1 RETURNING 1", Params().text(p));
         if (acl.rows() != 0) txn.aclChanged();
-        // Keep the clock moving, so a later object at this path gets a time
-        // after the deleted one.
-        txn.nextTime(row->mtime);
         txn.commit();
         return kSuccess;
     } catch (const PgError& e) {

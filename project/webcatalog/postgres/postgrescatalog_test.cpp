@@ -98,6 +98,24 @@ TEST_F(PostgresCatalogTest, ACatalogOfAnotherSchemaVersionIsRefused) {
     EXPECT_NE(what.find("unsupported catalog schema version 99"), std::string::npos) << what;
 }
 
+TEST_F(PostgresCatalogTest, AVersion1CatalogIsUpgradedInPlaceAndThenKeepsHistory) {
+    {
+        PostgresCatalog c(testPostgresConninfo(), options);
+        c.putObject(Path(L"/x"), L"s", {}, "body");
+    }
+    // Make the schema what version 1 made: no history table.
+    sql("DROP TABLE " + options.schema + ".history; UPDATE " + options.schema +
+        ".meta SET value = 1 WHERE key = 'schema_version'");
+    PostgresCatalog c(testPostgresConninfo(), options);
+    EXPECT_EQ(sql("SELECT value FROM " + options.schema + ".meta WHERE key = 'schema_version'"), "2");
+    c.setHistoryPolicy({5, [](const Path&, const String&) { return true; }});
+    c.putObject(Path(L"/x"), L"s", {}, "second");
+    std::string body;
+    c.readVersion(AccountToken(L"u"), Path(L"/x"), 1, body);
+    EXPECT_EQ(body, "body");
+    EXPECT_EQ(c.readRaw(Path(L"/x")), "second");
+}
+
 TEST_F(PostgresCatalogTest, AnUnreachableServerIsLoadingCatalogNamingTheCause) {
     std::string what;
     EXPECT_EQ(openError("postgresql://nobody@/none?host=/nonexistent-socket-dir", options, &what),

@@ -15,6 +15,9 @@
 //                      kept apart by the database itself)
 //   acl(path, principal, is_group, rights)
 //   users(name, groups, password)
+//   history(path, version, mtime, replaced, signature, body)
+//                      earlier versions of the objects the history rule
+//                      names (ManagedCatalog::setHistoryPolicy)
 //
 // Writes: every write transaction first locks the 'clock' row. That orders
 // the writers of every server, and each statement after the lock sees what
@@ -334,6 +337,7 @@ struct PostgresCatalog::Impl {
     std::vector<std::unique_ptr<Conn>> idle;  // free connections
     int open = 0;                             // taken, idle or being opened
     std::vector<std::unique_ptr<Conn>> idleLockConns;
+    store::HistorySetting history;
 
     static std::uint64_t nextSerial() noexcept {
         static std::atomic<std::uint64_t> counter{0};
@@ -474,6 +478,7 @@ struct PostgresCatalog::Impl {
             if (app != kApplicationId)
                 loadingError(kErrorLoadingCatalog,
                              "schema \"" + options.schema + "\" holds tables that are not a catalog of this system");
+            if (version == 1) version = upgradeFromVersion1(*c);
             if (version != kSchemaVersion)
                 loadingError(kErrorLoadingCatalog, "unsupported catalog schema version " + std::to_string(version) +
                                                        " (expected " + std::to_string(kSchemaVersion) + ")");
@@ -501,7 +506,7 @@ struct PostgresCatalog::Impl {
             c.command("ROLLBACK");
             return;
         }
-        c.command(
+        c.command((
             "CREATE TABLE meta(key text PRIMARY KEY, value bigint NOT NULL);"
             "CREATE TABLE items("
             " path text COLLATE \"C\" PRIMARY KEY,"
@@ -516,11 +521,31 @@ struct PostgresCatalog::Impl {
             "CREATE TABLE acl(path text COLLATE \"C\" NOT NULL, principal text NOT NULL, is_group boolean NOT NULL,"
             " rights integer NOT NULL, PRIMARY KEY(path, principal, is_group));"
             "CREATE TABLE users(name text PRIMARY KEY, groups text NOT NULL, password text);"
-            "INSERT INTO meta(key, value) VALUES ('application', 1263097411), ('schema_version', 1), ('acl_gen', 0),"
+            + std::string(kHistoryTableSql) +
+            "INSERT INTO meta(key, value) VALUES ('application', 1263097411), ('schema_version', 2), ('acl_gen', 0),"
             " ('clock', (extract(epoch from clock_timestamp()) * 1000000)::bigint);"
             "INSERT INTO items(path, parent, kind, mtime) SELECT '/', NULL, 1, value FROM meta WHERE key = 'clock';"
             "INSERT INTO acl(path, principal, is_group, rights) VALUES ('/', 'everyone', true, 1);"
-            "COMMIT");
+            "COMMIT").c_str());
+    }
+
+    static constexpr const char* kHistoryTableSql =
+        "CREATE TABLE history(path text COLLATE \"C\" NOT NULL, version bigint NOT NULL, mtime bigint NOT NULL,"
+        " replaced bigint NOT NULL, signature text NOT NULL, body bytea NOT NULL, PRIMARY KEY(path, version));";
+
+    // Version 1 had no history. Servers starting together: the first to
+    // take the lock upgrades, the others find version 2.
+    std::int64_t upgradeFromVersion1(Conn& c) {
+        c.command("BEGIN");
+        c.once("SELECT pg_advisory_xact_lock(1263097411, hashtext($1))", Params().text(options.schema));
+        Result v = c.once("SELECT value::int8 FROM meta WHERE key = 'schema_version'");
+        if (v.rows() != 0 && v.int8(0, 0) == 1) {
+            c.command(kHistoryTableSql);
+            c.command("UPDATE meta SET value = 2 WHERE key = 'schema_version'");
+        }
+        c.command("COMMIT");
+        Result now = c.once("SELECT value::int8 FROM meta WHERE key = 'schema_version'");
+        return now.rows() != 0 ? now.int8(0, 0) : 0;
     }
 
     // --- access rights ------------------------------------------------------
@@ -627,7 +652,8 @@ struct PostgresCatalog::Impl {
             std::optional<Row> row = lookup(*c, p, body != nullptr);
             if (!row) return kErrorPathNotFound;
             refreshAcl(*c, row->aclGen);
-            if (!mayRead(rightsOf(*c, user, p))) return kErrorAccessDenied;
+            if (!mayRead(rightsOf(*c, user, p)))
+                return store::unreadableItemCode(p, [&](std::string_view q) { return rightsOf(*c, user, q); });
 
             ItemInfo::Entry& o = info.original();
             o.path = path;
@@ -725,6 +751,27 @@ struct PostgresCatalog::Impl {
         return kSuccess;
     }
 
+    // Inside a write transaction, before the object at `p` is replaced or
+    // removed at time `replaced`: copies it into the history when the
+    // history rule names it, and prunes the oldest versions beyond the rule.
+    void keepVersion(Conn& c, const std::string& p, std::int64_t replaced) {
+        if (!history.active()) return;
+        Result r = c.run("version_candidate", "SELECT signature FROM items WHERE path = $1 AND kind = 4",
+                         Params().text(p));
+        if (r.rows() == 0) return;
+        const unsigned keep = history.versionsFor(p, r.bytes(0, 0));
+        if (keep == 0) return;
+        c.run("keep_version",
+              "INSERT INTO history(path, version, mtime, replaced, signature, body) "
+              "SELECT path, COALESCE((SELECT max(version) FROM history WHERE path = $1), 0) + 1, mtime, $2::int8, "
+              "signature, COALESCE(body, ''::bytea) FROM items WHERE path = $1",
+              Params().text(p).integer(replaced));
+        c.run("prune_versions",
+              "DELETE FROM history WHERE path = $1 AND "
+              "version <= (SELECT max(version) FROM history WHERE path = $1) - $2::int8",
+              Params().text(p).integer(keep));
+    }
+
     void upsert(Conn& c, const std::string& p, std::string_view parent, int kind, std::string_view signature,
                 const std::optional<std::string>& props, const std::optional<std::string>& linkTarget,
                 std::int64_t mtime, const std::optional<std::string_view>& body) {
@@ -763,8 +810,9 @@ struct PostgresCatalog::Impl {
         makeFolders(c, txn, path, parent);
         const std::optional<Row> old = lookup(c, p, false);
         if (old && old->kind != kKindObject) throw CatalogException(kErrorObjectExpected, path.toString(), String());
-        upsert(c, p, parent, kKindObject, toUtf8(signature), encodeProperties(properties), std::nullopt,
-               txn.nextTime(old ? old->mtime : 0), body);
+        const std::int64_t t = txn.nextTime(old ? old->mtime : 0);
+        if (old) keepVersion(c, p, t);
+        upsert(c, p, parent, kKindObject, toUtf8(signature), encodeProperties(properties), std::nullopt, t, body);
     }
 };
 

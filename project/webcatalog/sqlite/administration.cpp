@@ -292,7 +292,8 @@ std::vector<SqliteCatalog::Entry> listEntries(SqliteCatalog::Impl& impl, const P
     const int kind = kindAt(*c, p);
     if (kind == 0) adminFail(kErrorPathNotFound, folder);
     if (reader && !mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, p)))
-        adminFail(kErrorAccessDenied, folder);
+        adminFail(store::unreadableItemCode(p, [&](std::string_view q) { return SqliteCatalog::Impl::rightsOf(*c, *reader, q); }),
+                  folder);
     if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
     Query q(*c, "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path");
     q.text(1, p);
@@ -360,12 +361,21 @@ void SqliteCatalog::remove(const Path& path) {
             const std::string lo = p + "/";
             const std::string hi = p + "0";
             const char* const where = "path = ?1 OR (path >= ?2 AND path < ?3)";
+            const std::int64_t t = Impl::nextTime(*c, 0);
+            if (m_impl->history.active()) {
+                std::vector<std::string> objects;
+                {
+                    Query q(*c, "SELECT path FROM items WHERE kind = 4 AND (path = ?1 OR (path >= ?2 AND path < ?3))");
+                    q.text(1, p).text(2, lo).text(3, hi);
+                    while (q.step()) objects.emplace_back(q.textAt(0));
+                }
+                for (const std::string& object : objects) m_impl->keepVersion(*c, object, t);
+            }
             Query(*c, (std::string("DELETE FROM bodies WHERE id IN (SELECT body_id FROM items WHERE ") + where + ")").c_str())
                 .text(1, p).text(2, lo).text(3, hi).run();
             Query(*c, (std::string("DELETE FROM items WHERE ") + where).c_str()).text(1, p).text(2, lo).text(3, hi).run();
             Query(*c, (std::string("DELETE FROM acl WHERE ") + where).c_str()).text(1, p).text(2, lo).text(3, hi).run();
             Query(*c, kStBumpAclGen).run();
-            Impl::nextTime(*c, 0);
             txn.commit();
         }
         m_impl->localAclGen.fetch_add(1, std::memory_order_acq_rel);
@@ -461,5 +471,71 @@ std::string SqliteCatalog::integrityCheck() {
     });
 }
 
+
+// --- history ---------------------------------------------------------------
+
+void SqliteCatalog::setHistoryPolicy(HistoryPolicy policy) { m_impl->history.set(std::move(policy)); }
+
+namespace {
+
+// The versions of `path` that `sql` selects (number, mtime, replaced,
+// signature, size and, with `body`, data; ?1 the path, ?2 `number` when not
+// 0), after checking that `user` may read the path; in one read transaction.
+std::vector<ManagedCatalog::Version> readVersions(SqliteCatalog::Impl& impl, const AccountToken& user, const Path& path,
+                                                  const char* sql, std::int64_t number, std::string* body) {
+    const std::string p = toUtf8(path);
+    const std::uint64_t localGen = impl.localAclGen.load(std::memory_order_acquire);
+    SqliteCatalog::Impl::Lease c(impl);
+    Query(*c, kStBeginRead).run();
+    struct EndRead {
+        Conn& c;
+        ~EndRead() { sqlite3_exec(c.db, "COMMIT", nullptr, nullptr, nullptr); }
+    } endRead{*c};
+    Query q(*c, sql);
+    q.text(1, p);
+    if (number != 0) q.integer(2, number);
+    bool row = q.step();
+    impl.refreshAcl(*c, localGen);
+    if (!mayRead(SqliteCatalog::Impl::rightsOf(*c, user, p))) adminFail(kErrorAccessDenied, path);
+    std::vector<ManagedCatalog::Version> out;
+    for (; row; row = q.step()) {
+        ManagedCatalog::Version v;
+        v.number = q.integerAt(0);
+        v.modified = q.integerAt(1);
+        v.replaced = q.integerAt(2);
+        v.signature = fromUtf8(q.textAt(3));
+        v.size = static_cast<std::uint64_t>(q.integerAt(4));
+        if (body) body->assign(q.blobAt(5));
+        out.push_back(std::move(v));
+    }
+    return out;
+}
+
+}  // namespace
+
+std::vector<ManagedCatalog::Version> SqliteCatalog::versions(const AccountToken& user, const Path& path) {
+    requireValid(path);
+    return adminCall(*m_impl, path, [&] {
+        return readVersions(*m_impl, user, path,
+                            "SELECT version, mtime, replaced, signature, length(data) FROM history WHERE path = ?1 "
+                            "ORDER BY version DESC",
+                            0, nullptr);
+    });
+}
+
+ManagedCatalog::Version SqliteCatalog::readVersion(const AccountToken& user, const Path& path, std::int64_t number,
+                                                   std::string& body) {
+    requireValid(path);
+    return adminCall(*m_impl, path, [&] {
+        std::vector<Version> found =
+            number <= 0 ? std::vector<Version>()
+                        : readVersions(*m_impl, user, path,
+                                       "SELECT version, mtime, replaced, signature, length(data), data FROM history "
+                                       "WHERE path = ?1 AND version = ?2",
+                                       number, &body);
+        if (found.empty()) adminFail(kErrorPathNotFound, path, L"no such version");
+        return std::move(found.front());
+    });
+}
 
 }  // namespace kiv::catalog

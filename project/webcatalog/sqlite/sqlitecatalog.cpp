@@ -105,6 +105,8 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
     if (const ReturnCode rc = store::checkWritePath(path); rc != kSuccess) return rc;
     Impl& impl = *m_impl;
     try {
+        // An object is replaced only by one of its own kind.
+        const std::string signature = toUtf8(writer.getSignature());
         // 1. The checks, and the replace question, without holding a write lock.
         ItemInfo existingInfo;
         bool existing = false;
@@ -118,6 +120,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
             Row row;
             const ReturnCode rc = impl.checkWrite(*c, localGen, user, parent, existing, row, item);
             if (rc != kSuccess) return rc;
+            if (existing && row.signature != signature) return kErrorObjectTypeMismatch;
             if (existing) {
                 existingInfo.original().path = path;
                 Impl::fillEntry(existingInfo.original(), row, true);
@@ -129,7 +132,6 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
         // 2. The writer's part, with no connection held.
         std::string body;
         if (const ReturnCode rc = store::runWriter(writer, user, body); rc != kSuccess) return rc;
-        const std::string signature = toUtf8(writer.getSignature());
 
         // 3. One write transaction: check again, store, commit.
         ItemInfo info;
@@ -145,6 +147,7 @@ ReturnCode SqliteCatalog::writeObject(const AccountToken& user, const Path& path
             bool existsNow = false;
             const ReturnCode rc = impl.checkWrite(*c, localGen, user, parent, existsNow, row, item);
             if (rc != kSuccess) return rc;
+            if (existsNow && row.signature != signature) return kErrorObjectTypeMismatch;
             // Keep the existing object's properties: the writer supplies the
             // signature and the body only.
             const std::string props(existsNow ? row.props : std::string_view());
@@ -189,6 +192,9 @@ ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& pat
         }
         if (row.kind == kKindFolder) return kErrorObjectOrLinkExpected;
         if (!mayWrite(Impl::rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
+        // Keep the catalog clock moving, so a later object at this path gets
+        // a time after the deleted one.
+        impl.keepVersion(*c, c->pathBuf, Impl::nextTime(*c, row.mtime));
         Query(*c, kStDeleteItem).text(1, c->pathBuf).run();
         if (row.hasBody) Query(*c, kStDeleteBody).integer(1, row.bodyId).run();
         const bool hadAcl = c->acl.count(std::string_view(c->pathBuf)) != 0;
@@ -196,9 +202,6 @@ ReturnCode SqliteCatalog::deleteObject(const AccountToken& user, const Path& pat
             Query(*c, kStDeleteAclOf).text(1, c->pathBuf).run();
             Query(*c, kStBumpAclGen).run();
         }
-        // Keep the catalog clock moving, so a later object at this path gets
-        // a time after the deleted one.
-        Impl::nextTime(*c, row.mtime);
         txn.commit();
         if (hadAcl) impl.localAclGen.fetch_add(1, std::memory_order_acq_rel);
         return kSuccess;

@@ -48,7 +48,7 @@ int waitFor(pid_t pid) {
 TEST(SqliteCatalogProcessTest, TwoProcessesWritingOneObjectGetDistinctIncreasingTimes) {
     TempDir dir;
     const std::string file = dir.file("c.db");
-    { SqliteCatalog(file).putObject(Path(L"/shared/favorites"), L"s", {}, "start"); }
+    { SqliteCatalog(file).putObject(Path(L"/shared/favorites"), L"test1", {}, "start"); }
     constexpr int kWrites = 40;
     int pipes[2][2];
     std::vector<pid_t> children;

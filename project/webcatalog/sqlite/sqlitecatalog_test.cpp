@@ -236,8 +236,8 @@ TEST(SqliteCatalogFileTest, AVersion1CatalogIsUpgradedInPlaceKeepingItsContent) 
     // Make the file what version 1 wrote: users without a password column.
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "ALTER TABLE users DROP COLUMN password; PRAGMA user_version = 1;", nullptr, nullptr,
-                           nullptr),
+    ASSERT_EQ(sqlite3_exec(db, "ALTER TABLE users DROP COLUMN password; DROP TABLE history; PRAGMA user_version = 1;",
+                           nullptr, nullptr, nullptr),
               SQLITE_OK);
     sqlite3_close(db);
 
@@ -247,6 +247,27 @@ TEST(SqliteCatalogFileTest, AVersion1CatalogIsUpgradedInPlaceKeepingItsContent) 
     EXPECT_EQ(c.passwordHash(L"u"), "");
     c.setPasswordHash(L"u", "$argon2id$h");
     EXPECT_EQ(c.passwordHash(L"u"), "$argon2id$h");
+}
+
+TEST(SqliteCatalogFileTest, AVersion2CatalogIsUpgradedInPlaceAndThenKeepsHistory) {
+    TempDir dir;
+    const std::string file = dir.file("c.db");
+    {
+        SqliteCatalog c(file);
+        c.putObject(Path(L"/x/y"), L"s", {}, "body");
+    }
+    // Make the file what version 2 wrote: no history table.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "DROP TABLE history; PRAGMA user_version = 2;", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+
+    SqliteCatalog c(file);
+    c.setHistoryPolicy({5, [](const Path&, const String&) { return true; }});
+    c.putObject(Path(L"/x/y"), L"s", {}, "second");
+    std::string body;
+    c.readVersion(AccountToken(L"u"), Path(L"/x/y"), 1, body);
+    EXPECT_EQ(body, "body");
 }
 
 TEST(SqliteCatalogFileTest, AnEmptyFileIsRefusedAndLeftEmptyUnlessCreatingWasAsked) {

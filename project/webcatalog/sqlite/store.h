@@ -16,6 +16,9 @@
 //                             password hash, NULL when none is set
 //   meta(key, value)          'clock': the last modified time handed out;
 //                             'acl_gen': raised by every access-list change
+//   history(path, version, mtime, replaced, signature, data)
+//                             earlier versions of the objects the history
+//                             rule names (ManagedCatalog::setHistoryPolicy)
 // Properties are kept in the item row (UTF-8 "name\0value\0..."), so that
 // getItemInfo with properties stays one row read. The file carries an
 // application id and the schema version (user_version), by which a foreign
@@ -100,6 +103,9 @@ enum StmtId {
     kStDeleteAclOf,
     kStSetProps,
     kStBeginRead,
+    kStVersionCandidate,
+    kStKeepVersion,
+    kStPruneVersions,
     kStCount
 };
 
@@ -126,6 +132,11 @@ inline const char* const kStmtSql[kStCount] = {
     "DELETE FROM acl WHERE path = ?1",
     "UPDATE items SET props = ?2, mtime = ?3 WHERE path = ?1",
     "BEGIN",
+    "SELECT signature FROM items WHERE path = ?1 AND kind = 4",
+    "INSERT INTO history(path, version, mtime, replaced, signature, data) "
+    "SELECT i.path, COALESCE((SELECT max(version) FROM history WHERE path = ?1), 0) + 1, i.mtime, ?2, i.signature, "
+    "COALESCE(b.data, x'') FROM items i LEFT JOIN bodies b ON b.id = i.body_id WHERE i.path = ?1",
+    "DELETE FROM history WHERE path = ?1 AND version <= (SELECT max(version) FROM history WHERE path = ?1) - ?2",
 };
 
 inline const char* const kSchemaSql =
@@ -143,7 +154,9 @@ inline const char* const kSchemaSql =
     "CREATE TABLE acl(path TEXT NOT NULL, principal TEXT NOT NULL, is_group INTEGER NOT NULL,"
     " rights INTEGER NOT NULL, PRIMARY KEY(path, principal, is_group)) WITHOUT ROWID;"
     "CREATE TABLE users(name TEXT PRIMARY KEY NOT NULL, groups TEXT NOT NULL, password TEXT) WITHOUT ROWID;"
-    "CREATE TABLE meta(key TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID;";
+    "CREATE TABLE meta(key TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID;"
+    "CREATE TABLE history(path TEXT NOT NULL, version INTEGER NOT NULL, mtime INTEGER NOT NULL,"
+    " replaced INTEGER NOT NULL, signature TEXT NOT NULL, data BLOB NOT NULL, PRIMARY KEY(path, version));";
 
 struct StringViewHash {
     using is_transparent = void;
@@ -389,6 +402,8 @@ struct SqliteCatalog::Impl {
     std::condition_variable lockReleased;
     std::set<std::string> lockedPaths;
 
+    store::HistorySetting history;
+
     // Raised after every access-list change made through this object.
     std::atomic<std::uint64_t> localAclGen{0};
     std::atomic<int> upgradeMode{Reader::kUpgradeAuto};
@@ -556,7 +571,7 @@ struct SqliteCatalog::Impl {
         }
         if (appId != kApplicationId)
             loadingError("not a catalog file of this system (application id " + std::to_string(appId) + ")");
-        if (version == 1) version = upgradeFromVersion1(*c);
+        if (version >= 1 && version < kSchemaVersion) version = upgrade(*c);
         if (version != kSchemaVersion)
             loadingError("unsupported catalog schema version " + std::to_string(version) + " (expected " +
                          std::to_string(kSchemaVersion) + ")");
@@ -597,18 +612,27 @@ struct SqliteCatalog::Impl {
         if (!inMemory) pragma(c, "PRAGMA journal_mode=WAL");
     }
 
-    // Version 1 had no password hashes. Another process may be upgrading
-    // the same file: the write lock decides, and the loser finds version 2.
-    std::int64_t upgradeFromVersion1(Conn& c) {
+    // Brings an older schema up to this version, one step at a time:
+    // version 1 had no password hashes, version 2 no history. Another
+    // process may be upgrading the same file: the write lock decides, and
+    // the loser finds the current version.
+    std::int64_t upgrade(Conn& c) {
+        static const char* const kSteps[] = {
+            nullptr,
+            "ALTER TABLE users ADD COLUMN password TEXT; PRAGMA user_version = 2;",
+            "CREATE TABLE history(path TEXT NOT NULL, version INTEGER NOT NULL, mtime INTEGER NOT NULL,"
+            " replaced INTEGER NOT NULL, signature TEXT NOT NULL, data BLOB NOT NULL, PRIMARY KEY(path, version));"
+            " PRAGMA user_version = 3;",
+        };
+        static_assert(std::size(kSteps) == kSchemaVersion);
         pragma(c, "BEGIN IMMEDIATE");
-        if (pragmaValue(c, "PRAGMA user_version") == 1) {
+        for (std::int64_t v = pragmaValue(c, "PRAGMA user_version"); v >= 1 && v < kSchemaVersion; ++v) {
             char* err = nullptr;
-            if (sqlite3_exec(c.db, "ALTER TABLE users ADD COLUMN password TEXT; PRAGMA user_version = 2;", nullptr,
-                             nullptr, &err) != SQLITE_OK) {
+            if (sqlite3_exec(c.db, kSteps[v], nullptr, nullptr, &err) != SQLITE_OK) {
                 std::string why = err ? err : "unknown error";
                 sqlite3_free(err);
                 sqlite3_exec(c.db, "ROLLBACK", nullptr, nullptr, nullptr);
-                loadingError("upgrading the catalog schema from version 1 failed: " + why);
+                loadingError("upgrading the catalog schema from version " + std::to_string(v) + " failed: " + why);
             }
         }
         pragma(c, "COMMIT");
@@ -737,7 +761,8 @@ struct SqliteCatalog::Impl {
             Row row;
             row.take(q, withProperties, body != nullptr);
             refreshAcl(*c, localGen);
-            if (!mayRead(rightsOf(*c, user, c->pathBuf))) return kErrorAccessDenied;
+            if (!mayRead(rightsOf(*c, user, c->pathBuf)))
+                return store::unreadableItemCode(c->pathBuf, [&](std::string_view p) { return rightsOf(*c, user, p); });
 
             ItemInfo::Entry& o = info.original();
             o.path = path;
@@ -814,10 +839,29 @@ struct SqliteCatalog::Impl {
         return kSuccess;
     }
 
+    // Inside a write transaction, before the object at `path` is replaced
+    // or removed at time `replaced`: copies it into the history when the
+    // history rule names it, and prunes the oldest versions beyond the rule.
+    void keepVersion(Conn& c, std::string_view path, std::int64_t replaced) {
+        if (!history.active()) return;
+        unsigned keep = 0;
+        {
+            Query q(c, kStVersionCandidate);
+            q.text(1, path);
+            if (!q.step()) return;
+            keep = history.versionsFor(path, q.textAt(0));
+        }
+        if (keep == 0) return;
+        Query(c, kStKeepVersion).text(1, path).integer(2, replaced).run();
+        Query(c, kStPruneVersions).text(1, path).integer(2, keep).run();
+    }
+
     // Stores an object at c.pathBuf inside the current write transaction;
     // returns its new modified time.
     std::int64_t storeObject(Conn& c, std::string_view parent, bool existing, const Row& old,
                              std::string_view signature, std::string_view props, std::string_view body) {
+        const std::int64_t t = nextTime(c, existing ? old.mtime : 0);
+        if (existing) keepVersion(c, c.pathBuf, t);
         std::int64_t bodyId = 0;
         if (existing && old.hasBody) {
             bodyId = old.bodyId;
@@ -826,7 +870,6 @@ struct SqliteCatalog::Impl {
             Query(c, kStInsertBody).blob(1, body).run();
             bodyId = sqlite3_last_insert_rowid(c.db);
         }
-        const std::int64_t t = nextTime(c, existing ? old.mtime : 0);
         Query(c, kStUpsertItem)
             .text(1, c.pathBuf)
             .text(2, parent)
