@@ -17,6 +17,16 @@
 
 namespace kiv::tool {
 
+std::string timeText(catalog::Time t) {
+    const std::time_t secs = static_cast<std::time_t>(t / 1000000);
+    std::tm tm{};
+    gmtime_r(&secs, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+    return buf;
+}
+
+
 namespace {
 
 using catalog::ManagedCatalog;
@@ -34,16 +44,6 @@ const char* rightsName(catalog::Rights r) noexcept {
         case catalog::Rights::kRead: return "read";
         default: return "none";
     }
-}
-
-// Catalog time (microseconds since the epoch) as "YYYY-MM-DD HH:MM:SS" UTC.
-std::string timeText(catalog::Time t) {
-    const std::time_t secs = static_cast<std::time_t>(t / 1000000);
-    std::tm tm{};
-    gmtime_r(&secs, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-    return buf;
 }
 
 std::string u8(const String& s) { return s.toUtf8(); }

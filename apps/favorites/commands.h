@@ -35,9 +35,13 @@ private:
 // Writes text to standard output.
 void print(const std::string& text);
 
+// Catalog time (microseconds since the epoch) as "YYYY-MM-DD HH:MM:SS" UTC.
+std::string timeText(catalog::Time t);
+
 // `catalog init|demo|mkdir|put|link|rm|grant|add-user|ls|info|cat`
 void addCatalogCommands(CLI::App& app, const GlobalOptions& options, CommandSet& commands);
-// `tree`, `ls`, `is`, `add`, `mkcat`, `rm`, `rmcat`, `replace-json`, `replace-soap`, `export`
+// `tree`, `ls`, `is`, `add`, `mkcat`, `rm`, `rmcat`, `replace-json`, `replace-soap`, `export`,
+// `history`, `restore`
 void addFavoritesCommands(CLI::App& app, const GlobalOptions& options, CommandSet& commands);
 
 }  // namespace kiv::tool

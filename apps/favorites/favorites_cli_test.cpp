@@ -451,12 +451,24 @@ TEST_F(FavoritesTool, AddingToAMissingCategoryFails) {
     EXPECT_EQ(tree("alice"), kAliceDemoTree);
 }
 
+TEST_F(FavoritesTool, AFavoriteInAFolderTheUserMayNotReadIsAnsweredAsIfItDidNotExist) {
+    makeDemo();
+    const Result existing = as("alice", {"add", "/shared/HR/Reports/Headcount"});
+    const Result missing = as("alice", {"add", "/shared/HR/Reports/No Such Report"});
+    EXPECT_EQ(existing.status, missing.status) << existing << missing;
+    EXPECT_NE(existing.err.find("kErrorPathNotFound"), std::string::npos) << existing;
+    EXPECT_NE(missing.err.find("kErrorPathNotFound"), std::string::npos) << missing;
+    // The folder itself is listed in /shared, which alice may read.
+    const Result folder = as("alice", {"add", "/shared/HR"});
+    EXPECT_NE(folder.err.find("kErrorAccessDenied"), std::string::npos) << folder;
+}
+
 TEST_F(FavoritesTool, AFavoriteOfAnObjectTheUserMayNotReadIsRefused) {
     makeDemo();
     const std::string before = stored("/users/alice/favorites");
     const Result r = as("alice", {"add", "/shared/HR/Reports/Headcount"});
     EXPECT_EQ(r.status, 3) << r;
-    EXPECT_NE(r.err.find("kErrorAccessDenied"), std::string::npos) << r;
+    EXPECT_NE(r.err.find("kErrorPathNotFound"), std::string::npos) << r;
     EXPECT_NE(r.err.find("/shared/HR/Reports/Headcount"), std::string::npos) << r;
     EXPECT_EQ(stored("/users/alice/favorites"), before);
     // carol is in hr and may.

@@ -313,6 +313,76 @@ void addExport(CLI::App& app, const GlobalOptions& options, CommandSet& commands
     });
 }
 
+std::string versionContent(const FavoritesDocumentCheck& c) {
+    if (!c.readable()) return "cannot be read: " + c.problem;
+    return counted(static_cast<int>(c.categories), "category", "categories") + ", " +
+           counted(static_cast<int>(c.items), "catalog object", "catalog objects");
+}
+
+void addHistory(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    CLI::App* cmd = app.add_subcommand("history", "List the earlier versions of the favorites kept in the catalog");
+    cmd->footer("Every change of the favorites keeps the version it replaces (the last\n"
+                "--keep-versions, 20 unless told otherwise). 'restore N' puts version N back.");
+    commands.add(cmd, [&options] {
+        FavoritesSession s(options, Intent::kRead, FavoritesSession::Manager::kNone);
+        const std::vector<FavoritesVersion> versions = favoritesHistory(s.catalog(), s.user(), s.favoritesPath());
+        const std::string problem = storedFavoritesProblem(s.catalog(), s.user(), s.favoritesPath());
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("favoritesPath", s.favoritesPath().toString());
+            if (!problem.empty()) w.member("warning", problem);
+            w.key("versions").beginArray();
+            for (const FavoritesVersion& v : versions) {
+                w.beginObject()
+                    .member("version", static_cast<std::int64_t>(v.version.number))
+                    .member("modified", timeText(v.version.modified))
+                    .member("replaced", timeText(v.version.replaced))
+                    .member("bytes", static_cast<std::int64_t>(v.version.size))
+                    .member("readable", v.content.readable());
+                if (v.content.readable())
+                    w.member("categories", static_cast<std::int64_t>(v.content.categories))
+                        .member("catalogObjects", static_cast<std::int64_t>(v.content.items));
+                else
+                    w.member("problem", v.content.problem);
+                w.endObject();
+            }
+            w.endArray().endObject();
+            print(w.str() + "\n");
+            return;
+        }
+        std::string text;
+        if (!problem.empty()) text += "the stored favorites cannot be read: " + problem + "\n";
+        if (versions.empty()) text += "no earlier versions of " + s.favoritesPath().toUtf8() + " are kept\n";
+        for (const FavoritesVersion& v : versions)
+            text += std::to_string(v.version.number) + "  " + timeText(v.version.modified) + "  replaced " +
+                    timeText(v.version.replaced) + "  " + std::to_string(v.version.size) + " bytes  " +
+                    versionContent(v.content) + "\n";
+        print(text);
+    });
+}
+
+void addRestore(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
+    auto number = std::make_shared<std::int64_t>(0);
+    CLI::App* cmd = app.add_subcommand("restore", "Put an earlier version of the favorites back (see 'history')");
+    cmd->footer("The version restored becomes the newest; the one it replaces is kept, so a restore\n"
+                "can itself be undone.");
+    cmd->add_option("N", *number, "The version number that 'history' shows")->required();
+    commands.add(cmd, [&options, number] {
+        FavoritesSession s(options, Intent::kWrite, FavoritesSession::Manager::kNone);
+        restoreFavoritesVersion(s.catalog(), s.user(), s.favoritesPath(), *number);
+        std::string body;
+        const FavoritesDocumentCheck c =
+            checkFavoritesDocument(s.catalog().readRaw(s.favoritesPath()));
+        printEdit(options, "restored version " + std::to_string(*number) + " of " + s.favoritesPath().toUtf8() + ": " +
+                               versionContent(c),
+                  [&](JsonWriter& w) {
+                      w.member("restored", *number)
+                          .member("categories", static_cast<std::int64_t>(c.categories))
+                          .member("catalogObjects", static_cast<std::int64_t>(c.items));
+                  });
+    });
+}
+
 }  // namespace
 
 void addFavoritesCommands(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
@@ -326,6 +396,8 @@ void addFavoritesCommands(CLI::App& app, const GlobalOptions& options, CommandSe
     addReplaceJson(app, options, commands);
     addReplaceSoap(app, options, commands);
     addExport(app, options, commands);
+    addHistory(app, options, commands);
+    addRestore(app, options, commands);
 }
 
 }  // namespace kiv::tool

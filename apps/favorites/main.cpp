@@ -29,6 +29,16 @@ namespace {
 
 void error(const std::string& text) { std::cerr << "favorites: " << text << "\n"; }
 
+// Reports a change the tool refused to store because the favorites it
+// would have stored could not be read back; true when there was one.
+bool refusedWrite() {
+    const std::string why = ReadBackCatalog::takeRefusal();
+    if (why.empty()) return false;
+    error("the favorites were left as they were: the change would store favorites that cannot be read back (" +
+          why + ")");
+    return true;
+}
+
 std::string catalogFailureText(const catalog::CatalogException& e, const GlobalOptions& options) {
     const catalog::ReturnCode code = e.getCode();
     std::string text = std::string("catalog error ") + catalog::returnCodeName(code) + " at '" +
@@ -65,6 +75,8 @@ int run(int argc, char** argv) {
     app.add_option("--favorites", options.favoritesPath,
                    "Catalog path of the favorites object (default: /users/USER/favorites)");
     app.add_flag("--json", options.json, "Machine-readable JSON output");
+    app.add_option("--keep-versions", options.historyVersions,
+                   "Earlier versions kept of each favorites object written (default: 20; 0 keeps none)");
 
     CommandSet commands;
     addFavoritesCommands(app, options, commands);
@@ -104,8 +116,10 @@ int run(int argc, char** argv) {
         }
         error(FavoritesManager::errorCodeToMessage(e.code(), arg).toText().toUtf8() + " (" +
               favorites::returnCodeName(e.code()) + ")");
+        if (refusedWrite()) return kExitInputError;
         return exitStatusFor(e.code());
     } catch (const catalog::CatalogException& e) {
+        if (refusedWrite()) return kExitInputError;
         error(catalogFailureText(e, options));
         return kExitCatalogError;
     } catch (const catalog::CatalogNameException& e) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "favoritesdocument.h"
 #include "hosterrors.h"
 #include "storeopen.h"
 #include "qz/platform/accounttoken.h"
@@ -22,6 +23,7 @@ struct GlobalOptions {
     std::string user;
     std::string favoritesPath;  // empty: /users/<user>/favorites
     bool json = false;
+    unsigned historyVersions = kDefaultHistoryVersions;  // kept per favorites object
 };
 
 // Whether a favorites command may write the user's favorites: a writing
@@ -37,7 +39,8 @@ enum class OpenMode {
 };
 
 // Opens the catalog: a file, or a PostgreSQL catalog named by a
-// "postgresql://" connection URI. A missing file (with kExisting) raises
+// "postgresql://" connection URI, keeping the history of every favorites
+// object it writes (GlobalOptions::historyVersions). A missing file (with kExisting) raises
 // CatalogException(kErrorCatalogNotFound); a file that is not a catalog of
 // this system raises CatalogException(kErrorLoadingCatalog) and stays
 // untouched.
@@ -54,9 +57,17 @@ AccountToken administratorToken();
 // user (or missing); afterwards it must exist. Otherwise the catalog's
 // refusal is raised as CatalogException, since the manager itself never
 // fails to construct and would present an empty tree.
+//
+// The manager writes through a ReadBackCatalog, so a change that would
+// store favorites the load cannot read is refused. When the stored object
+// exists and does not load, a warning naming the reason is printed on
+// standard error (the manager then shows no favorites).
 class FavoritesSession {
 public:
-    FavoritesSession(const GlobalOptions& options, Intent intent);
+    // Manager::kNone opens the catalog and the user (and, for kWrite, takes
+    // the lock) without making a manager.
+    enum class Manager { kMake, kNone };
+    FavoritesSession(const GlobalOptions& options, Intent intent, Manager manager = Manager::kMake);
 
     catalog::ManagedCatalog& catalog() noexcept { return *m_catalog; }
     const AccountToken& user() const noexcept { return m_user; }
@@ -65,6 +76,7 @@ public:
 
 private:
     std::unique_ptr<catalog::ManagedCatalog> m_catalog;
+    std::unique_ptr<ReadBackCatalog> m_readBack;  // what the manager writes through
     std::unique_ptr<catalog::WriteLock> m_lock;  // held by a writing command
     AccountToken m_user;
     catalog::Path m_favoritesPath;

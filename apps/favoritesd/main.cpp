@@ -70,6 +70,9 @@ int run(int argc, char** argv) {
     app.add_option("--workers", s.workers, "Threads that call the library and the catalog")
         ->check(CLI::Range(1u, 256u))
         ->capture_default_str();
+    app.add_option("--keep-versions", s.historyVersions,
+                   "Earlier versions kept of each user's favorites, for undo and restore (0 keeps none)")
+        ->capture_default_str();
     app.add_option("--max-users", s.maxUsers, "Users whose favorites are kept in memory")
         ->check(CLI::Range(std::size_t{1}, std::size_t{10000000}))
         ->capture_default_str();
@@ -126,6 +129,7 @@ int run(int argc, char** argv) {
         // a user's favorites holds one more for the user's write lock.
         const std::unique_ptr<kiv::catalog::ManagedCatalog> store =
             kiv::host::openStore(s.catalog, false, static_cast<int>(s.workers) + 2);
+        kiv::host::keepFavoritesHistory(*store, s.historyVersions);
         kiv::server::FavoritesService service(s, *store);
         kiv::server::HttpServer server(s, service);
         service.metrics().setGauges([&service] { return service.users().managersCached(); },

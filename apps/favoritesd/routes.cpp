@@ -2,11 +2,13 @@
 
 #include <simdjson.h>
 
+#include <charconv>
 #include <cstdio>
 #include <ctime>
 
 #include "accesslog.h"
 #include "errors.h"
+#include "favoritesdocument.h"
 #include "favoritesopen.h"
 #include "hosterrors.h"
 #include "items.h"
@@ -313,6 +315,60 @@ HttpResponse getFavoritesExport(Call& call) {
     }
     r.header("Content-Disposition", "attachment; filename=\"favorites." + format + "\"");
     return r;
+}
+
+// --- history ---------------------------------------------------------------------
+
+namespace {
+
+std::string isoTime(catalog::Time t) {
+    const std::time_t secs = static_cast<std::time_t>(t / 1000000);
+    std::tm tm{};
+    gmtime_r(&secs, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return buf;
+}
+
+}  // namespace
+
+HttpResponse getFavoritesHistory(Call& call) {
+    const std::vector<host::FavoritesVersion> versions =
+        host::favoritesHistory(call.store, call.slot.token(), call.slot.favoritesPath());
+    JsonWriter w;
+    w.beginObject().member("favoritesPath", call.slot.favoritesPath().toString());
+    w.key("versions").beginArray();
+    for (const host::FavoritesVersion& v : versions) {
+        w.beginObject()
+            .member("version", static_cast<std::int64_t>(v.version.number))
+            .member("modified", isoTime(v.version.modified))
+            .member("replaced", isoTime(v.version.replaced))
+            .member("bytes", static_cast<std::int64_t>(v.version.size))
+            .member("readable", v.content.readable());
+        if (v.content.readable())
+            w.member("categories", static_cast<std::int64_t>(v.content.categories))
+                .member("catalogObjects", static_cast<std::int64_t>(v.content.items));
+        else
+            w.member("problem", v.content.problem);
+        w.endObject();
+    }
+    w.endArray().endObject();
+    return json(200, w.str());
+}
+
+HttpResponse postFavoritesRestore(Call& call) {
+    const std::string_view n = call.pathParameter;
+    std::int64_t number = 0;
+    const auto [end, ec] = std::from_chars(n.data(), n.data() + n.size(), number);
+    if (ec != std::errc() || end != n.data() + n.size() || number <= 0)
+        throw ApiError(404, "notFound", "no such version: " + std::string(n));
+    host::restoreFavoritesVersion(call.store, call.slot.token(), call.slot.favoritesPath(), number);
+    // The manager sees the restored object as another writer's change and reloads.
+    int categories = 0, objects = 0;
+    countItems(topLevelItems(call.manager), categories, objects);
+    return result(200, [&](JsonWriter& w) {
+        w.member("restored", number).member("categories", categories).member("catalogObjects", objects);
+    });
 }
 
 // --- catalog ---------------------------------------------------------------------

@@ -42,6 +42,7 @@ struct Call {
     catalog::ManagedCatalog& store;   // administration (listings)
     catalog::Catalog& catalog;        // the user's catalog calls
     const Settings& settings;
+    std::string_view pathParameter;  // the {n} of a route path that has one
     // True when the call runs on an I/O thread with a manager known to be in
     // step with the store: it must not reach the catalog.
     bool fresh = false;
@@ -58,6 +59,8 @@ HttpResponse deleteFavoritesCategory(Call& call);  // DELETE /api/v1/favorites/c
 HttpResponse putFavorites(Call& call);          // PUT /api/v1/favorites
 HttpResponse getFavoritesExport(Call& call);    // GET /api/v1/favorites/export
 HttpResponse getCatalogChildren(Call& call);    // GET /api/v1/catalog/children
+HttpResponse getFavoritesHistory(Call& call);   // GET /api/v1/favorites/history
+HttpResponse postFavoritesRestore(Call& call);  // POST /api/v1/favorites/history/{n}/restore
 HttpResponse postSoap(Call& call);              // POST /soap (soapservice.cpp)
 // GET /soap?wsdl: the WSDL with its address naming `host` (the Host header).
 HttpResponse wsdlDocument(std::string_view host);

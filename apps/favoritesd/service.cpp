@@ -76,6 +76,7 @@ struct FavoritesService::Exchange {
     std::string query;  // the raw query string
     std::string user;   // who it was answered for, for the log
     std::string routeName;
+    std::string pathParameter;  // the {n} of the route path
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
@@ -91,6 +92,8 @@ const FavoritesService::Route kRoutes[] = {
     {"DELETE", "/api/v1/favorites/categories", Access::kUser, &deleteFavoritesCategory},
     {"GET", "/api/v1/favorites/export", Access::kUser, &getFavoritesExport},
     {"GET", "/api/v1/catalog/children", Access::kUser, &getCatalogChildren},
+    {"GET", "/api/v1/favorites/history", Access::kUser, &getFavoritesHistory},
+    {"POST", "/api/v1/favorites/history/{n}/restore", Access::kUser, &postFavoritesRestore},
     {"POST", "/soap", Access::kUser, &postSoap},
     {"GET", "/soap", Access::kPublic, nullptr},
     {"POST", "/api/v1/session", Access::kPublic, nullptr},
@@ -103,10 +106,40 @@ const FavoritesService::Route kRoutes[] = {
 
 }  // namespace
 
+namespace {
+
+// Whether `path` is the route path `pattern`, whose one segment "{n}" (if
+// any) stands for any non-empty segment, given in `parameter`.
+bool matchRoute(std::string_view pattern, std::string_view path, std::string& parameter) {
+    const std::size_t brace = pattern.find("{n}");
+    if (brace == std::string_view::npos) return pattern == path;
+    const std::string_view before = pattern.substr(0, brace), after = pattern.substr(brace + 3);
+    if (path.size() <= before.size() + after.size() || path.substr(0, before.size()) != before ||
+        path.substr(path.size() - after.size()) != after)
+        return false;
+    const std::string_view segment = path.substr(before.size(), path.size() - before.size() - after.size());
+    if (segment.find('/') != std::string_view::npos) return false;
+    parameter = segment;
+    return true;
+}
+
+// Adds "warning" to a JSON object answer.
+void addWarning(HttpResponse& response, const std::string& warning) {
+    if (response.body.empty() || response.body.front() != '{' || response.contentType != "application/json") return;
+    JsonWriter w;
+    w.beginObject().member("warning", warning).endObject();
+    std::string member = w.str();  // {"warning":"..."}
+    member.pop_back();
+    response.body.insert(1, member.substr(1) + (response.body.size() > 2 ? "," : ""));
+}
+
+}  // namespace
+
 FavoritesService::FavoritesService(const Settings& settings, catalog::ManagedCatalog& store)
     : m_settings(settings),
       m_store(store),
       m_catalog(store, m_metrics),
+      m_readBack(m_catalog),
       m_accessLog(settings.accessLog),
       m_sessions(settings.sessionSeconds),
       m_credentials(settings.credentialCacheSeconds),
@@ -132,7 +165,7 @@ FavoritesService::FavoritesService(const Settings& settings, catalog::ManagedCat
 FavoritesService::~FavoritesService() = default;
 
 void FavoritesService::handle(HttpRequest request, Responder respond) {
-    auto x = std::make_shared<Exchange>(Exchange{std::move(request), std::move(respond), {}, {}, {}, {}});
+    auto x = std::make_shared<Exchange>(Exchange{std::move(request), std::move(respond), {}, {}, {}, {}, {}});
     try {
         const std::string& target = x->request.target;
         const std::size_t q = target.find('?');
@@ -142,7 +175,7 @@ void FavoritesService::handle(HttpRequest request, Responder respond) {
         const Route* route = nullptr;
         std::string allow;
         for (const Route& r : kRoutes) {
-            if (x->path != r.path) continue;
+            if (!matchRoute(r.path, x->path, x->pathParameter)) continue;
             if (x->request.method == r.method) route = &r;
             allow += (allow.empty() ? "" : ", ") + std::string(r.method);
         }
@@ -248,17 +281,31 @@ void FavoritesService::actAs(const Route& route, std::shared_ptr<Exchange> x, co
     const bool writes = changesState(x->request.method) && route.handler != &postFavoritesStatus;
     auto work = [this, &route, x, query, writes](UserSlot& slot, bool fresh) {
         HttpResponse response;
+        host::ReadBackCatalog::takeRefusal();  // nothing of an earlier request on this thread
         try {
             std::unique_ptr<catalog::WriteLock> lock;
             if (writes && !fresh) lock = m_store.lockForWriting(slot.favoritesPath());
             FavoritesManager& manager = fresh ? *slot.freshManager(Clock::duration::max())
-                                              : slot.manager(m_store, m_catalog, lock != nullptr);
-            Call call{x->request, *query, slot, manager, m_store, m_catalog, m_settings, fresh};
+                                              : slot.manager(m_store, m_readBack, lock != nullptr);
+            Call call{x->request, *query, slot, manager, m_store, m_readBack, m_settings, x->pathParameter, fresh};
             response = route.handler(call);
             // Every handler run on the strand checked the store (and reloaded) on its way.
             if (!fresh && response.status < 300) slot.markInSync();
+            // Stored favorites that do not load show as empty: say so with
+            // every answer about them.
+            if (!fresh && std::string_view(route.path).rfind("/api/v1/favorites", 0) == 0)
+                if (const std::string& problem = slot.storedProblem(m_store); !problem.empty())
+                    addWarning(response, "the stored favorites cannot be read (" + problem +
+                                             "), so they show as empty and a change would store over them; "
+                                             "restore a readable version from the history");
         } catch (...) {
             response = responseForCurrentException();
+            const std::string refused = host::ReadBackCatalog::takeRefusal();
+            if (!refused.empty())
+                response = serverErrorResponse(
+                    400, "unreadableFavorites",
+                    "the favorites were left as they were: the change would store favorites that cannot be read "
+                    "back (" + refused + ")");
         }
         finish(*x, std::move(response));
     };

@@ -20,6 +20,7 @@
 #include "qz/webcatalog/managedcatalog.h"
 #include "routes.h"
 #include "settings.h"
+#include "favoritesdocument.h"
 #include "timedcatalog.h"
 #include "users.h"
 
@@ -60,6 +61,7 @@ private:
     catalog::ManagedCatalog& m_store;
     Metrics m_metrics;
     TimedCatalog m_catalog;
+    host::ReadBackCatalog m_readBack;  // what the managers write through
     AccessLog m_accessLog;
     Sessions m_sessions;
     CredentialCache m_credentials;

@@ -19,6 +19,7 @@ struct Settings {
     unsigned ioThreads = 2;                // threads that run the HTTP connections
     unsigned workers = 8;                  // threads that call the library and the catalog
     std::size_t maxUsers = 1000;           // managers kept in memory
+    unsigned historyVersions = 20;         // earlier versions kept per favorites object
 
     std::size_t maxHeaderBytes = 16 * 1024;
     std::size_t maxBodyBytes = 16 * 1024 * 1024;

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "errors.h"
+#include "favoritesdocument.h"
 #include "favoritesopen.h"
 
 namespace kiv::server {
@@ -25,6 +26,21 @@ FavoritesManager& UserSlot::manager(catalog::ManagedCatalog& store, catalog::Cat
     m_managers.fetch_add(1, std::memory_order_relaxed);
     m_published.store(m_manager.get(), std::memory_order_release);
     return *m_manager;
+}
+
+const std::string& UserSlot::storedProblem(catalog::ManagedCatalog& store) {
+    catalog::ItemInfo info;
+    if (store.getItemInfo(m_token, m_favoritesPath, info, false, false) != catalog::kSuccess) {
+        m_checkedTime = -1;
+        m_problem.clear();
+        return m_problem;
+    }
+    const catalog::Time t = info.getLastModifiedTime(catalog::kInfoResolved);
+    if (t != m_checkedTime) {
+        m_problem = host::storedFavoritesProblem(store, m_token, m_favoritesPath);
+        m_checkedTime = t;
+    }
+    return m_problem;
 }
 
 void UserSlot::markInSync() noexcept {

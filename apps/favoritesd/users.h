@@ -54,6 +54,11 @@ public:
     const catalog::Path& favoritesPath() const noexcept { return m_favoritesPath; }
     const AccountToken& token() const noexcept { return m_token; }
 
+    // Why the stored favorites object does not load (see
+    // host::storedFavoritesProblem), or empty; checked again only when the
+    // object changed.
+    const std::string& storedProblem(catalog::ManagedCatalog& store);
+
     // Notes that the manager was just in step with the store: every operation
     // run for the user checks that (and reloads) before it answers.
     void markInSync() noexcept;
@@ -73,6 +78,8 @@ private:
     std::atomic<FavoritesManager*> m_published{nullptr};  // m_manager, once made
     std::atomic<std::int64_t> m_inSyncAt{0};              // steady clock, nanoseconds
     std::list<std::string>::iterator m_lru;  // guarded by the host's mutex
+    catalog::Time m_checkedTime = -1;  // the modified time storedProblem last judged
+    std::string m_problem;
 };
 
 class UserHost {

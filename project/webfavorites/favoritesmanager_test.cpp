@@ -105,9 +105,10 @@ TEST_F(FavoritesManagerTest, DocumentThatDoesNotParseLeavesAnEmptyTree) {
 
 TEST_F(FavoritesManagerTest, UnreadableFavoritesObjectAnswersTheCatalogCodeAndAnEmptyTree) {
     env.storeFavorites(L"alice", "/shared/Sales/Report1");
-    // bob may not read alice's folder.
+    // bob may not read alice's folder, so the catalog does not tell him
+    // whether her favorites object exists.
     FavoritesManager m(env.catalog(), env.bob, TestCatalog::favoritesPath(L"alice"));
-    EXPECT_EQ(Peer::load(m), catalog::kErrorAccessDenied);
+    EXPECT_EQ(Peer::load(m), catalog::kErrorPathNotFound);
     EXPECT_EQ(dump(m.getRootFolder()), "");
     EXPECT_FALSE(m.isFavorite(P(L"/shared/Sales/Report1")));
 }

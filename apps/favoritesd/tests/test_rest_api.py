@@ -658,8 +658,16 @@ class EditTests(harness.ServerTestCase):
 
     def test_adding_an_object_the_user_cannot_read_answers_403(self):
         u = self.fresh_user()
+        r = self.add(u, "/shared/HR", "")
+        self.assertError(r, 403, "catalog", 5, "kErrorAccessDenied", path="/shared/HR")
+        self.assertEqual(self.tree(u), [])
+
+    def test_adding_an_object_in_a_folder_the_user_cannot_read_answers_404_whether_it_exists_or_not(self):
+        u = self.fresh_user()
         r = self.add(u, HEADCOUNT, "")
-        self.assertError(r, 403, "catalog", 5, "kErrorAccessDenied", path=HEADCOUNT)
+        self.assertError(r, 404, "catalog", 1, "kErrorPathNotFound", path=HEADCOUNT)
+        r = self.add(u, "/shared/HR/Reports/No such report", "")
+        self.assertError(r, 404, "catalog", 1, "kErrorPathNotFound", path="/shared/HR/Reports/No such report")
         self.assertEqual(self.tree(u), [])
 
     def test_adding_a_missing_object_answers_404(self):

@@ -8,7 +8,8 @@
 // Parsing is hardened for untrusted input: no external entities, no DTD
 // loading, no network, no entity expansion (an entity-expansion bomb fails),
 // a fixed maximum nesting depth (kMaxDepth) and size (kMaxDocumentBytes);
-// text must be well-formed UTF-8. A document carrying any DOCTYPE declaration
+// text must be well-formed in the document's encoding (UTF-8 unless the
+// document declares another that libxml2 knows). A document carrying any DOCTYPE declaration
 // is refused outright, which keeps out entity declarations and external DTDs
 // alike. Every failure raises XmlException with a clear message, naming the
 // line where the parser reports one.
@@ -126,7 +127,9 @@ public:
 
 class XmlDocument : public RefCountedBase {
 public:
-    static constexpr int kMaxDepth = 256;
+    // Deep enough for every favorites tree the JSON and SOAP inputs can
+    // describe (their own limits keep those under 300 levels).
+    static constexpr int kMaxDepth = 1024;
     static constexpr std::size_t kMaxDocumentBytes = 64u * 1024u * 1024u;
 
     // Tag for setRootElement: move the element in, do not clone it.

@@ -484,6 +484,14 @@ TEST(XmlParsingTest, ParsingATruncatedDocumentFails) {
     EXPECT_NE(msg.find("cannot be read"), std::string::npos) << msg;
 }
 
+TEST(XmlParsingTest, ADocumentInADeclaredSingleByteEncodingParsesToTheSameText) {
+    const std::string latin1 = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><r a=\"caf\xE9\">\xC5sa</r>";
+    XmlDocument doc;
+    parseInto(doc, latin1);
+    EXPECT_EQ(doc.getRootElement()->unchecked_getAttributeValue(String(L"a"), XmlElement::kNotRequired),
+              String(L"caf\u00E9"));
+}
+
 TEST(XmlParsingTest, ParsingInvalidUtf8Fails) {
     const std::string msg = parseFailure(readTestFile("invalid_utf8.xml"));
     EXPECT_NE(msg.find("UTF-8"), std::string::npos) << msg;
@@ -520,8 +528,8 @@ TEST(XmlParsingTest, ParsingAnyDoctypeFails) {
 }
 
 TEST(XmlParsingTest, ParsingNestingDeeperThanTheLimitFails) {
-    const std::string msg = parseFailure(readTestFile("too_deep.xml"));
-    EXPECT_NE(msg.find("nested deeper than the limit of 256"), std::string::npos) << msg;
+    const std::string msg = parseFailure(nested(XmlDocument::kMaxDepth + 1));
+    EXPECT_NE(msg.find("nested deeper than the limit of 1024"), std::string::npos) << msg;
 }
 
 TEST(XmlParsingTest, NestingExactlyAtTheLimitParses) {

@@ -98,7 +98,7 @@ TEST(SqliteCatalogProcessTest, AWriterKilledMidWriteLeavesTheOldOrTheNewObjectWh
     const std::string file = dir.file("c.db");
     constexpr std::size_t kSize = 2 * 1024 * 1024;
     auto bodyFor = [](int n) { return std::string(kSize, static_cast<char>('a' + n % 26)); };
-    { SqliteCatalog(file).putObject(Path(L"/big"), L"s", {}, bodyFor(0)); }
+    { SqliteCatalog(file).putObject(Path(L"/big"), L"test1", {}, bodyFor(0)); }
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE(round);
         const pid_t pid = spawn([&] {
@@ -127,7 +127,7 @@ TEST(SqliteCatalogProcessTest, AWriterKilledMidWriteLeavesTheOldOrTheNewObjectWh
 TEST(SqliteCatalogProcessTest, AWriteLockHeldByAProcessThatIsKilledIsReleased) {
     TempDir dir;
     const std::string file = dir.file("c.db");
-    { SqliteCatalog(file).putObject(Path(L"/users/u/favorites"), L"s", {}, "start"); }
+    { SqliteCatalog(file).putObject(Path(L"/users/u/favorites"), L"test1", {}, "start"); }
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = spawn([&] {
