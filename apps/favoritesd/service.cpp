@@ -291,13 +291,6 @@ void FavoritesService::actAs(const Route& route, std::shared_ptr<Exchange> x, co
             response = route.handler(call);
             // Every handler run on the strand checked the store (and reloaded) on its way.
             if (!fresh && response.status < 300) slot.markInSync();
-            // Stored favorites that do not load show as empty: say so with
-            // every answer about them.
-            if (!fresh && std::string_view(route.path).rfind("/api/v1/favorites", 0) == 0)
-                if (const std::string& problem = slot.storedProblem(m_store); !problem.empty())
-                    addWarning(response, "the stored favorites cannot be read (" + problem +
-                                             "), so they show as empty and a change would store over them; "
-                                             "restore a readable version from the history");
         } catch (...) {
             response = responseForCurrentException();
             const std::string refused = host::ReadBackCatalog::takeRefusal();
@@ -306,6 +299,18 @@ void FavoritesService::actAs(const Route& route, std::shared_ptr<Exchange> x, co
                     400, "unreadableFavorites",
                     "the favorites were left as they were: the change would store favorites that cannot be read "
                     "back (" + refused + ")");
+        }
+        // Stored favorites that do not load show as empty: say so with every
+        // answer about them, errors included.
+        if (!fresh && std::string_view(route.path).rfind("/api/v1/favorites", 0) == 0) {
+            try {
+                if (const std::string& problem = slot.storedProblem(m_store); !problem.empty())
+                    addWarning(response, "the stored favorites cannot be read (" + problem +
+                                             "), so they show as empty and a change would store over them; "
+                                             "restore a readable version from the history");
+            } catch (...) {
+                // The answer stands without the warning.
+            }
         }
         finish(*x, std::move(response));
     };

@@ -4,7 +4,7 @@
 set(KIV_SERVER_TEST_ENVIRONMENT
   "FAVORITESD=$<TARGET_FILE:favoritesd>;FAVORITES_TOOL=$<TARGET_FILE:favorites>;KIV_DATA_DIR=${KIV_BUILD_DATA_DIR};PYTHONDONTWRITEBYTECODE=1")
 
-foreach(name rest_api auth hosting limits soap tls concurrency several_writers)
+foreach(name rest_api auth hosting limits soap tls concurrency history several_writers)
   set(labels server)
   if(name STREQUAL "concurrency")
     set(labels "server;concurrency")  # also run by the ThreadSanitizer preset
