@@ -1,8 +1,10 @@
 #include "favoritesdocument.h"
 
+#include <ctime>
 #include <cwctype>
 
 #include "hosterrors.h"
+#include "jsonwriter.h"
 #include "qz/platform/config.h"
 #include "qz/platform/xml.h"
 #include "qz/webcatalog/itemname.h"
@@ -192,7 +194,42 @@ std::vector<FavoritesVersion> favoritesHistory(catalog::ManagedCatalog& store, c
     return out;
 }
 
-void restoreFavoritesVersion(catalog::ManagedCatalog& store, const AccountToken& user, const catalog::Path& path,
+namespace {
+
+std::string isoTime(catalog::Time t) {
+    const std::time_t secs = static_cast<std::time_t>(t / 1000000);
+    std::tm tm{};
+    gmtime_r(&secs, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return buf;
+}
+
+}  // namespace
+
+void writeHistoryJson(JsonWriter& w, const catalog::Path& path, const std::vector<FavoritesVersion>& versions,
+                      const std::string& warning) {
+    w.beginObject().member("favoritesPath", path.toString());
+    if (!warning.empty()) w.member("warning", warning);
+    w.key("versions").beginArray();
+    for (const FavoritesVersion& v : versions) {
+        w.beginObject()
+            .member("version", static_cast<std::int64_t>(v.version.number))
+            .member("modified", isoTime(v.version.modified))
+            .member("replaced", isoTime(v.version.replaced))
+            .member("bytes", static_cast<std::int64_t>(v.version.size))
+            .member("readable", v.content.readable());
+        if (v.content.readable())
+            w.member("categories", static_cast<std::int64_t>(v.content.categories))
+                .member("catalogObjects", static_cast<std::int64_t>(v.content.items));
+        else
+            w.member("problem", v.content.problem);
+        w.endObject();
+    }
+    w.endArray().endObject();
+}
+
+FavoritesDocumentCheck restoreFavoritesVersion(catalog::ManagedCatalog& store, const AccountToken& user, const catalog::Path& path,
                              std::int64_t number) {
     std::string body;
     const catalog::ManagedCatalog::Version version = store.readVersion(user, path, number, body);
@@ -204,6 +241,7 @@ void restoreFavoritesVersion(catalog::ManagedCatalog& store, const AccountToken&
     BodyWriter writer(nullptr, version.signature, body);
     const catalog::ReturnCode rc = store.writeObject(user, path, writer, catalog::tDefaultReplaceHelper);
     if (rc != catalog::kSuccess) throw catalog::CatalogException(rc, path.toString());
+    return check;
 }
 
 }  // namespace kiv::host

@@ -97,11 +97,19 @@ struct FavoritesVersion {
 std::vector<FavoritesVersion> favoritesHistory(catalog::ManagedCatalog& store, const AccountToken& user,
                                                const catalog::Path& path);
 
+class JsonWriter;
+// The history as JSON: {"favoritesPath":..,["warning":..,]"versions":[{"version",
+// "modified","replaced" (ISO 8601 UTC),"bytes","readable", then "categories"
+// and "catalogObjects", or "problem"}]}; an empty warning is left out.
+void writeHistoryJson(JsonWriter& w, const catalog::Path& path, const std::vector<FavoritesVersion>& versions,
+                      const std::string& warning);
+
 // Writes version `number` back as the favorites object, on behalf of
 // `user`; the version it replaces is kept in turn, so a restore can itself
 // be undone. A version that would not load is refused (InputError); so is
 // one that is not a favorites document. Hold the object's write lock.
-void restoreFavoritesVersion(catalog::ManagedCatalog& store, const AccountToken& user, const catalog::Path& path,
+// Returns what the restored version holds.
+FavoritesDocumentCheck restoreFavoritesVersion(catalog::ManagedCatalog& store, const AccountToken& user, const catalog::Path& path,
                              std::int64_t number);
 
 }  // namespace kiv::host

@@ -329,24 +329,7 @@ void addHistory(CLI::App& app, const GlobalOptions& options, CommandSet& command
         const std::string problem = storedFavoritesProblem(s.catalog(), s.user(), s.favoritesPath());
         if (options.json) {
             JsonWriter w;
-            w.beginObject().member("favoritesPath", s.favoritesPath().toString());
-            if (!problem.empty()) w.member("warning", problem);
-            w.key("versions").beginArray();
-            for (const FavoritesVersion& v : versions) {
-                w.beginObject()
-                    .member("version", static_cast<std::int64_t>(v.version.number))
-                    .member("modified", timeText(v.version.modified))
-                    .member("replaced", timeText(v.version.replaced))
-                    .member("bytes", static_cast<std::int64_t>(v.version.size))
-                    .member("readable", v.content.readable());
-                if (v.content.readable())
-                    w.member("categories", static_cast<std::int64_t>(v.content.categories))
-                        .member("catalogObjects", static_cast<std::int64_t>(v.content.items));
-                else
-                    w.member("problem", v.content.problem);
-                w.endObject();
-            }
-            w.endArray().endObject();
+            writeHistoryJson(w, s.favoritesPath(), versions, problem);
             print(w.str() + "\n");
             return;
         }
@@ -369,10 +352,7 @@ void addRestore(CLI::App& app, const GlobalOptions& options, CommandSet& command
     cmd->add_option("N", *number, "The version number that 'history' shows")->required();
     commands.add(cmd, [&options, number] {
         FavoritesSession s(options, Intent::kWrite, FavoritesSession::Manager::kNone);
-        restoreFavoritesVersion(s.catalog(), s.user(), s.favoritesPath(), *number);
-        std::string body;
-        const FavoritesDocumentCheck c =
-            checkFavoritesDocument(s.catalog().readRaw(s.favoritesPath()));
+        const FavoritesDocumentCheck c = restoreFavoritesVersion(s.catalog(), s.user(), s.favoritesPath(), *number);
         printEdit(options, "restored version " + std::to_string(*number) + " of " + s.favoritesPath().toUtf8() + ": " +
                                versionContent(c),
                   [&](JsonWriter& w) {

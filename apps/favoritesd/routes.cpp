@@ -319,40 +319,11 @@ HttpResponse getFavoritesExport(Call& call) {
 
 // --- history ---------------------------------------------------------------------
 
-namespace {
-
-std::string isoTime(catalog::Time t) {
-    const std::time_t secs = static_cast<std::time_t>(t / 1000000);
-    std::tm tm{};
-    gmtime_r(&secs, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return buf;
-}
-
-}  // namespace
-
 HttpResponse getFavoritesHistory(Call& call) {
     const std::vector<host::FavoritesVersion> versions =
         host::favoritesHistory(call.store, call.slot.token(), call.slot.favoritesPath());
     JsonWriter w;
-    w.beginObject().member("favoritesPath", call.slot.favoritesPath().toString());
-    w.key("versions").beginArray();
-    for (const host::FavoritesVersion& v : versions) {
-        w.beginObject()
-            .member("version", static_cast<std::int64_t>(v.version.number))
-            .member("modified", isoTime(v.version.modified))
-            .member("replaced", isoTime(v.version.replaced))
-            .member("bytes", static_cast<std::int64_t>(v.version.size))
-            .member("readable", v.content.readable());
-        if (v.content.readable())
-            w.member("categories", static_cast<std::int64_t>(v.content.categories))
-                .member("catalogObjects", static_cast<std::int64_t>(v.content.items));
-        else
-            w.member("problem", v.content.problem);
-        w.endObject();
-    }
-    w.endArray().endObject();
+    host::writeHistoryJson(w, call.slot.favoritesPath(), versions, std::string());
     return json(200, w.str());
 }
 
