@@ -132,7 +132,10 @@ std::string storedFavoritesProblem(catalog::Catalog& catalog, const AccountToken
     if (rc == catalog::kErrorObjectTypeMismatch)
         return "the object is not a favorites object (its signature is \"" +
                info.getObjectSignature(catalog::kInfoResolved).toUtf8() + "\")";
-    if (rc != catalog::kSuccess) return std::string();
+    if (rc == catalog::kErrorPathNotFound || rc == catalog::kErrorAccessDenied) return std::string();
+    if (rc != catalog::kSuccess)
+        return std::string("the catalog could not read it: ") + catalog::returnCodeName(rc) + ", " +
+               catalog::returnCodeDescription(rc).toUtf8();
     return checkFavoritesDocument(body).problem;
 }
 

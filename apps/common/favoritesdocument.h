@@ -53,8 +53,10 @@ struct FavoritesDocumentCheck {
 FavoritesDocumentCheck checkFavoritesDocument(std::string_view body);
 
 // The problem of the user's stored favorites object, or empty when it
-// loads, is missing, or cannot be read by the user (the catalog's code then
-// says why, and is reported where the manager is made).
+// loads, is missing, or the user may not read it (the catalog's code then
+// says why, and is reported where the manager is made). A store that fails
+// to read it (a damaged file, say) is a problem: the load shows such
+// favorites as empty too.
 std::string storedFavoritesProblem(catalog::Catalog& catalog, const AccountToken& user, const catalog::Path& path);
 
 // A catalog that passes every call to `store`, except the write of a

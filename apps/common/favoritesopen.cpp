@@ -1,5 +1,8 @@
 #include "favoritesopen.h"
 
+#include <algorithm>
+#include <cstdint>
+
 #include "qz/platform/gd.h"
 #include "qz/webcatalog/itemname.h"
 
@@ -48,13 +51,68 @@ Handle<FavoritesManager> openFavoritesManager(catalog::Catalog& catalog, const A
     raise(catalog::kErrorAccessDenied, favoritesPath);
 }
 
-bool isJsonArray(const String& text) {
+namespace {
+
+// The UTF-8 length of `text`, stopping once past `limit`.
+std::size_t utf8LengthUpTo(const String& text, std::size_t limit) {
+    std::size_t bytes = 0;
+    for (const wchar_t c : text) {
+        const auto u = static_cast<std::uint32_t>(c);
+        bytes += u < 0x80 ? 1 : u < 0x800 ? 2 : u < 0x10000 ? 3 : 4;
+        if (bytes > limit) break;
+    }
+    return bytes;
+}
+
+// The deepest nesting of arrays and objects, brackets inside strings not
+// counted. Only asked about text the JSON reader refused, to name the cause.
+std::size_t nestingDepth(const String& text) {
+    std::size_t depth = 0, deepest = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const wchar_t c = text[i];
+        if (inString) {
+            if (c == L'\\') ++i;
+            else if (c == L'"') inString = false;
+        } else if (c == L'"') {
+            inString = true;
+        } else if (c == L'[' || c == L'{') {
+            deepest = std::max(deepest, ++depth);
+        } else if ((c == L']' || c == L'}') && depth > 0) {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+}  // namespace
+
+JsonReplacementProblem jsonReplacementProblem(const String& text) {
+    if (utf8LengthUpTo(text, GDExpressionEvaluator::kMaxTextBytes) > GDExpressionEvaluator::kMaxTextBytes)
+        return JsonReplacementProblem::kTooLarge;
     GDExpressionEvaluator evaluator;
     GDVariant value;
-    if (!evaluator.evaluateExpression(text, text.size(), value, GDExpressionEvaluator::kJsonLiteral)) return false;
+    if (!evaluator.evaluateExpression(text, text.size(), value, GDExpressionEvaluator::kJsonLiteral))
+        return nestingDepth(text) > GDExpressionEvaluator::kMaxDepth ? JsonReplacementProblem::kTooDeep
+                                                                     : JsonReplacementProblem::kNotJson;
     GDValue* v = value.getValue();
     if (v) v = v->resolveReferences();
-    return v && dynamic_cast<IGDRandomAccessContainer*>(v) != nullptr;
+    return v && arrayView(v) ? JsonReplacementProblem::kNone : JsonReplacementProblem::kNotArray;
+}
+
+std::string describe(JsonReplacementProblem problem) {
+    switch (problem) {
+        case JsonReplacementProblem::kNone: return "a JSON array of favorites items";
+        case JsonReplacementProblem::kTooLarge:
+            return "larger than " + std::to_string(GDExpressionEvaluator::kMaxTextBytes / (1024 * 1024)) +
+                   " MiB of UTF-8, the most the JSON reader takes";
+        case JsonReplacementProblem::kTooDeep:
+            return "nested deeper than " + std::to_string(GDExpressionEvaluator::kMaxDepth) +
+                   " levels of arrays and objects, the most the JSON reader takes";
+        case JsonReplacementProblem::kNotJson: return "not JSON text";
+        case JsonReplacementProblem::kNotArray: return "not a JSON array of favorites items";
+    }
+    return {};
 }
 
 }  // namespace kiv::host

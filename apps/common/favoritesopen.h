@@ -31,9 +31,14 @@ Handle<FavoritesManager> openFavoritesManager(catalog::Catalog& catalog, const A
                                               const catalog::Path& favoritesPath,
                                               catalog::ManagedCatalog* locks = nullptr);
 
-// True when `text` is a JSON array. Hosts refuse any other replacement text
-// before it reaches updateAll, which would otherwise replace the whole tree
-// by nothing.
-bool isJsonArray(const String& text);
+// Why `text` cannot be a replacement tree, or "" when it is a JSON array the
+// JSON reader takes. Hosts refuse any other replacement text before it
+// reaches updateAll, which would otherwise replace the whole tree by nothing;
+// the reason names the real cause: text larger than the reader takes, nested
+// deeper than it takes, not JSON, or JSON that is not an array.
+enum class JsonReplacementProblem { kNone, kTooLarge, kTooDeep, kNotJson, kNotArray };
+JsonReplacementProblem jsonReplacementProblem(const String& text);
+// The words for a problem ("not a JSON array of favorites items", ...).
+std::string describe(JsonReplacementProblem problem);
 
 }  // namespace kiv::host

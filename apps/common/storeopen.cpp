@@ -30,4 +30,21 @@ std::string storeDisplayName(const std::string& location) {
     return std::regex_replace(out, passwordParameter, "$1password=***");
 }
 
+std::string catalogFailureText(const catalog::CatalogException& e, const std::string& location) {
+    const catalog::ReturnCode code = e.getCode();
+    std::string text = std::string("catalog error ") + catalog::returnCodeName(code) + " at '" +
+                       e.getPath().toUtf8() + "': " + catalog::returnCodeDescription(code).toUtf8();
+    {
+        // CatalogException's text is "NAME: PATH (DETAIL)"; the store's
+        // DETAIL, where it gave one, says why.
+        const std::string what = e.what();
+        const std::string head = std::string(catalog::returnCodeName(code)) + ": " + e.getPath().toUtf8() + " (";
+        if (what.size() > head.size() && what.compare(0, head.size(), head) == 0 && what.back() == ')')
+            text += " (" + what.substr(head.size(), what.size() - head.size() - 1) + ")";
+    }
+    if (code == catalog::kErrorCatalogNotFound)
+        text += " (create it with 'favorites --catalog " + storeDisplayName(location) + " catalog init' or 'catalog demo')";
+    return text;
+}
+
 }  // namespace kiv::host

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "qz/webcatalog/catalog.h"
 #include "qz/webcatalog/managedcatalog.h"
 
 namespace kiv::host {
@@ -22,5 +23,12 @@ std::unique_ptr<catalog::ManagedCatalog> openStore(const std::string& location, 
 
 // `location` without the password a connection URI may carry, for messages.
 std::string storeDisplayName(const std::string& location);
+
+// What a host tells its user about a catalog failure at the store
+// `location`: "catalog error NAME at 'PATH': DESCRIPTION", then, for a store
+// that could not be opened, the store's own account of why (does not exist,
+// read-only for this user, not a catalog, damaged, unreachable, ...) and for
+// a missing one how to create it.
+std::string catalogFailureText(const catalog::CatalogException& e, const std::string& location);
 
 }  // namespace kiv::host

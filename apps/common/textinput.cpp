@@ -94,4 +94,27 @@ catalog::Path categoryArgument(const std::string& utf8, std::string_view what) {
     return catalog::Path(text);
 }
 
+std::string terminalText(std::string_view utf8, bool keepLineFeeds) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(utf8.size());
+    for (std::size_t i = 0; i < utf8.size(); ++i) {
+        const auto b = static_cast<unsigned char>(utf8[i]);
+        if ((b < 0x20 && !(b == '\n' && keepLineFeeds)) || b == 0x7f) {
+            out += "\\x";
+            out += kHex[b >> 4];
+            out += kHex[b & 15];
+        } else if (b == 0xc2 && i + 1 < utf8.size() && static_cast<unsigned char>(utf8[i + 1]) >= 0x80 &&
+                   static_cast<unsigned char>(utf8[i + 1]) <= 0x9f) {
+            const auto c1 = static_cast<unsigned char>(utf8[++i]);
+            out += "\\u00";
+            out += kHex[c1 >> 4];
+            out += kHex[c1 & 15];
+        } else {
+            out += static_cast<char>(b);
+        }
+    }
+    return out;
+}
+
 }  // namespace kiv::host

@@ -35,4 +35,12 @@ String itemNameArgument(const std::string& utf8, std::string_view what);
 // "\/"). UsageError when the result is malformed.
 catalog::Path categoryArgument(const std::string& utf8, std::string_view what);
 
+// `utf8` made safe to show on a terminal: control characters (C0, DEL and
+// C1, which a terminal would act on: ESC starts a control sequence, CR
+// returns to the start of the line) are written as \xNN (\u00NN for C1), so
+// that text from arguments or from the catalog cannot move the cursor, hide
+// what was printed before it or change the terminal's state. Line feeds
+// are kept when `keepLineFeeds`.
+std::string terminalText(std::string_view utf8, bool keepLineFeeds = false);
+
 }  // namespace kiv::host

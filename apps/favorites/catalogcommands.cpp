@@ -3,6 +3,7 @@
 // which also shows what --user may do with the item.
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +13,8 @@
 #include "jsonwriter.h"
 #include "passwords.h"
 #include "qz/webcatalog/catalog.h"
+#include "qz/webcatalog/sqlitecatalog.h"
+#include "storeopen.h"
 #include "textinput.h"
 #include "toolerrors.h"
 
@@ -85,10 +88,44 @@ void collect(ManagedCatalog& c, const catalog::Path& folder, bool recursive, std
     }
 }
 
+// The SQLite catalog under the store, or null for a PostgreSQL catalog.
+catalog::SqliteCatalog* sqliteFile(ManagedCatalog& c) { return dynamic_cast<catalog::SqliteCatalog*>(&c); }
+
+// The problems SQLite's integrity check finds in a catalog file, joined
+// with "; ", or "" when it is sound.
+std::string damage(catalog::SqliteCatalog& c) {
+    std::string report = c.integrityCheck();
+    if (report == "ok") return {};
+    std::string joined;
+    for (const char ch : report) {
+        if (ch == '\n') joined += "; ";
+        else joined += ch;
+    }
+    return joined;
+}
+
+// Opens the catalog for init or demo. A file that existed must be sound:
+// writing into a damaged one would report success over a catalog that
+// loses data.
+std::unique_ptr<ManagedCatalog> openForCreating(const GlobalOptions& options) {
+    std::error_code ec;
+    const bool existed = !isPostgresStore(options.catalogFile) && std::filesystem::exists(options.catalogFile, ec);
+    auto c = openCatalog(options, OpenMode::kCreate);
+    if (catalog::SqliteCatalog* file = existed ? sqliteFile(*c) : nullptr) {
+        const std::string problems = damage(*file);
+        if (!problems.empty())
+            throw catalog::CatalogException(
+                catalog::kErrorLoadingCatalog, argumentText(options.catalogFile, "--catalog"),
+                String::fromUtf8("the file is damaged, SQLite's integrity check reports: " + problems +
+                                 "; it was left as it is"));
+    }
+    return c;
+}
+
 void addInit(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
     CLI::App* cmd = parent.add_subcommand("init", "Create the catalog file (if missing) with the folders /shared and /users");
     commands.add(cmd, [&options] {
-        auto c = openCatalog(options, OpenMode::kCreate);
+        auto c = openForCreating(options);
         c->makeFolder(catalog::Path(String(L"/shared")));
         c->makeFolder(catalog::Path(String(L"/users")));
         if (options.json) {
@@ -110,7 +147,7 @@ void addDemo(CLI::App& parent, const GlobalOptions& options, CommandSet& command
                 "and bob; and an old mobile favorites object for dave, upgraded on his first use.\n"
                 "Running it again restores the sample's items and keeps everything else.");
     commands.add(cmd, [&options] {
-        auto c = openCatalog(options, OpenMode::kCreate);
+        auto c = openForCreating(options);
         const DemoSummary s = buildDemoCatalog(*c);
         if (options.json) {
             JsonWriter w;
@@ -449,7 +486,54 @@ void addCat(CLI::App& parent, const GlobalOptions& options, CommandSet& commands
             w.beginObject().member("path", p.toString()).member("body", inputText(body, "the body")).endObject();
             print(w.str() + "\n");
         } else {
-            print(body);
+            printRaw(body);
+        }
+    });
+}
+
+void addCheck(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    CLI::App* cmd = parent.add_subcommand("check", "Check that the catalog file is sound (SQLite's integrity check)");
+    cmd->footer("Exits 0 and prints 'ok' when the file is sound; otherwise prints what is damaged and exits 3.\n"
+                "A damaged catalog is best replaced by a backup ('catalog backup').");
+    commands.add(cmd, [&options] {
+        auto c = openCatalog(options, OpenMode::kExisting);
+        catalog::SqliteCatalog* file = sqliteFile(*c);
+        if (!file) throw UsageError("'catalog check' checks a catalog file; a PostgreSQL catalog is checked by its server");
+        const std::string problems = damage(*file);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", problems.empty() ? "ok" : "damaged");
+            if (!problems.empty()) w.member("problems", String::fromUtf8(problems));
+            w.endObject();
+            print(w.str() + "\n");
+        } else {
+            print(problems.empty() ? std::string("ok\n") : "damaged: " + problems + "\n");
+        }
+        if (!problems.empty())
+            throw catalog::CatalogException(catalog::kErrorLoadingCatalog, argumentText(options.catalogFile, "--catalog"),
+                                            String(L"the file is damaged"));
+    });
+}
+
+void addBackup(CLI::App& parent, const GlobalOptions& options, CommandSet& commands) {
+    auto target = std::make_shared<std::string>();
+    CLI::App* cmd = parent.add_subcommand("backup", "Copy the whole catalog file into a new file, safely while servers write");
+    cmd->footer("The copy is one consistent snapshot (SQLite's online backup), checked and synced before it\n"
+                "appears under FILE; FILE must not exist. Servers and tools may go on writing meanwhile.\n"
+                "To go back to a backup, stop the servers and put the copy in place of the catalog file.");
+    cmd->add_option("FILE", *target, "The new file")->required();
+    commands.add(cmd, [&options, target] {
+        argumentText(*target, "FILE");
+        auto c = openCatalog(options, OpenMode::kExisting);
+        catalog::SqliteCatalog* file = sqliteFile(*c);
+        if (!file) throw UsageError("'catalog backup' copies a catalog file; back up a PostgreSQL catalog with pg_dump");
+        file->backupTo(*target);
+        if (options.json) {
+            JsonWriter w;
+            w.beginObject().member("result", "ok").member("backup", String::fromUtf8(*target)).endObject();
+            print(w.str() + "\n");
+        } else {
+            print("backed up catalog " + options.catalogFile + " to " + *target + "\n");
         }
     });
 }
@@ -472,6 +556,8 @@ void addCatalogCommands(CLI::App& app, const GlobalOptions& options, CommandSet&
     addLs(*catalogCmd, options, commands);
     addInfo(*catalogCmd, options, commands);
     addCat(*catalogCmd, options, commands);
+    addCheck(*catalogCmd, options, commands);
+    addBackup(*catalogCmd, options, commands);
 }
 
 }  // namespace kiv::tool

@@ -32,13 +32,16 @@ private:
     std::vector<std::pair<CLI::App*, std::function<void()>>> m_commands;
 };
 
-// Writes text to standard output.
+// Writes text to standard output, control characters other than line feeds
+// escaped (names and properties come from the catalog; see terminalText).
 void print(const std::string& text);
+// Writes bytes to standard output as they are: a stored body or document.
+void printRaw(const std::string& bytes);
 
 // Catalog time (microseconds since the epoch) as "YYYY-MM-DD HH:MM:SS" UTC.
 std::string timeText(catalog::Time t);
 
-// `catalog init|demo|mkdir|put|link|rm|grant|add-user|ls|info|cat`
+// `catalog init|demo|mkdir|put|link|rm|grant|add-user|passwd|ls|info|cat|check|backup`
 void addCatalogCommands(CLI::App& app, const GlobalOptions& options, CommandSet& commands);
 // `tree`, `ls`, `is`, `add`, `mkcat`, `rm`, `rmcat`, `replace-json`, `replace-soap`, `export`,
 // `history`, `restore`

@@ -6,12 +6,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -86,7 +91,8 @@ protected:
         for (std::string& s : envStrings) envp.push_back(s.data());
         envp.push_back(nullptr);
 
-        std::vector<std::string> argStrings{kTool};
+        std::vector<std::string> argStrings = m_launcher;
+        argStrings.push_back(kTool);
         argStrings.insert(argStrings.end(), args.begin(), args.end());
         std::vector<char*> argv;
         for (std::string& s : argStrings) argv.push_back(s.data());
@@ -99,7 +105,7 @@ protected:
         posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addchdir_np(&actions, m_dir.c_str());
         pid_t pid = 0;
-        const int rc = posix_spawn(&pid, kTool, &actions, nullptr, argv.data(), envp.data());
+        const int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
         posix_spawn_file_actions_destroy(&actions);
         Result r;
         if (rc != 0) {
@@ -114,6 +120,9 @@ protected:
         r.err = readFile(errFile);
         return r;
     }
+
+    // Commands put before the tool's path (such as one that changes the user).
+    std::vector<std::string> m_launcher;
 
     // Runs the tool on the test's catalog file.
     Result run(std::vector<std::string> args, const std::string& input = std::string()) {
@@ -577,7 +586,11 @@ TEST_F(FavoritesTool, ReplaceJsonRefusesBadInputAndKeepsTheFavorites) {
         const char* message;
     };
     const std::vector<Case> cases = {
-        {"not json at all", 4, "not a JSON array"},
+        {"not json at all", 4, "not JSON text"},
+        // A valid JSON array past the JSON reader's limits is named for the
+        // limit, not called something other than a JSON array.
+        {std::string(600, '[') + std::string(600, ']'), 4, "nested deeper than 512 levels"},
+        {"[\"" + std::string(17u * 1024u * 1024u, 'x') + "\"]", 4, "larger than 16 MiB"},
         {R"({"type":"0","path":"/shared/Common/Company KPIs"})", 4, "not a JSON array"},
         {"[{\"type\":\"1\",\"name\":\"Bad\xff\"}]", 4, "not valid UTF-8"},
         {R"([{"type":"0","path":"/shared/Common/Company KPIs"},{"type":"0","path":"/shared/Common/Company KPIs"}])",
@@ -586,7 +599,7 @@ TEST_F(FavoritesTool, ReplaceJsonRefusesBadInputAndKeepsTheFavorites) {
     };
     for (const Case& c : cases) {
         const Result r = as("alice", {"replace-json", "-"}, c.input);
-        EXPECT_EQ(r.status, c.status) << c.input << "\n" << r;
+        EXPECT_EQ(r.status, c.status) << c.input.substr(0, 80) << "\n" << r;
         EXPECT_NE(r.err.find(c.message), std::string::npos) << r;
         EXPECT_EQ(stored("/users/alice/favorites"), before);
     }
@@ -961,6 +974,217 @@ TEST_F(FavoritesTool, FavoritesPointingAtAnObjectOfAnotherKindAreNeverWrittenOve
     EXPECT_NE(r.status, 0) << r;
     EXPECT_NE(r.err.find("kErrorObjectTypeMismatch"), std::string::npos) << r;
     EXPECT_EQ(stored("/shared/Common/Company KPIs"), report);
+}
+
+}  // namespace
+
+// --- messages that name the real cause, escaping, check and backup -------------
+
+namespace {
+
+// The user "nobody" that the tests below run the tool as when they run as
+// root, for whom file permissions do not apply.
+constexpr uid_t kUnprivileged = 65534;
+
+class FavoritesToolFiles : public FavoritesTool {
+protected:
+    // Runs the next commands as an unprivileged user when the test is root.
+    void unprivileged() {
+        if (::geteuid() == 0)
+            m_launcher = {"setpriv", "--reuid=" + std::to_string(kUnprivileged),
+                          "--regid=" + std::to_string(kUnprivileged), "--clear-groups"};
+        ::chmod(m_dir.c_str(), 0755);
+    }
+    void own(const fs::path& p) {
+        if (::geteuid() == 0) {
+            ASSERT_EQ(::chown(p.c_str(), kUnprivileged, kUnprivileged), 0);
+        }
+    }
+    std::vector<std::string> filesIn(const fs::path& dir) {
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+};
+
+TEST_F(FavoritesToolFiles, AReadOnlyCatalogFileIsReportedAsReadOnlyAndNothingIsLeftBesideIt) {
+    const fs::path dir = m_dir / "ro";
+    fs::create_directory(dir);
+    const std::string file = (dir / "catalog.db").string();
+    ASSERT_EQ(runRaw({"--catalog", file, "catalog", "demo"}).status, 0);
+    const std::string before = readFile(file);
+    own(dir);
+    own(file);
+    ::chmod(file.c_str(), 0444);
+    unprivileged();
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--user", "alice", "tree"}, {"--user", "alice", "mkcat", "X"}, {"catalog", "ls", "/"}}) {
+        std::vector<std::string> full{"--catalog", file};
+        full.insert(full.end(), args.begin(), args.end());
+        const Result r = runRaw(full);
+        EXPECT_EQ(r.status, 3) << r;
+        EXPECT_NE(r.err.find("kErrorCatalogReadOnly"), std::string::npos) << r;
+        EXPECT_NE(r.err.find("read-only for this user"), std::string::npos) << r;
+        EXPECT_EQ(r.err.find("not a catalog"), std::string::npos) << r;
+        EXPECT_EQ(filesIn(dir), std::vector<std::string>{"catalog.db"});
+    }
+    EXPECT_EQ(readFile(file), before);
+}
+
+TEST_F(FavoritesToolFiles, ACatalogInADirectoryTheUserCannotWriteIsReportedForTheDirectory) {
+    const fs::path dir = m_dir / "rodir";
+    fs::create_directory(dir);
+    const std::string file = (dir / "catalog.db").string();
+    ASSERT_EQ(runRaw({"--catalog", file, "catalog", "demo"}).status, 0);
+    own(file);
+    ::chmod(dir.c_str(), 0555);
+    unprivileged();
+    const Result r = runRaw({"--catalog", file, "--user", "alice", "tree"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("kErrorCatalogReadOnly"), std::string::npos) << r;
+    EXPECT_NE(r.err.find("directory \"" + dir.string() + "\" is not writable"), std::string::npos) << r;
+    EXPECT_EQ(r.err.find("not a catalog"), std::string::npos) << r;
+    ::chmod(dir.c_str(), 0755);
+}
+
+TEST_F(FavoritesToolFiles, AFileThatIsNotACatalogIsNamedSoAndADirectoryIsNamedSo) {
+    writeFile(m_catalog, "just text\n");
+    Result r = run({"catalog", "ls", "/"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("file is not a database"), std::string::npos) << r;
+    r = runRaw({"--catalog", m_dir.string(), "catalog", "ls", "/"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("it is a directory"), std::string::npos) << r;
+}
+
+// Writes garbage over one page in the middle of a demo catalog.
+void damagePage(const std::string& file, int page) {
+    std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(4096L * page);
+    const std::string junk(4096, '\xde');
+    f.write(junk.data(), static_cast<std::streamsize>(junk.size()));
+}
+
+TEST_F(FavoritesToolFiles, InitOrDemoOnADamagedCatalogIsRefusedAndLeavesItAsItIs) {
+    makeDemo();
+    damagePage(m_catalog, 3);
+    const std::string damaged = readFile(m_catalog);
+    for (const char* command : {"init", "demo"}) {
+        const Result r = run({"catalog", command});
+        EXPECT_EQ(r.status, 3) << r;
+        EXPECT_NE(r.err.find("the file is damaged"), std::string::npos) << r;
+        EXPECT_EQ(r.out.find("initialised"), std::string::npos) << r;
+        EXPECT_EQ(readFile(m_catalog), damaged);
+    }
+}
+
+TEST_F(FavoritesToolFiles, CatalogCheckSaysOkForASoundFileAndNamesTheDamageOfADamagedOne) {
+    makeDemo();
+    Result r = run({"catalog", "check"});
+    EXPECT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out, "ok\n");
+    damagePage(m_catalog, 3);
+    r = run({"--json", "catalog", "check"});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.out.find("\"result\":\"damaged\""), std::string::npos) << r;
+    EXPECT_NE(r.out.find("Page 4"), std::string::npos) << r;
+}
+
+TEST_F(FavoritesToolFiles, FavoritesTheStoreFailsToReadAreWarnedAboutNotShownAsSilentlyEmpty) {
+    makeDemo();
+    // The fourth page of the demo catalog holds the objects' bodies.
+    damagePage(m_catalog, 3);
+    const Result r = as("alice", {"tree"});
+    EXPECT_NE(r.err.find("warning: the stored favorites at /users/alice/favorites cannot be read (the catalog "
+                         "could not read it: kErrorIO"),
+              std::string::npos)
+        << r;
+}
+
+TEST_F(FavoritesToolFiles, ControlCharactersFromArgumentsAndTheCatalogAreEscapedOnTheTerminal) {
+    makeDemo();
+    Result r = run({"catalog", "put", "/shared/Common/Escapes", "--signature", "report1", "--property",
+                    "title=\x1b[2Jcleared\rover"});
+    ASSERT_EQ(r.status, 0) << r;
+    r = run({"catalog", "info", "/shared/Common/Escapes"});
+    EXPECT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out.find('\x1b'), std::string::npos) << r;
+    EXPECT_EQ(r.out.find('\r'), std::string::npos) << r;
+    EXPECT_NE(r.out.find("title=\\x1b[2Jcleared\\x0dover"), std::string::npos) << r;
+    // JSON output stays JSON: the writer escapes control characters itself.
+    r = run({"--json", "catalog", "info", "/shared/Common/Escapes"});
+    EXPECT_NE(r.out.find("\\u001b[2Jcleared\\rover"), std::string::npos) << r;
+    // An argument quoted in an error message.
+    r = as("alice", {"add", "/shared/\x1b]0;title\x07"});
+    EXPECT_EQ(r.status, 2) << r;
+    EXPECT_EQ(r.err.find('\x1b'), std::string::npos) << r;
+    EXPECT_NE(r.err.find("\\x1b]0;title\\x07"), std::string::npos) << r;
+    // And one that the argument parser itself complains about.
+    r = as("alice", {"tree", "unexpected\x1b[31m"});
+    EXPECT_EQ(r.status, 2) << r;
+    EXPECT_EQ(r.err.find('\x1b'), std::string::npos) << r;
+    // A C1 control (CSI, U+009B) is escaped too.
+    r = as("alice", {"add", "/shared/\xc2\x9b" "31m"});
+    EXPECT_EQ(r.err.find("\xc2\x9b"), std::string::npos) << r;
+    EXPECT_NE(r.err.find("\\u009b31m"), std::string::npos) << r;
+}
+
+TEST_F(FavoritesToolFiles, BackupCopiesTheCatalogWhileAWriterGoesOnAndTheCopyIsOneConsistentSnapshot) {
+    makeDemo();
+    constexpr int kObjects = 1000;
+    std::atomic<bool> started{false};
+    std::thread writer([&] {
+        kiv::catalog::SqliteCatalog c(m_catalog);
+        for (int i = 0; i < kObjects; ++i) {
+            c.putObject(kiv::catalog::Path(kiv::String::fromUtf8("/shared/Common/w" + std::to_string(i))), L"report1", {},
+                        std::string(2000, 'x'));
+            started = true;
+        }
+    });
+    while (!started) std::this_thread::yield();
+    std::vector<std::string> backups;
+    for (int i = 0; i < 5; ++i) {
+        backups.push_back((m_dir / ("backup" + std::to_string(i) + ".db")).string());
+        const Result r = run({"catalog", "backup", backups.back()});
+        EXPECT_EQ(r.status, 0) << r;
+    }
+    writer.join();
+    int previous = 0;
+    for (const std::string& b : backups) {
+        const Result check = runRaw({"--catalog", b, "catalog", "check"});
+        EXPECT_EQ(check.status, 0) << check;
+        // The writer's objects in the copy are exactly its first N: a snapshot
+        // between two of its commits.
+        kiv::catalog::SqliteCatalog copy(b);
+        int present = 0;
+        while (present < kObjects &&
+               copy.exists(kiv::catalog::Path(kiv::String::fromUtf8("/shared/Common/w" + std::to_string(present)))))
+            ++present;
+        for (int i = present; i < kObjects; ++i)
+            EXPECT_FALSE(copy.exists(kiv::catalog::Path(kiv::String::fromUtf8("/shared/Common/w" + std::to_string(i)))))
+                << b << " holds w" << i << " but not w" << present;
+        EXPECT_GE(present, previous);
+        if (b == backups.front()) EXPECT_LT(present, kObjects) << "the first backup did not overlap the writer";
+        previous = present;
+        const Result copied = runRaw({"--catalog", b, "--user", "alice", "--json", "tree"});
+        const Result original = as("alice", {"--json", "tree"});
+        EXPECT_EQ(copied.status, 0) << copied;
+        EXPECT_EQ(copied.out, original.out);
+    }
+}
+
+TEST_F(FavoritesToolFiles, BackupNeverOverwritesAFileAndLeavesNoPartialCopy) {
+    makeDemo();
+    const fs::path target = m_dir / "taken.db";
+    writeFile(target, "mine");
+    Result r = run({"catalog", "backup", target.string()});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_NE(r.err.find("never overwrites"), std::string::npos) << r;
+    EXPECT_EQ(readFile(target), "mine");
+    r = run({"catalog", "backup", (m_dir / "missing-dir" / "b.db").string()});
+    EXPECT_EQ(r.status, 3) << r;
+    for (const std::string& name : filesIn(m_dir)) EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
 }
 
 }  // namespace

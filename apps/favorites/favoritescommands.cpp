@@ -268,9 +268,10 @@ void addReplaceJson(CLI::App& app, const GlobalOptions& options, CommandSet& com
                 "'export --format json' writes this format.");
     cmd->add_option("FILE", *file, "The JSON file, or - for standard input")->required();
     commands.add(cmd, [&options, file] {
-        const String text = inputText(readInput(*file), *file == "-" ? "standard input" : *file);
-        if (!isJsonArray(text)) throw InputError((*file == "-" ? std::string("standard input") : *file) +
-                                                 ": not a JSON array of favorites items");
+        const std::string name = *file == "-" ? std::string("standard input") : *file;
+        const String text = inputText(readInput(*file), name);
+        const JsonReplacementProblem problem = jsonReplacementProblem(text);
+        if (problem != JsonReplacementProblem::kNone) throw InputError(name + ": " + describe(problem));
         FavoritesSession s(options, Intent::kWrite);
         check(s.manager().updateAll(text), inputItemLabel(*file));
         printReplaced(options, s);
@@ -309,7 +310,7 @@ void addExport(CLI::App& app, const GlobalOptions& options, CommandSet& commands
         FavoritesSession s(options, Intent::kRead);
         const FavoritesItems items = topLevelItems(s);
         const bool json = format->empty() ? options.json : *format == "json";
-        print(json ? exportJson(items) : exportXml(items));
+        printRaw(json ? exportJson(items) : exportXml(items));
     });
 }
 

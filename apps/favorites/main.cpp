@@ -19,15 +19,18 @@
 #include "qz/webcatalog/itemname.h"
 #include "qz/webfavorites/favoritesmanager.h"
 #include "session.h"
+#include "storeopen.h"
+#include "textinput.h"
 #include "toolerrors.h"
 
 namespace kiv::tool {
 
-void print(const std::string& text) { std::cout << text; }
+void print(const std::string& text) { std::cout << terminalText(text, true); }
+void printRaw(const std::string& bytes) { std::cout << bytes; }
 
 namespace {
 
-void error(const std::string& text) { std::cerr << "favorites: " << text << "\n"; }
+void error(const std::string& text) { std::cerr << "favorites: " << terminalText(text) << "\n"; }
 
 // Reports a change the tool refused to store because the favorites it
 // would have stored could not be read back; true when there was one.
@@ -39,26 +42,6 @@ bool refusedWrite() {
     return true;
 }
 
-std::string catalogFailureText(const catalog::CatalogException& e, const GlobalOptions& options) {
-    const catalog::ReturnCode code = e.getCode();
-    std::string text = std::string("catalog error ") + catalog::returnCodeName(code) + " at '" +
-                       e.getPath().toUtf8() + "': " + catalog::returnCodeDescription(code).toUtf8();
-    if (code == catalog::kErrorCatalogNotFound)
-        text += " (create it with 'favorites --catalog " + storeDisplayName(options.catalogFile) + " catalog init' or 'catalog demo')";
-    if (isPostgresStore(options.catalogFile)) {
-        // The database's own account of the failure (unreachable, refused,
-        // another schema) is the useful part.
-        const std::string what = e.what();
-        const std::size_t open = what.find(" (");
-        if ((code == catalog::kErrorLoadingCatalog || code == catalog::kErrorCatalogNotFound) &&
-            open != std::string::npos && what.back() == ')')
-            text += " (" + what.substr(open + 2, what.size() - open - 3) + ")";
-    } else if (code == catalog::kErrorLoadingCatalog) {
-        text += " (the file is not a catalog of this system; it was left as it is)";
-    }
-    return text;
-}
-
 int run(int argc, char** argv) {
     GlobalOptions options;
     CLI::App app("Keep users' favorites: categories of links to reports and dashboards of a catalog.\n"
@@ -66,6 +49,10 @@ int run(int argc, char** argv) {
                  "administer the catalog file. Options may stand before or after the command.",
                  "favorites");
     app.set_help_all_flag("--help-all", "Show the help of every command");
+    // Parse errors quote the arguments: escape what a terminal would act on.
+    app.failure_message([](const CLI::App* a, const CLI::Error& e) {
+        return terminalText(CLI::FailureMessage::simple(a, e), true);
+    });
     app.require_subcommand(1);
     app.fallthrough();
     app.add_option("--catalog", options.catalogFile, "Catalog file, or a PostgreSQL catalog as a postgresql:// connection URI (default: $KIV_CATALOG, else ./catalog.db)")
@@ -120,7 +107,7 @@ int run(int argc, char** argv) {
         return exitStatusFor(e.code());
     } catch (const catalog::CatalogException& e) {
         if (refusedWrite()) return kExitInputError;
-        error(catalogFailureText(e, options));
+        error(catalogFailureText(e, options.catalogFile));
         return kExitCatalogError;
     } catch (const catalog::CatalogNameException& e) {
         error(std::string("invalid name or path: ") + e.what());

@@ -22,7 +22,7 @@ std::unique_ptr<catalog::ManagedCatalog> openCatalog(const GlobalOptions& option
         // SQLite would open a directory's name as an empty database; say what it is instead.
         std::error_code ec;
         if (std::filesystem::is_directory(options.catalogFile, ec))
-            throw catalog::CatalogException(catalog::kErrorLoadingCatalog, fileText);
+            throw catalog::CatalogException(catalog::kErrorLoadingCatalog, fileText, String(L"it is a directory"));
         store = openStore(options.catalogFile, mode == OpenMode::kCreate);
     }
     keepFavoritesHistory(*store, options.historyVersions);
@@ -51,10 +51,11 @@ FavoritesSession::FavoritesSession(const GlobalOptions& options, Intent intent, 
     m_manager = openFavoritesManager(*m_readBack, m_user, m_favoritesPath, m_lock ? nullptr : m_catalog.get());
     const std::string problem = storedFavoritesProblem(*m_catalog, m_user, m_favoritesPath);
     if (!problem.empty())
-        std::cerr << "favorites: warning: the stored favorites at " << m_favoritesPath.toUtf8()
-                  << " cannot be read (" << problem
-                  << "), so they show as empty and a change would store over them; 'favorites history' "
-                     "lists the versions kept and 'favorites restore N' puts one back\n";
+        std::cerr << terminalText("favorites: warning: the stored favorites at " + m_favoritesPath.toUtf8() +
+                                  " cannot be read (" + problem +
+                                  "), so they show as empty and a change would store over them; 'favorites "
+                                  "history' lists the versions kept and 'favorites restore N' puts one back")
+                  << "\n";
 }
 
 }  // namespace kiv::tool

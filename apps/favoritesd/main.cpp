@@ -14,6 +14,7 @@
 
 #include "httpserver.h"
 #include "storeopen.h"
+#include "textinput.h"
 #include "service.h"
 #include "settings.h"
 
@@ -145,12 +146,7 @@ int run(int argc, char** argv) {
         std::cerr << "favoritesd: stopped" << std::endl;
         return 0;
     } catch (const kiv::catalog::CatalogException& e) {
-        std::cerr << "favoritesd: catalog error " << kiv::catalog::returnCodeName(e.getCode()) << " at '"
-                  << e.getPath().toUtf8() << "': " << kiv::catalog::returnCodeDescription(e.getCode()).toUtf8();
-        if (e.getCode() == kiv::catalog::kErrorCatalogNotFound)
-            std::cerr << " (create it with 'favorites --catalog " << kiv::host::storeDisplayName(s.catalog)
-                      << " catalog init' or 'catalog demo')";
-        std::cerr << "\n";
+        std::cerr << "favoritesd: " << kiv::host::terminalText(kiv::host::catalogFailureText(e, s.catalog)) << "\n";
         return 3;
     } catch (const std::exception& e) {
         std::cerr << "favoritesd: " << e.what() << "\n";

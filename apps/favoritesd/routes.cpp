@@ -293,7 +293,14 @@ HttpResponse putFavorites(Call& call) {
     const String text = host::inputText(call.request.body, "the request body");
     // The library would take any other text as an empty tree: refuse it here,
     // before anything is replaced.
-    if (!host::isJsonArray(text)) throw FavoritesFailure(favorites::kErrorInvalidFavoritesJson, "");
+    switch (const host::JsonReplacementProblem problem = host::jsonReplacementProblem(text)) {
+        case host::JsonReplacementProblem::kNone: break;
+        case host::JsonReplacementProblem::kNotJson:
+        case host::JsonReplacementProblem::kNotArray: throw FavoritesFailure(favorites::kErrorInvalidFavoritesJson, "");
+        default:
+            throw ApiError(400, problem == host::JsonReplacementProblem::kTooDeep ? "jsonTooDeep" : "jsonTooLarge",
+                           "the request body is " + host::describe(problem) + "; the favorites were left as they are");
+    }
     FavoritesManager& m = call.manager;
     check(withOneRetry([&] { return m.updateAll(text); }), String(L"the request body"));
     int categories = 0, objects = 0;

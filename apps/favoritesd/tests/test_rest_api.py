@@ -863,6 +863,15 @@ class EditTests(harness.ServerTestCase):
                 self.assertError(r, 400, None)
                 self.assertEqual(self.tree(u), WEEKLY_ITEMS)
 
+    def test_put_of_an_array_nested_past_the_json_reader_is_refused_naming_the_depth(self):
+        u = self.fresh_user()
+        self.assertStatus(self.put(API + "/favorites", WEEKLY, auth=u), 200)
+        body = b"[" * 600 + b"]" * 600
+        r = self.req("PUT", API + "/favorites", body=body, auth=u)
+        self.assertError(r, 400, "server", name="jsonTooDeep")
+        self.assertIn("nested deeper than 512 levels", self.assertJson(r, 400)["error"]["message"])
+        self.assertEqual(self.tree(u), WEEKLY_ITEMS)
+
     def test_put_drops_items_the_user_cannot_read(self):
         u = self.fresh_user()
         text = [

@@ -145,8 +145,17 @@ public:
     void setHistoryPolicy(HistoryPolicy policy) override;
     std::vector<Version> versions(const AccountToken& user, const Path& path) override;
     Version readVersion(const AccountToken& user, const Path& path, std::int64_t number, std::string& body) override;
-    // SQLite's integrity check: "ok" when the store is sound.
+    // SQLite's integrity check: "ok" when the store is sound, else what it
+    // found, one problem a line.
     std::string integrityCheck();
+    // Copies the whole catalog into a new file `target` through SQLite's
+    // online backup: one consistent snapshot, taken while other connections
+    // and processes go on writing (a WAL reader blocks no writer). The copy
+    // is written beside `target` under a temporary name, checked, synced and
+    // then renamed, so `target` is either absent or a whole catalog. Raises
+    // CatalogException: kErrorItemAlreadyExists when `target` exists (it is
+    // never overwritten), kErrorIO when it cannot be written.
+    void backupTo(const std::string& target);
     // The file name, or ":memory:".
     const std::string& fileName() const noexcept;
 

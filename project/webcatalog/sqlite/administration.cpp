@@ -2,7 +2,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <cstring>
 
 #include "store.h"
 
@@ -461,16 +464,90 @@ std::unique_ptr<WriteLock> SqliteCatalog::lockForWriting(const Path& path) {
 std::string SqliteCatalog::integrityCheck() {
     return adminCall(*m_impl, kpBlank, [&] {
         Impl::Lease c(*m_impl);
-        Query q(*c, "PRAGMA integrity_check");
         std::string result;
-        while (q.step()) {
+        try {
+            Query q(*c, "PRAGMA integrity_check");
+            while (q.step()) {
+                if (!result.empty()) result.push_back('\n');
+                result.append(q.textAt(0));
+            }
+        } catch (const SqlError& e) {
+            // Damage can stop the check itself; that is its finding.
+            if ((e.rc & 0xff) != SQLITE_CORRUPT && (e.rc & 0xff) != SQLITE_NOTADB) throw;
             if (!result.empty()) result.push_back('\n');
-            result.append(q.textAt(0));
+            result.append(e.message);
         }
         return result;
     });
 }
 
+void SqliteCatalog::backupTo(const std::string& target) {
+    const auto fail = [&](ReturnCode code, const std::string& why) {
+        throw CatalogException(code, fromUtf8(target), fromUtf8(why));
+    };
+    struct stat st;
+    if (::lstat(target.c_str(), &st) == 0) fail(kErrorItemAlreadyExists, "the file exists; a backup never overwrites one");
+    const std::string partial = target + ".partial-" + std::to_string(::getpid());
+    struct Removal {
+        const std::string& file;
+        bool keep = false;
+        ~Removal() {
+            if (!keep) {
+                ::unlink(file.c_str());
+                ::unlink((file + "-journal").c_str());
+            }
+        }
+    } removal{partial};
+    sqlite3* copy = nullptr;
+    struct Closer {
+        sqlite3*& db;
+        ~Closer() { sqlite3_close(db); }
+    } closer{copy};
+    if (sqlite3_open_v2(partial.c_str(), &copy, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE,
+                        nullptr) != SQLITE_OK)
+        fail(kErrorIO, "cannot create \"" + partial + "\": " + (copy ? sqlite3_errmsg(copy) : "out of memory"));
+    adminCall(*m_impl, kpBlank, [&] {
+        Impl::Lease c(*m_impl);
+        sqlite3_backup* b = sqlite3_backup_init(copy, "main", c->db, "main");
+        if (!b) fail(kErrorIO, std::string("cannot start the backup: ") + sqlite3_errmsg(copy));
+        // One step copies every page under one read transaction: a
+        // consistent snapshot that writers in WAL mode do not wait for.
+        const int rc = sqlite3_backup_step(b, -1);
+        sqlite3_backup_finish(b);
+        if (rc != SQLITE_DONE) fail(kErrorIO, std::string("the backup failed: ") + sqlite3_errstr(rc));
+    });
+    char* err = nullptr;
+    std::string check;
+    const auto collect = [](void* out, int, char** values, char**) {
+        auto* text = static_cast<std::string*>(out);
+        if (!text->empty()) text->push_back('\n');
+        text->append(values[0] ? values[0] : "");
+        return 0;
+    };
+    if (sqlite3_exec(copy, "PRAGMA quick_check", collect, &check, &err) != SQLITE_OK || check != "ok") {
+        const std::string why = err ? err : check;
+        sqlite3_free(err);
+        fail(kErrorIO, "the copy does not pass SQLite's check: " + why);
+    }
+    sqlite3_close(copy);
+    copy = nullptr;
+    const int fd = ::open(partial.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool synced = fd >= 0 && ::fsync(fd) == 0;
+    if (fd >= 0) ::close(fd);
+    if (!synced) fail(kErrorIO, "cannot sync \"" + partial + "\": " + std::strerror(errno));
+    // link() rather than rename(): it fails instead of replacing a file
+    // that appeared at `target` meanwhile.
+    if (::link(partial.c_str(), target.c_str()) != 0)
+        fail(errno == EEXIST ? kErrorItemAlreadyExists : kErrorIO,
+             "cannot create \"" + target + "\": " + std::strerror(errno));
+    const std::string::size_type slash = target.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : target.substr(0, slash);
+    const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd >= 0) {
+        ::fsync(dirFd);
+        ::close(dirFd);
+    }
+}
 
 // --- history ---------------------------------------------------------------
 

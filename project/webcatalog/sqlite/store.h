@@ -35,8 +35,10 @@
 
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <atomic>
 #include <bitset>
 #include <condition_variable>
@@ -547,15 +549,47 @@ struct SqliteCatalog::Impl {
         }
     }
 
+    // Names what keeps this process from using the file before SQLite is
+    // asked to, which would give "unable to open database file" at best and
+    // otherwise open it read-only and leave -wal and -shm files behind. The
+    // catalog writes to the file, and to its -wal and -shm files beside it,
+    // even to read: a file or directory this user cannot write is
+    // reported as a read-only catalog.
+    void checkFileAccess() const {
+        const auto readOnly = [&](const std::string& why) {
+            throw CatalogException(kErrorCatalogReadOnly, fromUtf8(file),
+                                   fromUtf8("catalog file \"" + file + "\": " + why));
+        };
+        const std::string::size_type slash = file.rfind('/');
+        const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+        struct stat st;
+        if (::stat(file.c_str(), &st) != 0) {
+            if (errno != ENOENT) loadingError(std::strerror(errno));
+            if (!options.create)
+                throw CatalogException(kErrorCatalogNotFound, fromUtf8(file),
+                                       fromUtf8("catalog file \"" + file + "\" does not exist"));
+            if (::access(dir.c_str(), W_OK) != 0)
+                readOnly("cannot be created: the directory \"" + dir + "\" is not writable for this user (" +
+                         std::strerror(errno) + ")");
+            return;
+        }
+        if (::access(file.c_str(), R_OK) != 0) loadingError(std::string("cannot be read: ") + std::strerror(errno));
+        if (::access(file.c_str(), W_OK) != 0)
+            readOnly(std::string("the file is read-only for this user (") + std::strerror(errno) +
+                     "); the catalog writes to it even to read");
+        if (::access(dir.c_str(), W_OK) != 0) {
+            const std::string cause = std::strerror(errno);
+            for (const char* beside : {"-wal", "-shm"})
+                if (::access((file + beside).c_str(), R_OK | W_OK) != 0)
+                    readOnly("the directory \"" + dir + "\" is not writable for this user (" + cause +
+                             ") and the catalog keeps its " + beside + " file there");
+        }
+    }
+
     // Checks the store before anything is written to it, creating the schema
     // in an empty one.
     void openStore() {
-        if (!inMemory && !options.create) {
-            struct stat st;
-            if (::stat(file.c_str(), &st) != 0)
-                throw CatalogException(kErrorCatalogNotFound, fromUtf8(file),
-                                       fromUtf8("catalog file \"" + file + "\" does not exist"));
-        }
+        if (!inMemory) checkFileAccess();
         auto c = connect();
         std::int64_t tables = pragmaValue(*c, "SELECT count(*) FROM sqlite_schema");
         std::int64_t appId = pragmaValue(*c, "PRAGMA application_id");
