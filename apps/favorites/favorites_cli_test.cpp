@@ -9,6 +9,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <random>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +25,7 @@
 #include <gtest/gtest.h>
 #include <simdjson.h>
 
+#include "favoritesdocument.h"
 #include "passwords.h"
 #include "qz/webcatalog/sqlitecatalog.h"
 
@@ -1185,6 +1189,190 @@ TEST_F(FavoritesToolFiles, BackupNeverOverwritesAFileAndLeavesNoPartialCopy) {
     r = run({"catalog", "backup", (m_dir / "missing-dir" / "b.db").string()});
     EXPECT_EQ(r.status, 3) << r;
     for (const std::string& name : filesIn(m_dir)) EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
+}
+
+}  // namespace
+
+// --- a writer killed at any moment ------------------------------------------------
+
+namespace {
+
+class FavoritesToolCrash : public FavoritesTool {
+protected:
+    // Starts the tool on the test's catalog in the background, its output
+    // thrown away; in a process group of its own, so that a shell and every
+    // tool it started can be killed together.
+    pid_t start(const std::vector<std::string>& args, const char* program = kTool) {
+        std::vector<std::string> argStrings{program};
+        if (program == kTool) argStrings.insert(argStrings.end(), {"--catalog", m_catalog});
+        argStrings.insert(argStrings.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& a : argStrings) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addchdir_np(&actions, m_dir.c_str());
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+        posix_spawnattr_setpgroup(&attr, 0);
+        pid_t pid = 0;
+        const int rc = posix_spawnp(&pid, argv[0], &actions, &attr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attr);
+        EXPECT_EQ(rc, 0) << std::strerror(rc);
+        return pid;
+    }
+    static int wait(pid_t pid) {
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        return status;
+    }
+    // Kills the process group of `pid` after `delay`; true when it was
+    // killed before it ended by itself.
+    static bool killAfter(pid_t pid, std::chrono::microseconds delay) {
+        std::this_thread::sleep_for(delay);
+        ::kill(-pid, SIGKILL);
+        const int status = wait(pid);
+        return WIFSIGNALED(status);
+    }
+
+    struct Stored {
+        std::string body;
+        std::vector<std::string> versions;  // the kept bodies, newest first
+    };
+    Stored stored() {
+        kiv::catalog::SqliteCatalog c(m_catalog);
+        Stored s;
+        const kiv::catalog::Path path(kiv::String(L"/users/alice/favorites"));
+        s.body = c.readRaw(path);
+        const kiv::AccountToken alice = c.tokenFor(L"alice");
+        for (const auto& v : c.versions(alice, path)) {
+            std::string body;
+            c.readVersion(alice, path, v.number, body);
+            s.versions.push_back(body);
+        }
+        return s;
+    }
+    std::string integrity() { return kiv::catalog::SqliteCatalog(m_catalog).integrityCheck(); }
+
+    // After a kill: the catalog is sound and the stored favorites load.
+    // Either the write did not happen (the favorites and the history are
+    // as before) or it did (the history is the one before with the
+    // favorites before on top, the oldest pruned past the count kept).
+    void expectWholeAfterKill(const Stored& before, const std::string& where, bool* wrote) {
+        EXPECT_EQ(integrity(), "ok") << where;
+        const Stored after = stored();
+        const kiv::host::FavoritesDocumentCheck check = kiv::host::checkFavoritesDocument(after.body);
+        EXPECT_TRUE(check.readable()) << where << ": " << check.problem;
+        *wrote = after.versions != before.versions;
+        if (!*wrote) {
+            EXPECT_TRUE(after.body == before.body) << where << ": the favorites changed without a version kept";
+            return;
+        }
+        std::vector<std::string> expected = before.versions;
+        expected.insert(expected.begin(), before.body);
+        if (expected.size() > kKept) expected.resize(kKept);
+        EXPECT_TRUE(after.versions == expected) << where << ": the history is not the one before with the replaced "
+                                                           "favorites on top";
+    }
+
+    static constexpr std::size_t kKept = 20;
+};
+
+// A JSON tree of `n` categories named PREFIX0.., each holding a catalog object.
+std::string bigTree(const std::string& prefix, int n) {
+    std::string json = "[";
+    for (int i = 0; i < n; ++i) {
+        if (i) json += ",";
+        json += R"({"type":"1","name":")" + prefix + std::to_string(i) +
+                R"(","children":[{"type":"0","path":"/shared/Common/Company KPIs"}]})";
+    }
+    return json + "]";
+}
+
+TEST_F(FavoritesToolCrash, AWriterKilledDuringLargeReplacementsLeavesTheOldOrTheNewTreeWholeAndTheHistoryIntact) {
+    makeDemo();
+    const std::vector<std::string> files = {(m_dir / "a.json").string(), (m_dir / "b.json").string()};
+    writeFile(files[0], bigTree("A", 3000));
+    writeFile(files[1], bigTree("B", 4000));
+    // How long one replacement of a large tree by another takes
+    // uninterrupted, to spread the kills over it and a little past it.
+    ASSERT_EQ(as("alice", {"replace-json", files[0]}).status, 0);
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(wait(start({"--user", "alice", "replace-json", files[1]})), 0);
+    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0);
+    std::mt19937 random(20261124);
+    std::uniform_int_distribution<long> delay(0, took.count() * 5 / 4);
+    int killed = 0, writtenBeforeKill = 0;
+    for (int i = 0; i < 40; ++i) {
+        const Stored before = stored();
+        const long us = delay(random);
+        const bool wasKilled = killAfter(start({"--user", "alice", "replace-json", files[i % 2]}), std::chrono::microseconds(us));
+        killed += wasKilled;
+        bool wrote = false;
+        expectWholeAfterKill(before, "run " + std::to_string(i) + ", killed after " + std::to_string(us) + " us", &wrote);
+        writtenBeforeKill += wasKilled && wrote;
+        // The tree is whole: one of the two inputs, all of it.
+        const std::string t = tree("alice");
+        const bool a = t.rfind("A0[", 0) == 0;
+        EXPECT_TRUE(a || t.rfind("B0[", 0) == 0) << t.substr(0, 80);
+        EXPECT_NE(t.find(a ? "A2999[" : "B3999["), std::string::npos) << "run " << i << ": the tree is not whole";
+        EXPECT_EQ(t.find(a ? "A3000[" : "B4000["), std::string::npos) << "run " << i;
+    }
+    // The kills fell while the tool was running (most before its commit; a
+    // few, two or three in 40 here, between its commit and its exit).
+    EXPECT_GE(killed, 10);
+    RecordProperty("killed", killed);
+    RecordProperty("writtenBeforeKill", writtenBeforeKill);
+}
+
+TEST_F(FavoritesToolCrash, AWriterKilledDuringASeriesOfEditsLeavesEveryEditWholeAndTheHistoryIntact) {
+    makeDemo();
+    ASSERT_EQ(as("alice", {"replace-json", "-"}, "[]").status, 0);
+    std::mt19937 random(11242026);
+    std::uniform_int_distribution<long> delay(0, 400000);
+    int made = 0;
+    for (int i = 0; i < 12; ++i) {
+        const Stored before = stored();
+        // A series of edits, each a process of its own, killed with the shell.
+        std::string script;
+        for (int k = 0; k < 20; ++k)
+            script += std::string("\"") + kTool + "\" --catalog \"" + m_catalog + "\" --user alice mkcat E" +
+                      std::to_string(made + k) + " && ";
+        script += "true";
+        const long us = delay(random);
+        killAfter(start({"-c", script}, "/bin/sh"), std::chrono::microseconds(us));
+        EXPECT_EQ(integrity(), "ok") << "series " << i;
+        const Stored after = stored();
+        EXPECT_TRUE(kiv::host::checkFavoritesDocument(after.body).readable()) << "series " << i;
+        // The categories are E0..En with no gap: each edit stored whole or not at all.
+        const Result r = as("alice", {"--json", "ls"});
+        ASSERT_EQ(r.status, 0) << r;
+        int n = 0;
+        for (auto item : json(r)["items"].get_array()) {
+            EXPECT_EQ(std::string(std::string_view(item["name"].get_string())), "E" + std::to_string(n)) << "series " << i;
+            ++n;
+        }
+        EXPECT_GE(n, made);
+        // Every version kept loads; each edit stored put one on top, and the
+        // versions before are all still there under them (past the count
+        // kept, the oldest pruned).
+        for (const std::string& v : after.versions)
+            EXPECT_TRUE(kiv::host::checkFavoritesDocument(v).readable()) << "series " << i;
+        const std::size_t added = static_cast<std::size_t>(n - made);
+        std::vector<std::string> kept = before.versions;
+        if (added > 0) kept.insert(kept.begin(), before.body);
+        const std::size_t under = added > 0 ? added - 1 : 0;
+        ASSERT_GE(after.versions.size(), std::min(kKept, under + kept.size())) << "series " << i;
+        for (std::size_t k = 0; k + under < kKept && k < kept.size(); ++k)
+            EXPECT_EQ(after.versions[under + k], kept[k]) << "series " << i << ", version " << k;
+        made = n;
+    }
+    EXPECT_GT(made, 0);
 }
 
 }  // namespace
