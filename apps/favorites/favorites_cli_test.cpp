@@ -971,6 +971,117 @@ TEST_F(FavoritesTool, TheDeepestTreeTheJsonInputTakesIsStoredAndReadBackWhole) {
     EXPECT_TRUE(as("alice", {"is", "/shared/Common/Company KPIs"}).status == 0);
 }
 
+TEST_F(FavoritesTool, TheLargestJsonTheReaderTakesIsStoredAndReadBackEqual) {
+    makeDemo();
+    // Categories, each holding a catalog object, up to one byte short of
+    // the JSON reader's 16 MiB; the export reads back the same text.
+    const std::string last = ",{\"type\":\"1\",\"name\":\"C0000000\",\"children\":[{\"type\":\"0\",\"path\":\"/shared/Common/Company KPIs\"}]}";
+    std::string text = "[";
+    int n = 0;
+    char name[16];
+    while (text.size() + last.size() + 1 < 16u * 1024u * 1024u) {
+        std::snprintf(name, sizeof name, "C%07d", n);
+        if (n++) text += ",";
+        text += std::string("{\"type\":\"1\",\"name\":\"") + name +
+                "\",\"children\":[{\"type\":\"0\",\"path\":\"/shared/Common/Company KPIs\"}]}";
+    }
+    text += "]";
+    ASSERT_LT(text.size(), 16u * 1024u * 1024u);
+    ASSERT_GT(text.size(), 16u * 1024u * 1024u - last.size() - 1);
+    const Result r = as("alice", {"replace-json", "-"}, text);
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_NE(r.out.find(std::to_string(n) + " categories, " + std::to_string(n) + " catalog objects"), std::string::npos) << r;
+    const Result exported = as("alice", {"export", "--format", "json"});
+    EXPECT_EQ(exported.err, "");
+    EXPECT_TRUE(exported.out == text + "\n") << "the export differs from the input";
+}
+
+// A SOAP updateFavorites envelope around `items`.
+std::string soapEnvelope(const std::string& items) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+           "<SOAP-ENV:Envelope xmlns:SOAP-ENV=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+           "xmlns:fav=\"urn:kiv:favorites\"><SOAP-ENV:Body><fav:updateFavorites>" +
+           items + "</fav:updateFavorites></SOAP-ENV:Body></SOAP-ENV:Envelope>";
+}
+
+std::string soapCategoryOpen(const std::string& name, const std::string& path) {
+    return "<favoriteItem><name>" + name + "</name><path>" + path + "</path><type>1</type>";
+}
+
+std::string soapObject(const std::string& name, const std::string& path, const std::string& catalogPath) {
+    return "<favoriteItem><name>" + name + "</name><path>" + path + "</path><type>0</type><catalogPath>" +
+           catalogPath + "</catalogPath></favoriteItem>";
+}
+
+// Categories c0 > c1 > ... nested `depth` deep around a catalog object, and
+// a sibling category Keep after them.
+std::string deepSoap(int depth) {
+    std::string items, path = "/root";
+    for (int n = 0; n < depth; ++n) {
+        path += "/c" + std::to_string(n);
+        items += soapCategoryOpen("c" + std::to_string(n), path);
+    }
+    items += soapObject("Company KPIs", path + "/Company KPIs", "/shared/Common/Company KPIs");
+    for (int n = 0; n < depth; ++n) items += "</favoriteItem>";
+    items += soapCategoryOpen("Keep", "/root/Keep") + "</favoriteItem>";
+    return soapEnvelope(items);
+}
+
+TEST_F(FavoritesTool, TheDeepestTreeTheSoapInputTakesIsStoredAndReadBackWhole) {
+    makeDemo();
+    // Of the 128 levels the request reader takes, Envelope, Body and the
+    // operation are three, each category is one more, and the catalog
+    // object inside the deepest one two (its item and the item's fields).
+    constexpr int kDepth = 123;
+    const Result r = as("alice", {"replace-soap", "-"}, deepSoap(kDepth));
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_EQ(as("alice", {"tree"}).err, "");
+    const std::string t = tree("alice");
+    EXPECT_NE(t.find("c" + std::to_string(kDepth - 1) + "[ /shared/Common/Company KPIs ]"), std::string::npos) << t;
+    EXPECT_NE(t.find("Keep[]"), std::string::npos);
+    // One level deeper is refused before anything is replaced.
+    const Result deeper = as("alice", {"replace-soap", "-"}, deepSoap(kDepth + 1));
+    EXPECT_EQ(deeper.status, 4) << deeper;
+    EXPECT_NE(deeper.err.find("deeper than 128 levels"), std::string::npos) << deeper;
+    EXPECT_EQ(tree("alice"), t);
+}
+
+TEST_F(FavoritesTool, TheLargestSoapEnvelopeTheReaderTakesIsStoredAndReadBackWhole) {
+    makeDemo();
+    // Categories each holding a catalog object, up to the request reader's
+    // 8 MiB.
+    std::string items;
+    int n = 0;
+    const std::size_t room = 8u * 1024u * 1024u - soapEnvelope("").size();
+    for (;;) {
+        const std::string name = "S" + std::to_string(n);
+        const std::string item = soapCategoryOpen(name, "/root/" + name) +
+                                 soapObject("Company KPIs", "/root/" + name + "/Company KPIs", "/shared/Common/Company KPIs") +
+                                 "</favoriteItem>";
+        if (items.size() + item.size() > room) break;
+        items += item;
+        ++n;
+    }
+    const std::string envelope = soapEnvelope(items);
+    ASSERT_LE(envelope.size(), 8u * 1024u * 1024u);
+    const Result r = as("alice", {"replace-soap", "-"}, envelope);
+    ASSERT_EQ(r.status, 0) << r;
+    EXPECT_NE(r.out.find(std::to_string(n) + " categories, " + std::to_string(n) + " catalog objects"), std::string::npos) << r;
+    // Read back by a fresh process: every category, in order, whole.
+    const Result exported = as("alice", {"export", "--format", "json"});
+    EXPECT_EQ(exported.err, "");
+    std::string expected = "[";
+    for (int i = 0; i < n; ++i)
+        expected += std::string(i ? "," : "") + "{\"type\":\"1\",\"name\":\"S" + std::to_string(i) +
+                    "\",\"children\":[{\"type\":\"0\",\"path\":\"/shared/Common/Company KPIs\"}]}";
+    expected += "]\n";
+    EXPECT_TRUE(exported.out == expected) << "the export differs from the envelope's tree";
+    // A byte more than the reader takes is refused with the reason.
+    const Result larger = as("alice", {"replace-soap", "-"}, envelope + std::string(8u * 1024u * 1024u - envelope.size() + 1, ' '));
+    EXPECT_EQ(larger.status, 4) << larger;
+    EXPECT_EQ(as("alice", {"export", "--format", "json"}).out, expected);
+}
+
 TEST_F(FavoritesTool, FavoritesPointingAtAnObjectOfAnotherKindAreNeverWrittenOverIt) {
     makeDemo();
     const std::string report = stored("/shared/Common/Company KPIs");
