@@ -144,6 +144,24 @@ class HistoryTests(harness.ServerTestCase):
         self.assertStatus(r, 400)
         self.assertEqual(self.paths(u), [PIPELINE])
 
+    def test_the_largest_tree_a_put_can_carry_is_stored_and_read_back_equal(self):
+        # Categories each holding a catalog object, up to one byte short of
+        # the 16 MiB that both the default --max-body and the JSON reader take.
+        u = self.fresh_user()
+        entry = '{"type":"1","name":"C%07d","children":[{"type":"0","path":"' + KPIS + '"}]}'
+        parts, size, n = [], 2, 0
+        while size + len(entry % n) + 1 < 16 * 1024 * 1024:
+            parts.append(entry % n)
+            size += len(parts[-1]) + 1
+            n += 1
+        text = ("[" + ",".join(parts) + "]").encode()
+        self.assertLess(len(text), 16 * 1024 * 1024)
+        r = self.req("PUT", API + "/favorites", body=text, auth=u)
+        self.assertEqual(self.assertJson(r, 200)["categories"], n)
+        exported = self.get(API + "/favorites/export?format=json", auth=u)
+        self.assertStatus(exported, 200)
+        self.assertTrue(exported.body.rstrip(b"\n") == text, "the export differs from the tree sent")
+
 
 if __name__ == "__main__":
     unittest.main()
