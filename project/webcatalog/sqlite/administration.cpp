@@ -298,7 +298,7 @@ std::vector<SqliteCatalog::Entry> listEntries(SqliteCatalog::Impl& impl, const P
         adminFail(store::unreadableItemCode(p, [&](std::string_view q) { return SqliteCatalog::Impl::rightsOf(*c, *reader, q); }),
                   folder);
     if (kind != kKindFolder) adminFail(kErrorFolderExpected, folder);
-    Query q(*c, "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path");
+    Query q(*c, kStListChildren);
     q.text(1, p);
     while (q.step()) {
         if (reader && !mayRead(SqliteCatalog::Impl::rightsOf(*c, *reader, q.textAt(0))))

@@ -108,6 +108,7 @@ enum StmtId {
     kStVersionCandidate,
     kStKeepVersion,
     kStPruneVersions,
+    kStListChildren,
     kStCount
 };
 
@@ -139,6 +140,7 @@ inline const char* const kStmtSql[kStCount] = {
     "SELECT i.path, COALESCE((SELECT max(version) FROM history WHERE path = ?1), 0) + 1, i.mtime, ?2, i.signature, "
     "COALESCE(b.data, x'') FROM items i LEFT JOIN bodies b ON b.id = i.body_id WHERE i.path = ?1",
     "DELETE FROM history WHERE path = ?1 AND version <= (SELECT max(version) FROM history WHERE path = ?1) - ?2",
+    "SELECT path, kind, mtime, signature, link_target, props FROM items WHERE parent = ?1 ORDER BY path",
 };
 
 inline const char* const kSchemaSql =
