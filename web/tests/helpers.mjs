@@ -191,9 +191,14 @@ export function launchBrowser() {
     });
 }
 
-/** A new browser context (its own cookies) and a page in it. */
-export async function openPage(browser, { viewport = DESKTOP } = {}) {
-    const context = await browser.newContext({ viewport, acceptDownloads: true });
+/**
+ * A new browser context (its own cookies) and a page in it; `locale` and
+ * `timezoneId` set the language and time zone the page sees.
+ */
+export async function openPage(browser, { viewport = DESKTOP, locale, timezoneId } = {}) {
+    const context = await browser.newContext({
+        viewport, acceptDownloads: true, ...(locale ? { locale } : {}), ...(timezoneId ? { timezoneId } : {}),
+    });
     context.setDefaultTimeout(ACTION_TIMEOUT);
     context.setDefaultNavigationTimeout(ACTION_TIMEOUT);
     const page = await context.newPage();

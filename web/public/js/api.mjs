@@ -4,8 +4,21 @@
 // in X-CSRF-Token. A failure becomes an ApiError whose message is the one the
 // server wrote into the error body (for favorites codes, the library's own
 // text), so that the page never has to show a bare status code.
+//
+// While the stored favorites cannot be read, every answer under
+// /api/v1/favorites (errors included) carries a top-level "warning"; the
+// listener set with onFavoritesWarning hears it, or '' once an answer comes
+// without one.
 
 let csrfToken = '';
+let warningListener = null;
+
+const FAVORITES_API = '/api/v1/favorites';
+
+/** Calls `listener(warning)` with the warning of every favorites answer ('' for none). */
+export function onFavoritesWarning(listener) {
+    warningListener = listener;
+}
 
 export function setCsrfToken(token) {
     csrfToken = token || '';
@@ -81,6 +94,10 @@ async function request(method, url, { json, text } = {}) {
             data = null;
         }
     }
+    if (warningListener && data && typeof data === 'object' && !Array.isArray(data)
+        && (url === FAVORITES_API || url.startsWith(`${FAVORITES_API}/`) || url.startsWith(`${FAVORITES_API}?`))) {
+        warningListener(typeof data.warning === 'string' ? data.warning : '');
+    }
     if (!response.ok) throw new ApiError(response.status, data, response.headers.get('Retry-After'));
     return data;
 }
@@ -126,5 +143,12 @@ export const removeCategory = (path) => request('DELETE', `/api/v1/favorites/cat
 
 /** Replaces the whole tree with `replacement` (an array in the replacement format). */
 export const replaceFavorites = (replacement) => request('PUT', '/api/v1/favorites', { text: JSON.stringify(replacement) });
+
+// History: the earlier versions kept of the favorites, newest first.
+
+export const getHistory = () => request('GET', `${FAVORITES_API}/history`);
+
+/** Writes version `n` back; the version it replaces is kept in turn. */
+export const restoreVersion = (n) => request('POST', `${FAVORITES_API}/history/${encodeURIComponent(String(n))}/restore`);
 
 export const exportUrl = (format) => `/api/v1/favorites/export${query({ format })}`;

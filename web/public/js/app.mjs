@@ -1,5 +1,6 @@
 // The favorites page: sign-in, the catalog browser with its stars, and the
-// favorites panel (the tree, its edits, filter, export and import).
+// favorites panel (the tree, its edits, filter, undo and history, export and
+// import).
 //
 // The page keeps the signed-in session, the catalog folder shown (in the
 // address's fragment, so that links, Back and reloads work) and the user's
@@ -7,6 +8,11 @@
 // for (add, remove, make a category) use it; rename, move and reorder build
 // the whole new tree here and send it with PUT /api/v1/favorites, after
 // checking that the stored tree is still the one the edit was made on.
+//
+// The server keeps the version every change replaces. Undo writes back the
+// newest of them; since that restore keeps the version it replaces in turn,
+// a second Undo undoes the first. The history dialog lists the versions and
+// restores any readable one.
 
 import * as api from './api.mjs';
 import { dialogOpen, showDialog } from './dialog.mjs';
@@ -51,6 +57,12 @@ const els = {
     catalogList: $('catalog-list'),
     favoritesHeading: $('favorites-heading'),
     newCategory: $('new-category'),
+    undo: $('undo'),
+    history: $('history'),
+    warning: $('favorites-warning'),
+    warningText: $('favorites-warning-text'),
+    warningResult: $('favorites-warning-result'),
+    restoreReadable: $('restore-readable'),
     filter: $('filter'),
     filterError: $('filter-error'),
     notice: $('favorites-notice'),
@@ -74,10 +86,15 @@ const state = {
     filter: '',
     filterKeep: null, // favorites paths the filter admits, while a filter is on
     rowError: null, // {key, message}: the failure of an action on one row
+    versions: null, // the kept versions as last read, newest first (null: not read yet)
+    versionsFailed: false, // the last reading of the versions failed
+    restoring: false, // an undo or restore is under way
+    warning: '', // why the stored favorites cannot be read, as the server says
 };
 
 let listingSequence = 0;
 let treeSequence = 0;
+let historySequence = 0;
 let busy = 0;
 let lastRefresh = 0;
 let dragging = '';
@@ -164,6 +181,10 @@ function showSignIn(message = '', status = '') {
     state.tree = [];
     state.treeLoaded = false;
     state.listing = null;
+    state.versions = null;
+    state.versionsFailed = false;
+    renderUndo();
+    showWarning('');
     api.setCsrfToken('');
     els.appView.hidden = true;
     els.account.hidden = true;
@@ -510,7 +531,7 @@ function openUnstarDialog(item, places) {
  */
 async function reloadTree() {
     const sequence = ++treeSequence;
-    const answer = await api.getFavorites();
+    const [answer] = await Promise.all([api.getFavorites(), loadVersions()]);
     if (sequence !== treeSequence || !state.session) return false;
     const changed = state.treeLoaded && fingerprint(answer.items ?? []) !== fingerprint(state.tree);
     state.tree = answer.items ?? [];
@@ -578,11 +599,11 @@ function renderTree() {
     const rearrange = !state.filter;
     const rows = items.map((item, index) => renderFavorite(item, items, index, null, rearrange));
     if (!rows.length) {
-        rows.push(h('li', { class: 'fav-empty muted' }, state.treeLoaded
-            ? (state.filter
-                ? 'None of your favorites match this filter.'
-                : 'You have no favorites yet. Use the star next to an item in the catalog to add it.')
-            : 'Loading your favorites…'));
+        let empty = 'Loading your favorites…';
+        if (state.warning) empty = 'Your stored favorites cannot be read, so none are shown.';
+        else if (state.treeLoaded && state.filter) empty = 'None of your favorites match this filter.';
+        else if (state.treeLoaded) empty = 'You have no favorites yet. Use the star next to an item in the catalog to add it.';
+        rows.push(h('li', { class: 'fav-empty muted' }, empty));
     }
     els.tree.replaceChildren(...rows);
     els.hint.textContent = rearrange
@@ -972,6 +993,215 @@ function endDrag() {
 }
 
 // ---------------------------------------------------------------------------
+// Undo, history, and stored favorites that cannot be read
+
+const TIME_FORMAT = new Intl.DateTimeFormat(undefined, { dateStyle: 'medium', timeStyle: 'medium' });
+
+/** A time the server writes (ISO 8601, UTC) in the reader's time zone and language. */
+function localTime(iso) {
+    const date = new Date(iso);
+    return Number.isNaN(date.getTime()) ? String(iso ?? '') : TIME_FORMAT.format(date);
+}
+
+/** The server's own lower-case texts as sentences. */
+function sentence(text) {
+    const trimmed = String(text ?? '').trim();
+    if (!trimmed) return '';
+    const capital = trimmed.charAt(0).toUpperCase() + trimmed.slice(1);
+    return /[.!?]$/.test(capital) ? capital : `${capital}.`;
+}
+
+/** "1 category and 3 favorites" for a version or a restore's answer. */
+function versionCounts({ categories, catalogObjects }) {
+    const text = describeCounts({ categories: categories ?? 0, objects: catalogObjects ?? 0 });
+    return text === 'nothing' ? 'no favorites' : text;
+}
+
+/**
+ * Reads which versions are kept, so that Undo is offered only when there is
+ * one. When this fails, Undo stays on: pressing it then says what is wrong.
+ */
+async function loadVersions() {
+    const sequence = ++historySequence;
+    let versions = null;
+    try {
+        versions = (await api.getHistory())?.versions ?? [];
+    } catch (error) {
+        // Reading the tree, at the same time, reports a lost session.
+        if (error.signedOut) return;
+    }
+    if (sequence !== historySequence || !state.session) return;
+    state.versions = versions;
+    state.versionsFailed = versions === null;
+    renderUndo();
+}
+
+/** Keeps the versions read along with an undo or a restore. */
+function keepVersions(versions) {
+    ++historySequence;
+    state.versions = versions;
+    state.versionsFailed = false;
+}
+
+function renderUndo() {
+    const newest = state.versions?.[0];
+    els.undo.disabled = !state.versionsFailed && !newest;
+    if (!state.versionsFailed && !newest) {
+        els.undo.title = 'There is no earlier version of your favorites to put back yet.';
+    } else {
+        const before = newest ? `the change of ${localTime(newest.replaced)}` : 'the last change';
+        els.undo.title = `Puts back your favorites as they were before ${before}. Pressing Undo again undoes the undo.`;
+    }
+}
+
+/** Writes version `n` back; one no longer kept (only the newest are) is said in words. */
+async function restoreVersion(n) {
+    try {
+        return await api.restoreVersion(n);
+    } catch (error) {
+        if (error.status === 404 && error.source === 'catalog') {
+            error.message = `Version ${n} is no longer kept. Open History to see the versions there are.`;
+        }
+        throw error;
+    }
+}
+
+/** Runs an undo or a restore of the page (not of a dialog), one at a time. */
+async function restoring(task, { onError }) {
+    if (state.restoring) return;
+    state.restoring = true;
+    state.rowError = null;
+    setMessage(els.notice, '');
+    setMessage(els.favoritesError, '');
+    setMessage(els.catalogStatus, '');
+    try {
+        await exclusive(task);
+    } catch (error) {
+        if (!handleCommon(error)) onError(error);
+    } finally {
+        state.restoring = false;
+        renderUndo();
+    }
+}
+
+/** Puts back the version the last change replaced. */
+function undoLastChange() {
+    return restoring(async () => {
+        const versions = (await api.getHistory())?.versions ?? [];
+        keepVersions(versions);
+        const newest = versions[0];
+        if (!newest) throw new Error('There is no earlier version of your favorites to put back.');
+        if (!newest.readable) {
+            throw new Error(`The last change replaced favorites that could not be read (${newest.problem ?? 'no reason given'}), `
+                + 'so Undo cannot put them back. Choose a readable version under History.');
+        }
+        const answer = await restoreVersion(newest.version);
+        await refreshAfterChange();
+        setMessage(els.notice, `Undid the last change: your favorites are back as they were before ${localTime(newest.replaced)} `
+            + `(${versionCounts(answer ?? {})}). Press Undo again to undo this.`);
+    }, { onError: (error) => setMessage(els.favoritesError, error.message) });
+}
+
+function historyRow(version, run) {
+    const when = localTime(version.replaced);
+    let restore = null;
+    if (version.readable) {
+        restore = h('button', {
+            type: 'button',
+            class: 'button',
+            'aria-label': `Restore version ${version.version}, replaced ${when}`,
+            onclick: () => run({
+                label: 'Restore',
+                from: restore,
+                run: () => exclusive(async () => {
+                    const answer = await restoreVersion(version.version);
+                    await refreshAfterChange();
+                    setMessage(els.catalogStatus, '');
+                    setMessage(els.notice, `Restored version ${version.version}: your favorites are as they were before ${when} `
+                        + `(${versionCounts(answer ?? {})}). Undo puts back the ones it replaced.`);
+                }),
+            }),
+        }, 'Restore');
+    }
+    return h('li', { class: `history-item${version.readable ? '' : ' is-unreadable'}` },
+        h('div', { class: 'history-text' },
+            h('span', { class: 'history-when' }, 'Replaced ', h('time', { datetime: version.replaced }, when)),
+            version.readable
+                ? h('span', { class: 'history-what' }, `Version ${version.version} · ${versionCounts(version)}`)
+                : h('span', { class: 'history-what history-problem' },
+                    `Version ${version.version} · cannot be read: ${version.problem ?? 'no reason given'}`)),
+        restore);
+}
+
+/** Lists the kept versions, newest first, each readable one with a Restore button. */
+async function openHistoryDialog() {
+    state.rowError = null;
+    setMessage(els.notice, '');
+    setMessage(els.favoritesError, '');
+    let versions;
+    try {
+        versions = (await api.getHistory())?.versions ?? [];
+    } catch (error) {
+        if (!handleCommon(error)) setMessage(els.favoritesError, error.message);
+        return;
+    }
+    keepVersions(versions);
+    renderUndo();
+    await showDialog({
+        title: 'History of your favorites',
+        wide: true,
+        labelCancel: 'Close',
+        content: ({ run }) => [
+            h('p', { class: 'muted' }, versions.length
+                ? 'Every change keeps the version it replaced, newest first. A restore keeps your current favorites here too, so Undo takes it back.'
+                : 'No earlier versions are kept yet. From now on, every change keeps the version it replaces.'),
+            versions.length
+                ? h('ol', { class: 'history-list', 'aria-label': 'Earlier versions', tabindex: '0' },
+                    versions.map((version) => historyRow(version, run)))
+                : null,
+        ],
+        onError: dialogErrors,
+        returnFocus: () => els.history.focus(),
+    });
+}
+
+/** Shows or hides the banner about stored favorites that cannot be read. */
+function showWarning(warning) {
+    const was = state.warning;
+    state.warning = state.session ? (warning ?? '') : '';
+    if (!state.warning) {
+        els.warning.hidden = true;
+        setMessage(els.warningResult, '');
+    } else {
+        const text = sentence(state.warning);
+        if (els.warningText.textContent !== text) els.warningText.textContent = text;
+        els.warning.hidden = false;
+    }
+    // What an empty tree means depends on it.
+    if (Boolean(was) !== Boolean(state.warning) && state.treeLoaded && !state.tree.length) renderTree();
+}
+
+/** Restores the newest version that can be read, or says that none is kept. */
+function restoreLastReadable() {
+    setMessage(els.warningResult, '');
+    return restoring(async () => {
+        const versions = (await api.getHistory())?.versions ?? [];
+        keepVersions(versions);
+        const readable = versions.find((version) => version.readable);
+        if (!readable) {
+            setMessage(els.warningResult, 'No readable earlier version is kept, so there is nothing to restore.');
+            return;
+        }
+        const answer = await restoreVersion(readable.version);
+        await refreshAfterChange();
+        setMessage(els.notice, `Restored your favorites as they were before ${localTime(readable.replaced)} `
+            + `(${versionCounts(answer ?? {})}).`);
+        // The banner and its button are gone: the focus goes to the tree's heading.
+        if (els.warning.hidden) els.favoritesHeading.focus();
+    }, { onError: (error) => setMessage(els.warningResult, error.message) });
+}
+
+// ---------------------------------------------------------------------------
 // Import
 
 function previewList(items) {
@@ -1050,6 +1280,10 @@ function wireEvents() {
     els.signInForm.addEventListener('submit', submitSignIn);
     els.signOut.addEventListener('click', submitSignOut);
     els.newCategory.addEventListener('click', openNewCategoryDialog);
+    els.undo.addEventListener('click', undoLastChange);
+    els.history.addEventListener('click', openHistoryDialog);
+    els.restoreReadable.addEventListener('click', restoreLastReadable);
+    api.onFavoritesWarning(showWarning);
     els.filter.addEventListener('change', changeFilter);
     els.importFile.addEventListener('change', chooseImportFile);
     window.addEventListener('hashchange', onHashChange);

@@ -21,7 +21,10 @@ export function dialogOpen() {
  *
  * options:
  *   title        the heading
- *   content      nodes shown under the heading
+ *   content      nodes shown under the heading, or a function ({run}) => nodes
+ *                for content with buttons of its own (one per row of a list):
+ *                run({label, run, from}) runs such an action as the dialog's
+ *                own buttons do (from: the button, focused again on failure)
  *   actions      [{label, kind: 'primary'|'danger'|'secondary', run: async () => {}}];
  *                the first one is the form's submit action (Enter in a field)
  *   initialFocus an element of `content` to focus first (else the first field or action)
@@ -47,7 +50,7 @@ export function showDialog({ title, content = [], actions = [], initialFocus, on
 
         const form = h('form', { class: 'dialog-form', novalidate: true },
             h('h2', { id: headingId, class: 'dialog-title' }, title),
-            h('div', { class: 'dialog-content' }, content),
+            h('div', { class: 'dialog-content' }, typeof content === 'function' ? content({ run }) : content),
             error,
             h('div', { class: 'dialog-actions' }, buttons, cancel));
         form.addEventListener('submit', (event) => {
@@ -74,7 +77,10 @@ export function showDialog({ title, content = [], actions = [], initialFocus, on
             if (busy) return;
             busy = true;
             setMessage(error, '');
-            for (const button of [...buttons, cancel]) button.disabled = true;
+            // Every button of the form waits, the content's own too; those
+            // disabled before stay so afterwards.
+            const enabled = [...form.querySelectorAll('button')].filter((button) => !button.disabled);
+            for (const button of enabled) button.disabled = true;
             dialog.setAttribute('aria-busy', 'true');
             try {
                 await action.run();
@@ -89,9 +95,10 @@ export function showDialog({ title, content = [], actions = [], initialFocus, on
                     return;
                 }
                 setMessage(error, failure?.message || 'This could not be done.');
-                for (const button of [...buttons, cancel]) button.disabled = false;
+                for (const button of enabled) button.disabled = false;
                 dialog.removeAttribute('aria-busy');
-                (form.querySelector('[aria-invalid="true"]') ?? buttons[0] ?? cancel).focus();
+                const from = action.from?.isConnected ? action.from : null;
+                (form.querySelector('[aria-invalid="true"]') ?? from ?? buttons[0] ?? cancel).focus();
             }
         }
 
