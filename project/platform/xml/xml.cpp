@@ -264,6 +264,34 @@ void onParseError(void* userData, xmlErrorPtr err) {
     }
 }
 
+// Errors libxml2 raises without the parser's context (an encoding conversion
+// that fails, say) go to the calling thread's handler, which by default prints
+// them. During a parse the thread's handler is this one, which keeps them
+// with the parse's own errors; the one before is put back afterwards.
+void onThreadError(void* userData, xmlErrorPtr err) {
+    auto* state = static_cast<ParseState*>(userData);
+    if (!state || !err || err->level < XML_ERR_ERROR) return;
+    if (!state->failed) {
+        state->failed = true;
+        state->firstError = describeError(err);
+    }
+}
+
+class ThreadErrorsKept {
+public:
+    explicit ThreadErrorsKept(ParseState& state)
+        : m_handler(xmlStructuredError), m_context(xmlStructuredErrorContext) {
+        xmlSetStructuredErrorFunc(&state, onThreadError);
+    }
+    ~ThreadErrorsKept() { xmlSetStructuredErrorFunc(m_context, m_handler); }
+    ThreadErrorsKept(const ThreadErrorsKept&) = delete;
+    ThreadErrorsKept& operator=(const ThreadErrorsKept&) = delete;
+
+private:
+    xmlStructuredErrorFunc m_handler;
+    void* m_context;
+};
+
 // Called for any <!DOCTYPE ...>, before its internal subset is read. Stored
 // documents never carry one, and refusing every DOCTYPE shuts out entity
 // declarations (and with them entity-expansion bombs), external entities and
@@ -344,8 +372,11 @@ xmlDocPtr parseHardened(const void* data, std::size_t size) {
     // declaration or byte order mark, UTF-8 when it names none), as any
     // reader of XML takes it; text that is not valid in it fails.
     const int options = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
-    std::unique_ptr<xmlDoc, ParsedDocDeleter> doc(
-        xmlCtxtReadMemory(ctxt.get(), bytes.data(), static_cast<int>(size), nullptr, nullptr, options));
+    std::unique_ptr<xmlDoc, ParsedDocDeleter> doc;
+    {
+        const ThreadErrorsKept kept(state);
+        doc.reset(xmlCtxtReadMemory(ctxt.get(), bytes.data(), static_cast<int>(size), nullptr, nullptr, options));
+    }
     if (state.failed) throwParseError(state.firstError);
     if (!doc) {
         const xmlError* last = xmlCtxtGetLastError(ctxt.get());

@@ -492,6 +492,17 @@ TEST(XmlParsingTest, ADocumentInADeclaredSingleByteEncodingParsesToTheSameText) 
               String(L"caf\u00E9"));
 }
 
+TEST(XmlParsingTest, TextInvalidInTheDeclaredEncodingFailsNamingItAndPrintsNothing) {
+    // 0xFF 0xFF is no character of EUC-JP: the conversion fails inside
+    // libxml2, which would print that to standard error by itself.
+    const std::string bad = "<?xml version=\"1.0\" encoding=\"EUC-JP\"?><r a=\"\xFF\xFF\xFF\xFF\"/>";
+    ::testing::internal::CaptureStderr();
+    const std::string msg = parseFailure(bad);
+    const std::string printed = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(msg.find("conversion"), std::string::npos) << msg;
+    EXPECT_EQ(printed, "");
+}
+
 TEST(XmlParsingTest, ParsingInvalidUtf8Fails) {
     const std::string msg = parseFailure(readTestFile("invalid_utf8.xml"));
     EXPECT_NE(msg.find("UTF-8"), std::string::npos) << msg;
