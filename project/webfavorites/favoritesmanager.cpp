@@ -1,3 +1,16 @@
+// FavoritesManager: one user's favorites. This file holds, in order:
+//   - the unit's constants, the stored document's object kinds and the two
+//     tree visitors (the XML builder and the catalog-path collector);
+//   - reading the client's JSON (generic data) and SOAP parameters;
+//   - construction and loading (loadFavorites, buildFavorties, getFavorites);
+//   - the index of catalog paths (isFavorite);
+//   - finding items in the tree;
+//   - creating and validating items;
+//   - adding and deleting items;
+//   - keeping in step with the stored object and writing it (persist);
+//   - replacing the whole tree from JSON (updateAll) and from SOAP;
+//   - error codes to messages and exceptions;
+//   - the one-time upgrade of the old mobile favorites object.
 #include "qz/webfavorites/favoritesmanager.h"
 
 #include <deque>
@@ -18,7 +31,10 @@ namespace kiv {
 
 namespace {
 
-// Source tag of every allocation and log line of this unit.
+// Source tag of every allocation and log line of this unit. Each allocation
+// is tagged KIV_MEMTAG(kSrc, N): N is a fixed number naming the allocation
+// site in the tracking allocator's reports (kSrc:N), kept when code moves;
+// it is not the line the site stands on.
 constexpr const char* kSrc = "project/webfavorites/favoritesmanager";
 
 const catalog::ItemName ksMobileFavoriteName(String(L"mobile-favoritelist"), catalog::ItemName::kNone);
@@ -54,6 +70,7 @@ const String ksDashboardFolderSignature(L"dashboardfolder1");
 // reader hands the parsed document over to the caller's handle. The two
 // object kinds below share the signature "mobilefavorites1" on purpose (the
 // stored objects carry it); only where they are stored tells them apart.
+// kTagLine is the allocation tag number of the documents it makes (see kSrc).
 template <int kTagLine>
 struct XmlDocumentData {
     explicit XmlDocumentData(Handle<XmlDocument>& hDoc) : m_hDoc(hDoc) {}
@@ -90,7 +107,8 @@ void appendAttribute(XmlElement* pElement, const String& name, const String& val
 }
 
 // Writes the tree below a document's root element: a "favorite" element per
-// node, categories holding their children.
+// node, categories holding their children. The class name is spelled as it is
+// on purpose (it is part of the library's interface) and must not be corrected.
 class FavoritesXmlbuilderVistor : public FavoritesVisitor {
 public:
     explicit FavoritesXmlbuilderVistor(XmlElement* pRoot) : m_pRoot(pRoot) { m_elementStack.push_back(pRoot); }
@@ -119,7 +137,8 @@ private:
     std::deque<XmlElement*> m_elementStack;
 };
 
-// Collects the catalog path of every catalog item it visits.
+// Collects the catalog path of every catalog item it visits. Spelled as it is
+// on purpose, like FavoritesXmlbuilderVistor: not to be corrected.
 class CatalogItemVistor : public FavoritesVisitor {
 public:
     bool visitCatalogItem(FavoriteCatalogItem& item) override {

@@ -1,4 +1,6 @@
 // AccountToken: a user name and the groups the user belongs to. A value type.
+// Thread rule: it has no setters, so a token may be read from any number of
+// threads at once; assigning to one is a write like any other.
 #pragma once
 
 #include <vector>

@@ -5,6 +5,9 @@
 // `throwMe` rethrows the object with its dynamic type preserved only where the
 // subclass overrides it; `clone` makes a heap copy (delete it through the
 // base pointer). `what()` gives the message text in UTF-8.
+//
+// Thread rule: an exception object is read by any thread once thrown; it is
+// not changed after construction.
 #pragma once
 
 #include <exception>

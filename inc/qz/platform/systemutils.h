@@ -1,4 +1,5 @@
 // SystemUtils: the reference millisecond clock.
+// Thread rule: callable from any thread.
 #pragma once
 
 #include <cstdint>

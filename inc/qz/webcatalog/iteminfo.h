@@ -3,6 +3,7 @@
 // Two views: the item as stored (kInfoOriginal) and the item after following
 // links (kInfoResolved); for an item that is not a link both are the same.
 // Catalogs fill the two entries; readers use the getters.
+// Thread rule: a value type, used by one thread at a time like any value.
 #pragma once
 
 #include <cstdint>

@@ -7,6 +7,9 @@
 // readers and writers of XML objects; T names the object kind and supplies
 // its signature (T::ksSignature), the constructor from the caller's
 // Handle<XmlDocument>&, and giveAlreadyValidatedXmlDocument(XmlDocument&).
+//
+// Thread rule: a reader or writer serves one catalog call and is called back
+// on the thread that made the call.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,5 @@
 // catalog::ReturnCode: the result of every catalog operation (kSuccess is 0).
+// Thread rule: constants and functions of them only; callable from any thread.
 #pragma once
 
 #include "qz/platform/string.h"

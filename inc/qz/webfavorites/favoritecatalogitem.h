@@ -3,6 +3,7 @@
 // Its name is always the last segment of the linked object's catalog path;
 // there is no separate caption. It cannot have children: the child
 // operations answer kErrorItemCannotHaveChild and getChildren adds nothing.
+// Thread rule: that of FavoritesItem.
 #pragma once
 
 #include "qz/webfavorites/favoritesitem.h"

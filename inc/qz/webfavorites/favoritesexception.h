@@ -2,6 +2,7 @@
 // Made by FavoritesManager::errorCodeToException for hosts that turn a failed
 // code into an exception. throwMe is inherited unchanged; clone copies the
 // message and the code into a block of the tracking allocator.
+// Thread rule: not changed after construction; readable from any thread.
 #pragma once
 
 #include "qz/platform/exception.h"

@@ -142,6 +142,9 @@ private:
     friend class FavoritesManagerTestPeer;
 
     catalog::ReturnCode loadFavorites();
+    // Builds the tree below `parent` from a stored document's elements. The
+    // name is spelled as it is on purpose: it is part of the library's
+    // interface and must not be corrected.
     void buildFavorties(XmlElement* pElement, const Handle<FavoritesItem>& parent);
     void insertCatalogPathInMap(catalog::Path path);
     void removeCatalogPathFromMap(catalog::Path path);

@@ -3,6 +3,12 @@
 // Note that favorites::kSuccess is 1 and the first value, 0, is an error
 // (kErrorItemAlreadyExists): compare results with the named codes, never use
 // them as truth values.
+//
+// The code kErrorItemDoesNotExitsInCatalog is spelled as it is on purpose: the
+// name is part of the library's interface (hosts show it, see returnCodeName)
+// and must not be corrected.
+//
+// Thread rule: constants and functions of them only; callable from any thread.
 #pragma once
 
 #include <cstdint>

@@ -9,7 +9,8 @@
 // and returns false.
 //
 // Visitors are called with the reader locks of the folders on the current
-// path held: a visitor must not modify the tree it visits.
+// path held: a visitor must not modify the tree it visits. The walk runs on
+// the thread that called accept(), and calls the visitor on that thread only.
 #pragma once
 
 namespace kiv {

@@ -3,6 +3,10 @@
 // Built once from a constant array and searched by binary search. A key that
 // is not in the table raises a host assertion ("String enum value not
 // found: " followed by the key, severity 5) and yields the value -1.
+//
+// An implementation detail of the favorites library, public only because its
+// headers use it; hosts need not. Thread rule: not changed after
+// construction, so it may be searched from any thread.
 #pragma once
 
 #include <algorithm>
