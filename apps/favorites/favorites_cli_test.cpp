@@ -3,6 +3,7 @@
 // its output (JSON output is parsed) and what it left in the catalog file.
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -1332,13 +1333,28 @@ protected:
         }
         return status;
     }
-    // Kills the process group of `pid` after `delay`; true when it was
-    // killed before it ended by itself.
+    // Kills the process group of `pid` after `delay` and waits until every
+    // process of it is gone; true when `pid` was killed before it ended by
+    // itself. A tool started by a shell is reparented to this process (a
+    // subreaper, see SetUp) when the shell dies, so it is waited for too: a
+    // killed process may still finish the write it was in, and nothing may
+    // be checked before that.
     static bool killAfter(pid_t pid, std::chrono::microseconds delay) {
         std::this_thread::sleep_for(delay);
         ::kill(-pid, SIGKILL);
-        const int status = wait(pid);
-        return WIFSIGNALED(status);
+        bool killed = false;
+        for (;;) {
+            int status = 0;
+            const pid_t done = waitpid(-pid, &status, 0);
+            if (done < 0 && errno == EINTR) continue;
+            if (done < 0) break;  // ECHILD: the whole group is gone
+            if (done == pid) killed = WIFSIGNALED(status);
+        }
+        return killed;
+    }
+    void SetUp() override {
+        FavoritesTool::SetUp();
+        ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     }
 
     struct Stored {
