@@ -11,17 +11,32 @@ function(kiv_target_warnings target)
   endif()
 endfunction()
 
-# kiv_add_library(name SOURCES ... DEPS ...): a shared library with the public
-# headers under inc/ and an install rule.
+# kiv_add_library(name SOURCES ... DEPS ... [PRIVATE_DEPS ...] [NOT_INSTALLED]):
+# a shared library with the public headers under inc/. Unless NOT_INSTALLED
+# (a library only the tests use), it is installed and exported with the
+# package as kiv::<name without "kiv_">, versioned with SOVERSION.
 function(kiv_add_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "NOT_INSTALLED" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
   add_library(${name} SHARED ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/inc>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
   kiv_target_warnings(${name})
-  install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  string(REGEX REPLACE "^kiv_" "" exportName ${name})
+  set_target_properties(${name} PROPERTIES
+    EXPORT_NAME ${exportName}
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
+    # Installed, each library finds the others beside it, wherever the
+    # package was put.
+    INSTALL_RPATH "$ORIGIN")
+  add_library(kiv::${exportName} ALIAS ${name})
+  if(NOT ARG_NOT_INSTALLED)
+    install(TARGETS ${name} EXPORT KivFavoritesTargets
+      LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+      INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  endif()
 endfunction()
 
 # kiv_add_test(name SOURCES ... DEPS ... [LABELS ...] [FIXTURES ...]): one

@@ -28,3 +28,6 @@ if [ "$preset" = "asan" ]; then
   export KIV_WRITER_RUNS="${KIV_WRITER_RUNS:-1}" KIV_WRITER_ADDS="${KIV_WRITER_ADDS:-60}"
 fi
 ctest --preset "$preset" --timeout 600
+# The package, as an outside project builds against it (the sanitizer builds'
+# libraries need their runtime, so only the release build is installed).
+if [ "$preset" = "release" ]; then bash scripts/example.sh build/release; fi
