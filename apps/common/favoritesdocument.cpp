@@ -197,18 +197,14 @@ std::vector<FavoritesVersion> favoritesHistory(catalog::ManagedCatalog& store, c
     return out;
 }
 
-namespace {
-
-std::string isoTime(catalog::Time t) {
+std::string utcTimeText(catalog::Time t, const char* format) {
     const std::time_t secs = static_cast<std::time_t>(t / 1000000);
     std::tm tm{};
     gmtime_r(&secs, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    char buf[64];
+    std::strftime(buf, sizeof buf, format, &tm);
     return buf;
 }
-
-}  // namespace
 
 void writeHistoryJson(JsonWriter& w, const catalog::Path& path, const std::vector<FavoritesVersion>& versions,
                       const std::string& warning) {
@@ -218,8 +214,8 @@ void writeHistoryJson(JsonWriter& w, const catalog::Path& path, const std::vecto
     for (const FavoritesVersion& v : versions) {
         w.beginObject()
             .member("version", static_cast<std::int64_t>(v.version.number))
-            .member("modified", isoTime(v.version.modified))
-            .member("replaced", isoTime(v.version.replaced))
+            .member("modified", utcTimeText(v.version.modified, "%Y-%m-%dT%H:%M:%SZ"))
+            .member("replaced", utcTimeText(v.version.replaced, "%Y-%m-%dT%H:%M:%SZ"))
             .member("bytes", static_cast<std::int64_t>(v.version.size))
             .member("readable", v.content.readable());
         if (v.content.readable())

@@ -89,6 +89,10 @@ private:
 // (not of the old mobile object, nor of any other kind of object).
 void keepFavoritesHistory(catalog::ManagedCatalog& store, unsigned versions);
 
+// Catalog time (microseconds since the epoch) in UTC, whole seconds, as the
+// strftime `format` writes it.
+std::string utcTimeText(catalog::Time t, const char* format);
+
 // One kept version of a favorites object, with what it holds.
 struct FavoritesVersion {
     catalog::ManagedCatalog::Version version;

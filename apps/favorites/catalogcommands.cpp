@@ -2,7 +2,6 @@
 // the SQLite catalog's administration API (no access checks), except `info`,
 // which also shows what --user may do with the item.
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -10,6 +9,7 @@
 
 #include "commands.h"
 #include "democatalog.h"
+#include "favoritesdocument.h"
 #include "jsonwriter.h"
 #include "passwords.h"
 #include "qz/webcatalog/catalog.h"
@@ -20,14 +20,7 @@
 
 namespace kiv::tool {
 
-std::string timeText(catalog::Time t) {
-    const std::time_t secs = static_cast<std::time_t>(t / 1000000);
-    std::tm tm{};
-    gmtime_r(&secs, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-    return buf;
-}
+std::string timeText(catalog::Time t) { return utcTimeText(t, "%Y-%m-%d %H:%M:%S"); }
 
 
 namespace {

@@ -540,9 +540,7 @@ void SqliteCatalog::backupTo(const std::string& target) {
     if (::link(partial.c_str(), target.c_str()) != 0)
         fail(errno == EEXIST ? kErrorItemAlreadyExists : kErrorIO,
              "cannot create \"" + target + "\": " + std::strerror(errno));
-    const std::string::size_type slash = target.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : target.substr(0, slash);
-    const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int dirFd = ::open(directoryOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dirFd >= 0) {
         ::fsync(dirFd);
         ::close(dirFd);

@@ -85,6 +85,12 @@ struct SqlError {
     std::string message;
 };
 
+// The directory a file name is in ("." for a bare name).
+inline std::string directoryOf(const std::string& file) {
+    const std::string::size_type slash = file.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+}
+
 enum StmtId {
     kStLookup,
     kStLookupHop,
@@ -562,8 +568,7 @@ struct SqliteCatalog::Impl {
             throw CatalogException(kErrorCatalogReadOnly, fromUtf8(file),
                                    fromUtf8("catalog file \"" + file + "\": " + why));
         };
-        const std::string::size_type slash = file.rfind('/');
-        const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+        const std::string dir = directoryOf(file);
         struct stat st;
         if (::stat(file.c_str(), &st) != 0) {
             if (errno != ENOENT) loadingError(std::strerror(errno));
