@@ -1,8 +1,14 @@
 #include "democatalog.h"
 
+#include "favoritesdocument.h"
+#include "hosterrors.h"
 #include "passwords.h"
 
 #include <string_view>
+
+#include "qz/platform/xml.h"
+#include "qz/webcatalog/readerwriter.h"
+#include "qz/webfavorites/favoritesmanager.h"
 
 namespace kiv::tool {
 
@@ -66,38 +72,133 @@ private:
     DemoSummary m_summary;
 };
 
-const char* const kAliceFavorites = R"(<?xml version="1.0" encoding="UTF-8"?>
-<fav:favoritelist xmlns:fav="urn:kiv-web:favorites/v1">
-  <favorite name="Sales" type="category">
-    <favorite name="Revenue by Region" catalogpath="/shared/Sales/Reports/Revenue by Region" type="catalogitem"/>
-    <favorite name="Summary" catalogpath="/shared/Sales/Dashboards/Sales Overview/Summary" type="catalogitem"/>
-  </favorite>
-  <favorite name="Company KPIs" catalogpath="/shared/Common/Company KPIs" type="catalogitem"/>
-</fav:favoritelist>
-)";
+// What a FavoritesManager building a sample user's favorites works on: the
+// store for everything it looks up (the catalog objects it checks the user
+// may read), and, for the favorites object itself, a draft in memory. The
+// manager's writes of the favorites object land in the draft, so the store
+// sees only the one write of the finished document (and keeps no history
+// version of the steps in between); the manager never finds a stored
+// favorites object or old mobile object, so it starts from an empty tree,
+// upgrades nothing, and finds the draft in step before every save (an
+// object it cannot inspect counts as in sync). Nothing is removed.
+class FavoritesDraft : public catalog::Catalog {
+public:
+    FavoritesDraft(catalog::Catalog& store, const Path& favoritesPath)
+        : m_store(store),
+          m_path(favoritesPath),
+          m_mobilePath(favoritesPath.getParentPath() +
+                       catalog::ItemName(String(host::kOldMobileFavoritesName), catalog::ItemName::kNone)) {}
 
-const char* const kBobFavorites = R"(<?xml version="1.0" encoding="UTF-8"?>
-<fav:favoritelist xmlns:fav="urn:kiv-web:favorites/v1">
-  <favorite name="Month end" type="category">
-    <favorite name="Profit and Loss" catalogpath="/shared/Finance/Reports/Profit and Loss" type="catalogitem"/>
-    <favorite name="Cash Flow" catalogpath="/shared/Finance/Reports/Cash Flow" type="catalogitem"/>
-  </favorite>
-</fav:favoritelist>
-)";
+    catalog::ReturnCode deleteObject(const AccountToken&, const Path&) override { return catalog::kErrorAccessDenied; }
+    catalog::ReturnCode readObject(const AccountToken& user, const Path& path, catalog::Reader& reader,
+                                   catalog::ItemInfo& info, unsigned flags) override {
+        if (isHidden(path)) return catalog::kErrorPathNotFound;
+        return m_store.readObject(user, path, reader, info, flags);
+    }
+    catalog::ReturnCode writeObject(const AccountToken&, const Path& path, catalog::Writer& writer,
+                                    const catalog::ReplaceHelper&) override {
+        if (!(path == m_path)) return catalog::kErrorAccessDenied;
+        StringOutputStream out;
+        writer.write(out);
+        m_document = std::move(out.str());
+        return catalog::kSuccess;
+    }
+    catalog::ReturnCode getItemInfo(const AccountToken& user, const Path& path, catalog::ItemInfo& info,
+                                    bool bOriginalOnly, bool bWithProperties) override {
+        if (isHidden(path)) return catalog::kErrorPathNotFound;
+        return m_store.getItemInfo(user, path, info, bOriginalOnly, bWithProperties);
+    }
 
-// The old mobile client's list: a page of a dashboard, a report, a report
-// dave may not read (dropped silently by the upgrade) and a dashboard named
-// without a page (dropped with a logged message).
-const char* const kDaveMobileFavorites = R"(<?xml version="1.0" encoding="UTF-8"?>
-<mobilefavorites>
-  <favoritelist>
-    <favorite path="/shared/Sales/Reports/Pipeline"/>
-    <favorite path="/shared/Sales/Dashboards/Sales Overview" page="Regions"/>
-    <favorite path="/shared/Finance/Reports/Cash Flow"/>
-    <favorite path="/shared/Sales/Dashboards/Sales Overview"/>
-  </favoritelist>
-</mobilefavorites>
-)";
+    // The document the manager wrote last; empty before its first write.
+    const std::string& document() const noexcept { return m_document; }
+
+private:
+    bool isHidden(const Path& path) const { return path == m_path || path == m_mobilePath; }
+
+    catalog::Catalog& m_store;
+    Path m_path;
+    Path m_mobilePath;
+    std::string m_document;
+};
+
+// One sample user's favorites document, made by the library as a host's
+// edits make it: a FavoritesManager for the user adds each category and
+// catalog object in turn, and its writer produces the bytes.
+class SampleFavorites {
+public:
+    SampleFavorites(catalog::ManagedCatalog& catalog, std::string_view user)
+        : m_draft(catalog, P("/users/" + std::string(user) + "/favorites")),
+          m_manager(new FavoritesManager(m_draft, catalog.tokenFor(S(user)),
+                                         P("/users/" + std::string(user) + "/favorites"))) {}
+
+    // Adds a category below the root and returns its favorites path.
+    String category(std::string_view name) {
+        Handle<FavoritesItem> item;
+        const String root = FavoritesManager::getRootFolderPath().toString();
+        check(m_manager->createFavoriteCategory(root, S(name), item), S(name));
+        check(m_manager->addItem(item), S(name));
+        return item->getPath().toString();
+    }
+    // Adds the catalog object at `catalogPath` to the category at `categoryPath`.
+    void object(std::string_view catalogPath, const String& categoryPath) {
+        Handle<FavoritesItem> item;
+        check(m_manager->createFavoriteCatalogObject(S(catalogPath), categoryPath, item), S(catalogPath));
+        check(m_manager->addItem(item), S(catalogPath));
+    }
+    // Adds the catalog object at `catalogPath` below the root.
+    void object(std::string_view catalogPath) { object(catalogPath, FavoritesManager::getRootFolderPath().toString()); }
+
+    const std::string& document() const noexcept { return m_draft.document(); }
+
+private:
+    // Raises FavoritesFailure for a code other than kSuccess; `arg` is the
+    // message's insert.
+    static void check(favorites::ReturnCode rc, const String& arg) {
+        if (rc != favorites::kSuccess) throw host::FavoritesFailure(rc, arg.toUtf8());
+    }
+
+    FavoritesDraft m_draft;  // outlives the manager, which works on it
+    Handle<FavoritesManager> m_manager;
+};
+
+std::string aliceFavorites(catalog::ManagedCatalog& catalog) {
+    SampleFavorites f(catalog, "alice");
+    const String sales = f.category("Sales");
+    f.object("/shared/Sales/Reports/Revenue by Region", sales);
+    f.object("/shared/Sales/Dashboards/Sales Overview/Summary", sales);
+    f.object("/shared/Common/Company KPIs");
+    return f.document();
+}
+
+std::string bobFavorites(catalog::ManagedCatalog& catalog) {
+    SampleFavorites f(catalog, "bob");
+    const String monthEnd = f.category("Month end");
+    f.object("/shared/Finance/Reports/Profit and Loss", monthEnd);
+    f.object("/shared/Finance/Reports/Cash Flow", monthEnd);
+    return f.document();
+}
+
+// The old mobile client's list, in the format the library only reads (its
+// upgrade takes the "path" and "page" attributes of the elements inside
+// "favoritelist"): a page of a dashboard, a report, a report dave may not
+// read (dropped silently by the upgrade) and a dashboard named without a
+// page (dropped with a logged message).
+std::string daveMobileFavorites() {
+    XmlDocument document;
+    XmlElement* root = document.createXmlElement(XmlQualifiedName(S("mobilefavorites")));
+    document.setRootElement(root, XmlDocument::kSplice);
+    XmlElement* list = root->appendXmlElement(XmlQualifiedName(S("favoritelist")));
+    const auto entry = [list](std::string_view path, std::string_view page) {
+        XmlElement* e = list->appendXmlElement(XmlQualifiedName(S("favorite")));
+        e->setAttributeValue(XmlQualifiedName(S("path")), S(path));
+        if (!page.empty()) e->setAttributeValue(XmlQualifiedName(S("page")), S(page));
+    };
+    entry("/shared/Sales/Reports/Pipeline", {});
+    entry("/shared/Sales/Dashboards/Sales Overview", "Regions");
+    entry("/shared/Finance/Reports/Cash Flow", {});
+    entry("/shared/Sales/Dashboards/Sales Overview", {});
+    return document.serialize();
+}
 
 }  // namespace
 
@@ -142,10 +243,10 @@ DemoSummary buildDemoCatalog(catalog::ManagedCatalog& catalog) {
     b.user("dave", {S("sales")});
     b.user("admin", {String(catalog::ManagedCatalog::ksAdministratorsGroup)});
 
-    b.favorites("alice", kAliceFavorites);
-    b.favorites("bob", kBobFavorites);
+    b.favorites("alice", aliceFavorites(catalog));
+    b.favorites("bob", bobFavorites(catalog));
     if (catalog.exists(P("/users/dave/favorites"))) catalog.remove(P("/users/dave/favorites"));
-    b.mobileFavorites("dave", kDaveMobileFavorites);
+    b.mobileFavorites("dave", daveMobileFavorites());
     return b.summary();
 }
 

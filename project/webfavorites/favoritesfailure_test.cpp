@@ -12,14 +12,9 @@
 #include "qz/webfavorites/favoritesmanager.h"
 #include "testcatalog.h"
 #include "testsupport.h"
+#include "webfavorites/favoritesmanagertestpeer.h"
 
 namespace kiv {
-
-class FavoritesManagerTestPeer {
-public:
-    static catalog::ReturnCode load(FavoritesManager& m) { return m.loadFavorites(); }
-    static bool& dirty(FavoritesManager& m) { return m.m_bIsDirty; }
-};
 
 namespace {
 

@@ -5,13 +5,9 @@
 #include "qz/webfavorites/favoritesmanager.h"
 #include "testcatalog.h"
 #include "testsupport.h"
+#include "webfavorites/favoritesmanagertestpeer.h"
 
 namespace kiv {
-
-class FavoritesManagerTestPeer {
-public:
-    static FavoritesManager::CatalogItemsMap& index(FavoritesManager& m) { return m.m_catalogItemsPath; }
-};
 
 namespace {
 

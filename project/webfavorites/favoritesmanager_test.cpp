@@ -12,23 +12,9 @@
 #include "qz/webcatalog/catalog.h"
 #include "testcatalog.h"
 #include "testsupport.h"
+#include "webfavorites/favoritesmanagertestpeer.h"
 
 namespace kiv {
-
-// Reaches the manager's private operations and state.
-class FavoritesManagerTestPeer {
-public:
-    static catalog::ReturnCode load(FavoritesManager& m) { return m.loadFavorites(); }
-    static void insert(FavoritesManager& m, const catalog::Path& p) { m.insertCatalogPathInMap(p); }
-    static void remove(FavoritesManager& m, const catalog::Path& p) { m.removeCatalogPathFromMap(p); }
-    static FavoritesManager::CatalogItemsMap& index(FavoritesManager& m) { return m.m_catalogItemsPath; }
-    static bool& dirty(FavoritesManager& m) { return m.m_bIsDirty; }
-    static catalog::Time& lastModified(FavoritesManager& m) { return m.m_tLastModifiedTime; }
-    static std::uint64_t lastReload(FavoritesManager& m) { return m.m_tLastReloadTimeMS; }
-    static void build(FavoritesManager& m, XmlElement* e, const Handle<FavoritesItem>& parent) {
-        m.buildFavorties(e, parent);
-    }
-};
 
 namespace {
 

@@ -1,15 +1,15 @@
-// SoapRequest: a SOAP 1.1 request envelope parsed with libxml2 into
-// SoapParameters, with multi-reference values and their cycles checked.
+// SoapRequest: a SOAP 1.1 request envelope parsed with libxml2 (through the
+// platform layer's hardened parse) into SoapParameters, with multi-reference
+// values and their cycles checked.
 #include <libxml/parser.h>
 #include <libxml/tree.h>
-#include <libxml/xmlerror.h>
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "qz/platform/soap.h"
+#include "qz/platform/xmlparse.h"
 
 namespace kiv {
 
@@ -99,11 +99,6 @@ constexpr TypeName kSimpleTypes[] = {
     {"unsignedLong", SoapParameter::kUnsignedLong}, {"boolean", SoapParameter::kBoolean},
     {"float", SoapParameter::kFloat},          {"double", SoapParameter::kDouble},
 };
-
-void initLibxml() {
-    static std::once_flag once;
-    std::call_once(once, [] { xmlInitParser(); });
-}
 
 }  // namespace
 
@@ -343,29 +338,27 @@ std::unique_ptr<SoapRequest> SoapRequest::parse(std::string_view envelope) {
     if (envelope.size() > kMaxEnvelopeBytes)
         reject(L"the envelope is larger than " + String(std::to_wstring(kMaxEnvelopeBytes)) + L" bytes");
     if (!utf8::isValid(envelope)) reject(L"the envelope is not valid UTF-8");
-    // No document type declaration may appear: no DTD, no entities.
-    if (envelope.find("<!DOCTYPE") != std::string_view::npos || envelope.find("<!ENTITY") != std::string_view::npos)
-        reject(L"document type declarations are not allowed");
 
-    initLibxml();
-    std::unique_ptr<xmlParserCtxt, void (*)(xmlParserCtxtPtr)> ctxt(xmlNewParserCtxt(), xmlFreeParserCtxt);
-    if (!ctxt) throw std::bad_alloc();
-    const int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOCDATA;
-    std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> doc(
-        xmlCtxtReadMemory(ctxt.get(), envelope.data(), static_cast<int>(envelope.size()), "soap-request.xml", "UTF-8",
-                          options),
-        xmlFreeDoc);
-    if (!doc || !ctxt->wellFormed || !ctxt->nsWellFormed) {
-        const xmlError* err = xmlCtxtGetLastError(ctxt.get());
+    // No document type declaration may appear (no DTD, no entities): the
+    // hardened parse refuses one where the parser meets it, loads nothing and
+    // prints nothing. The envelope is read as UTF-8 whatever it declares,
+    // CDATA sections as plain text; only a document that is not well-formed
+    // (or not with respect to namespaces) fails, and the parser's last error
+    // says why.
+    xml::HardenedParseOptions options;
+    options.parserOptions = XML_PARSE_NOCDATA;
+    options.baseUrl = "soap-request.xml";
+    options.encoding = "UTF-8";
+    options.failOn = xml::HardenedParseOptions::kNotWellFormed;
+    xml::HardenedParseFailure failure;
+    const xml::ParsedDoc doc = xml::parseHardened(envelope, options, failure);
+    if (failure.kind == xml::HardenedParseFailure::kDoctype) reject(L"document type declarations are not allowed");
+    if (!doc) {
         String detail = L"malformed XML";
-        if (err && err->message) {
-            std::string msg = err->message;
-            while (!msg.empty() && (msg.back() == '\n' || msg.back() == ' ')) msg.pop_back();
-            detail += L" at line " + String(std::to_wstring(err->line)) + L": " + wide(msg);
-        }
+        if (failure.last)
+            detail += L" at line " + String(std::to_wstring(failure.last->line)) + L": " + wide(failure.last->text);
         reject(detail);
     }
-    if (doc->intSubset || doc->extSubset) reject(L"document type declarations are not allowed");
 
     const xmlNode* root = xmlDocGetRootElement(doc.get());
     if (!root || !eq(root->name, "Envelope") || !root->ns) reject(L"the document is not a SOAP envelope");

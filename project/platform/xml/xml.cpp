@@ -1,11 +1,13 @@
 // XML document model over libxml2: parsing hardened for untrusted input,
 // building, serialisation, structural comparison and XSD validation with a
-// process-wide cache of compiled schemas.
+// process-wide cache of compiled schemas. The hardened parse itself
+// (xmlparse.h) is here too; the SOAP envelope parser reads through it as well.
 //
 // XmlNode and XmlElement carry no data: a pointer to one is the libxml2 node
 // itself (see xml.h), so every member function starts by turning `this` back
 // into the xmlNode it is.
 #include "qz/platform/xml.h"
+#include "qz/platform/xmlparse.h"
 
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
@@ -241,16 +243,23 @@ void applyElementNamespace(xmlNodePtr node, const XmlNamespace& ns) {
 // State of one parse, reached from the parser context's _private field by the
 // callbacks below.
 struct ParseState {
-    bool failed = false;
-    std::string firstError;  // "line N: message"
+    bool failed = false;   // an error has been kept in firstError
+    bool doctype = false;  // the parser met a DOCTYPE declaration
+    xml::ParseMessage firstError;
 };
 
-std::string describeError(const xmlError* err) {
-    std::string msg = err->message ? err->message : "unknown error";
-    while (!msg.empty() && (msg.back() == '\n' || msg.back() == '\r' || msg.back() == ' ')) msg.pop_back();
-    if (err->line > 0) return "line " + std::to_string(err->line) + ": " + msg;
+// The line and text of one libxml2 error, the text's trailing line breaks and
+// spaces removed.
+xml::ParseMessage messageOf(const xmlError* err) {
+    xml::ParseMessage msg;
+    msg.line = err->line;
+    msg.text = err->message ? err->message : "unknown error";
+    std::string& text = msg.text;
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) text.pop_back();
     return msg;
 }
+
+std::string describeError(const xmlError* err) { return messageOf(err).describe(); }
 
 // Per-parse structured error handler: keeps the first error (warnings are
 // not failures) and keeps libxml2 from printing anything.
@@ -260,7 +269,7 @@ void onParseError(void* userData, xmlErrorPtr err) {
     if (!state || !err || err->level < XML_ERR_ERROR) return;
     if (!state->failed) {
         state->failed = true;
-        state->firstError = describeError(err);
+        state->firstError = messageOf(err);
     }
 }
 
@@ -273,7 +282,7 @@ void onThreadError(void* userData, xmlErrorPtr err) {
     if (!state || !err || err->level < XML_ERR_ERROR) return;
     if (!state->failed) {
         state->failed = true;
-        state->firstError = describeError(err);
+        state->firstError = messageOf(err);
     }
 }
 
@@ -292,26 +301,27 @@ private:
     void* m_context;
 };
 
-// Called for any <!DOCTYPE ...>, before its internal subset is read. Stored
-// documents never carry one, and refusing every DOCTYPE shuts out entity
+constexpr const char* ksDoctypeRefused = "a DOCTYPE declaration is not allowed";
+
+// Called for any <!DOCTYPE ...>, before its internal subset is read. No input
+// the parse reads may carry one, and refusing every DOCTYPE shuts out entity
 // declarations (and with them entity-expansion bombs), external entities and
 // external DTDs in one place.
 void onDoctype(void* userData, const xmlChar*, const xmlChar*, const xmlChar*) {
     auto* ctxt = static_cast<xmlParserCtxtPtr>(userData);
     auto* state = static_cast<ParseState*>(ctxt->_private);
-    if (state && !state->failed) {
-        state->failed = true;
-        state->firstError =
-            "line " + std::to_string(xmlSAX2GetLineNumber(ctxt)) + ": a DOCTYPE declaration is not allowed";
+    if (state) {
+        state->doctype = true;
+        if (!state->failed) {
+            state->failed = true;
+            state->firstError = xml::ParseMessage{xmlSAX2GetLineNumber(ctxt), ksDoctypeRefused};
+        }
     }
     xmlStopParser(ctxt);
 }
 
 struct CtxtDeleter {
     void operator()(xmlParserCtxtPtr c) const noexcept { xmlFreeParserCtxt(c); }
-};
-struct ParsedDocDeleter {
-    void operator()(xmlDocPtr d) const noexcept { xmlFreeDoc(d); }
 };
 
 // Depth of the deepest element (the root is at depth 1), walked without
@@ -349,8 +359,9 @@ int elementDepth(xmlNodePtr root, int limit) {
     throw XmlException(String(L"The XML document cannot be read: ") + String::fromUtf8(what));
 }
 
-xmlDocPtr parseHardened(const void* data, std::size_t size) {
-    initLibxml();
+// XmlDocument's parse: the hardened parse with the document model's own
+// limits on size and depth, and a root element required.
+xmlDocPtr parseDocument(const void* data, std::size_t size) {
     if (size > XmlDocument::kMaxDocumentBytes) {
         throwParseError("it is " + std::to_string(size) + " bytes long, more than the limit of " +
                         std::to_string(XmlDocument::kMaxDocumentBytes) + " bytes");
@@ -358,31 +369,16 @@ xmlDocPtr parseHardened(const void* data, std::size_t size) {
     if (size > 0 && !data) throwParseError("no data");
     const std::string_view bytes(static_cast<const char*>(data), size);
 
-    std::unique_ptr<xmlParserCtxt, CtxtDeleter> ctxt(xmlNewParserCtxt());
-    if (!ctxt || !ctxt->sax) throw std::bad_alloc();
-    ParseState state;
-    ctxt->_private = &state;
-    ctxt->sax->serror = onParseError;
-    ctxt->sax->internalSubset = onDoctype;
-    ctxt->sax->externalSubset = nullptr;
-
-    // NONET: no network; no NOENT/DTDLOAD/DTDATTR (no entity substitution, no
-    // DTD loading, no defaulted attributes); no HUGE, so libxml2's own limits
-    // on text sizes stay in force. The encoding is the document's own (its
-    // declaration or byte order mark, UTF-8 when it names none), as any
-    // reader of XML takes it; text that is not valid in it fails.
-    const int options = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
-    std::unique_ptr<xmlDoc, ParsedDocDeleter> doc;
-    {
-        const ThreadErrorsKept kept(state);
-        doc.reset(xmlCtxtReadMemory(ctxt.get(), bytes.data(), static_cast<int>(size), nullptr, nullptr, options));
-    }
-    if (state.failed) throwParseError(state.firstError);
-    if (!doc) {
-        const xmlError* last = xmlCtxtGetLastError(ctxt.get());
-        throwParseError(last && last->message ? describeError(last) : std::string("malformed XML"));
-    }
-    if (doc->intSubset || doc->extSubset) throwParseError("a DOCTYPE declaration is not allowed");
+    // BIG_LINES: line numbers past 65535 kept exact. The encoding is the
+    // document's own (its declaration or byte order mark, UTF-8 when it names
+    // none), as any reader of XML takes it; text that is not valid in it
+    // fails, as does every other error.
+    xml::HardenedParseOptions options;
+    options.parserOptions = XML_PARSE_BIG_LINES;
+    options.failOn = xml::HardenedParseOptions::kAnyError;
+    xml::HardenedParseFailure failure;
+    xml::ParsedDoc doc = xml::parseHardened(bytes, options, failure);
+    if (!doc) throwParseError(failure.first.describe());
     xmlNodePtr root = xmlDocGetRootElement(doc.get());
     if (!root) throwParseError("the document has no root element");
     const int depth = elementDepth(root, XmlDocument::kMaxDepth);
@@ -390,7 +386,6 @@ xmlDocPtr parseHardened(const void* data, std::size_t size) {
         throwParseError("elements are nested deeper than the limit of " +
                         std::to_string(XmlDocument::kMaxDepth) + " levels");
     }
-    doc->_private = nullptr;
     return doc.release();
 }
 
@@ -551,6 +546,67 @@ xmlSchemaPtr compiledSchema(const String& file) {
 }
 
 }  // namespace
+
+// -- the hardened parse ------------------------------------------------------------
+
+namespace xml {
+
+ParsedDoc parseHardened(std::string_view bytes, const HardenedParseOptions& options, HardenedParseFailure& failure) {
+    failure = HardenedParseFailure();
+    initLibxml();
+    if (bytes.size() > static_cast<std::size_t>(INT_MAX)) {
+        failure.kind = HardenedParseFailure::kMalformed;
+        failure.first.text = "it is " + std::to_string(bytes.size()) + " bytes long, more than libxml2 can read";
+        return nullptr;
+    }
+
+    std::unique_ptr<xmlParserCtxt, CtxtDeleter> ctxt(xmlNewParserCtxt());
+    if (!ctxt || !ctxt->sax) throw std::bad_alloc();
+    ParseState state;
+    ctxt->_private = &state;
+    ctxt->sax->serror = onParseError;
+    ctxt->sax->internalSubset = onDoctype;
+    ctxt->sax->externalSubset = nullptr;
+
+    // NONET: no network. Never NOENT, DTDLOAD, DTDATTR or DTDVALID (no entity
+    // substitution, no DTD loaded or applied, no defaulted attributes), nor
+    // XINCLUDE (nothing else read in), nor HUGE (libxml2's own limits on text
+    // sizes stay in force).
+    constexpr int kNeverPassed = XML_PARSE_NOENT | XML_PARSE_DTDLOAD | XML_PARSE_DTDATTR | XML_PARSE_DTDVALID |
+                                 XML_PARSE_XINCLUDE | XML_PARSE_HUGE;
+    const int parserOptions = (options.parserOptions & ~kNeverPassed) | XML_PARSE_NONET;
+    ParsedDoc doc;
+    {
+        const ThreadErrorsKept kept(state);
+        doc.reset(xmlCtxtReadMemory(ctxt.get(), bytes.data(), static_cast<int>(bytes.size()), options.baseUrl,
+                                    options.encoding, parserOptions));
+    }
+    if (const xmlError* last = xmlCtxtGetLastError(ctxt.get()); last && last->message) failure.last = messageOf(last);
+
+    // A DOCTYPE the callback did not see (it always does) is refused all the same.
+    const bool subset = doc && (doc->intSubset || doc->extSubset);
+    const bool failed = options.failOn == HardenedParseOptions::kAnyError
+                            ? state.failed || !doc
+                            : !doc || !ctxt->wellFormed || !ctxt->nsWellFormed;
+    if (state.doctype || subset) {
+        failure.kind = HardenedParseFailure::kDoctype;
+    } else if (failed) {
+        failure.kind = HardenedParseFailure::kMalformed;
+    } else {
+        doc->_private = nullptr;
+        return doc;
+    }
+    if (state.failed) {
+        failure.first = state.firstError;
+    } else if (subset) {
+        failure.first = ParseMessage{0, ksDoctypeRefused};
+    } else {
+        failure.first = failure.last ? *failure.last : ParseMessage{0, "malformed XML"};
+    }
+    return nullptr;
+}
+
+}  // namespace xml
 
 // -- PathFilter --------------------------------------------------------------------
 
@@ -766,7 +822,7 @@ XmlDocument& XmlDocument::operator=(const XmlDocument& other) {
 XmlDocument::~XmlDocument() { freeDoc(toDoc(m_doc)); }
 
 void XmlDocument::parse(const void* data, std::size_t size) {
-    xmlDocPtr parsed = parseHardened(data, size);
+    xmlDocPtr parsed = parseDocument(data, size);
     freeDoc(toDoc(std::exchange(m_doc, parsed)));
 }
 
