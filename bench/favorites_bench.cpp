@@ -22,9 +22,6 @@
 //                              indexed table (for both isFavorite pairs,
 //                              counters ns and baseline_ns give one look-up,
 //                              and ratio their ratio)
-//   BM_OrderedIndexFloorVsSqlite/N  the fastest index of 17 ordered-map
-//                              bins we know of / the same SQLite look-ups (no
-//                              goal; bounds what isFavorite can reach)
 //   BM_LoadVsBaseline/N      a load / xmlReadMemory, XSD validation with a
 //                              precompiled schema, one prepared SQLite metadata
 //                              look-up per leaf (BM_LoadPart* split it)
@@ -63,32 +60,7 @@
 #include "qz/platform/memalloc.h"
 #include "qz/webcatalog/sqlitecatalog.h"
 #include "qz/webfavorites/favoritesmanager.h"
-
-namespace kiv {
-
-// Reaches the manager's loading, its index and its dirty flag.
-class FavoritesManagerTestPeer {
-public:
-    static catalog::ReturnCode load(FavoritesManager& m) { return m.loadFavorites(); }
-    static bool& dirty(FavoritesManager& m) { return m.m_bIsDirty; }
-    static std::size_t indexSize(FavoritesManager& m) { return m.m_catalogItemsPath.size(); }
-    // updateAll's rebuild from JSON, without the save.
-    static favorites::ReturnCode rebuildFromJson(FavoritesManager& m, const String& json) {
-        m.m_hRootFolder->removeChildren();
-        m.m_catalogItemsPath.clear();
-        return m.createFavoritesFromJson(json, m.m_hRootFolder);
-    }
-    static void insert(FavoritesManager& m, const catalog::Path& p) { m.insertCatalogPathInMap(p); }
-    static Handle<FavoritesItem>& root(FavoritesManager& m) { return m.m_hRootFolder; }
-    // Drops the tree and the index, leaving an empty root.
-    static void drop(FavoritesManager& m) {
-        m.m_hRootFolder = new FavoriteFolder(catalog::Path(String(L"/")),
-                                             catalog::ItemName(String(L"root"), catalog::ItemName::kNone));
-        m.m_catalogItemsPath.clear();
-    }
-};
-
-}  // namespace kiv
+#include "webfavorites/favoritesmanagertestpeer.h"
 
 namespace {
 
@@ -472,36 +444,6 @@ void BM_IsFavoriteVsSqlite(benchmark::State& state) {
     isFavoriteInTurns(state, turns, SqliteLookup(turns));
 }
 
-// How fast any index made of 17 ordered-map bins can answer, against SQLite:
-// unlocked std::map bins whose keys are a 64-bit hash and a pointer to the
-// UTF-8 text, ordered by the hash first, so that a node is as small as a key
-// allows and a look-up reads no key text before its last step; every query's
-// hash is computed beforehand. No goal of its own: SQLite's time over this one
-// bounds the ratio that isFavorite, which must hash the query, take the bin's
-// lock and walk its map in path order, can reach against SQLite on this
-// machine.
-void BM_OrderedIndexFloorVsSqlite(benchmark::State& state) {
-    Fixture& f = Fixture::get();
-    const LookupTurns turns(static_cast<std::size_t>(state.range(0)), 16);
-    struct Key {
-        std::uint64_t hash;
-        const std::string* text;
-        bool operator<(const Key& o) const { return hash != o.hash ? hash < o.hash : *text < *o.text; }
-    };
-    auto keyOf = [](const std::string& p) { return Key{std::hash<std::string>()(p), &p}; };
-    std::map<Key, unsigned> bins[17];
-    for (std::size_t i = 0; i < turns.n; ++i) {
-        const Key k = keyOf(f.paths[i]);
-        bins[k.hash % 17].emplace(k, 1u);
-    }
-    const std::vector<std::string> texts = turns.keys([](const std::string& p) { return p; });
-    std::vector<Key> keys;
-    for (const std::string& t : texts) keys.push_back(keyOf(t));
-    lookupsInTurns(
-        state, turns, [&](std::size_t i) { return bins[keys[i].hash % 17].count(keys[i]) != 0; },
-        SqliteLookup(turns));
-}
-
 // Every thread asks about all 10,000 favorites, each from its own offset.
 void BM_IsFavoriteThreads(benchmark::State& state) {
     Fixture& f = Fixture::get();
@@ -815,7 +757,6 @@ void BM_UpdateAllJsonVsDirect(benchmark::State& state) {
 
 BENCHMARK(BM_IsFavoriteVsStdMap)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IsFavoriteVsSqlite)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_OrderedIndexFloorVsSqlite)->Arg(1000)->Arg(10000)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IsFavoriteThreads)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(BM_IsFavoriteStdMapThreads)->Threads(1)->Threads(2)->UseRealTime();
 // The pairs run in turns report manual time, the figure's side alone (their

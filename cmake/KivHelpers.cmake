@@ -12,7 +12,9 @@ function(kiv_target_warnings target)
 endfunction()
 
 # kiv_add_library(name SOURCES ... DEPS ... [PRIVATE_DEPS ...] [NOT_INSTALLED]):
-# a shared library with the public headers under inc/. Unless NOT_INSTALLED
+# a shared library with the public headers under inc/, built with hidden
+# visibility so that it exports only what those headers mark KIV_API
+# (qz/platform/export.h). Unless NOT_INSTALLED
 # (a library only the tests use), it is installed and exported with the
 # package as kiv::<name without "kiv_">, versioned with SOVERSION.
 function(kiv_add_library name)
@@ -28,6 +30,8 @@ function(kiv_add_library name)
     EXPORT_NAME ${exportName}
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
     # Installed, each library finds the others beside it, wherever the
     # package was put.
     INSTALL_RPATH "$ORIGIN")
@@ -39,15 +43,22 @@ function(kiv_add_library name)
   endif()
 endfunction()
 
-# kiv_add_test(name SOURCES ... DEPS ... [LABELS ...] [FIXTURES ...]): one
-# GoogleTest binary, each of its tests registered with CTest on its own;
-# FIXTURES names the CTest fixtures its tests need (such as "postgres").
+# kiv_add_test(name SOURCES ... DEPS ... [LABELS ...] [FIXTURES ...]
+#              [DEFINITIONS ...] [NEEDS ...]): one GoogleTest binary, each of
+# its tests registered with CTest on its own; FIXTURES names the CTest
+# fixtures its tests need (such as "postgres"), DEFINITIONS its compile
+# definitions, NEEDS the targets (programs it runs) built before it.
+# Nothing is made when KIV_BUILD_TESTS is off.
 function(kiv_add_test name)
   if(NOT KIV_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS;FIXTURES" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS;FIXTURES;DEFINITIONS;NEEDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
+  target_compile_definitions(${name} PRIVATE ${ARG_DEFINITIONS})
+  if(ARG_NEEDS)
+    add_dependencies(${name} ${ARG_NEEDS})
+  endif()
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/project)
   kiv_target_warnings(${name})

@@ -3,6 +3,8 @@
 #   scripts/test.sh            release build, all tests
 #   scripts/test.sh asan       AddressSanitizer + UBSan build, all tests
 #   scripts/test.sh tsan       ThreadSanitizer build, the concurrency tests
+#   scripts/test.sh thread-safety  clang build with its thread-safety analysis
+#                              and -Werror: checks the lock annotations (no tests)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-release}"
@@ -17,6 +19,11 @@ if [ "$preset" = "tsan" ]; then
            catalog_conformance_tests favorites_concurrency_tests favoritesd favorites; do
     targets+=(--target "$t")
   done
+fi
+if [ "$preset" = "thread-safety" ]; then
+  # The analysis runs while compiling: the build passing is the check.
+  bash scripts/build.sh thread-safety
+  exit 0
 fi
 bash scripts/build.sh "$preset" -DKIV_WERROR=$werror "${targets[@]}"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"

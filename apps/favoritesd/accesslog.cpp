@@ -95,7 +95,7 @@ void AccessLog::write(std::string_view address, std::string_view user, std::stri
     char tail[96];
     std::snprintf(tail, sizeof tail, "\" %d %zu %.3fms\n", status, bytes, seconds * 1000.0);
     line += tail;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     std::fwrite(line.data(), 1, line.size(), m_file);
     std::fflush(m_file);
 }

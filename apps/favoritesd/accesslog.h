@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "qz/platform/threads.h"
+
 namespace kiv::server {
 
 // Microseconds since the Unix epoch as "YYYY-MM-DDTHH:MM:SS.fffZ" (UTC), with
@@ -29,7 +31,7 @@ public:
                int status, std::size_t bytes, double seconds);
 
 private:
-    std::mutex m_mutex;
+    threads::Mutex m_mutex;  // one line at a time
     std::FILE* m_file = nullptr;
     bool m_owned = false;
 };

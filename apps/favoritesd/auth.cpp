@@ -71,7 +71,7 @@ Clock::duration Sessions::toDuration(double seconds) {
 std::string Sessions::start(const Identity& identity, Session* out) {
     Session s{identity, randomHexId(), Clock::now() + m_lifetime};
     std::string id = randomHexId();
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     prune(Clock::now());
     if (out) *out = s;
     m_sessions.emplace(id, std::move(s));
@@ -79,7 +79,7 @@ std::string Sessions::start(const Identity& identity, Session* out) {
 }
 
 std::optional<Session> Sessions::find(const std::string& id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     auto it = m_sessions.find(id);
     if (it == m_sessions.end()) return std::nullopt;
     if (it->second.expires <= Clock::now()) {
@@ -90,7 +90,7 @@ std::optional<Session> Sessions::find(const std::string& id) {
 }
 
 void Sessions::end(const std::string& id) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     m_sessions.erase(id);
 }
 
@@ -120,7 +120,7 @@ std::string CredentialCache::key(const BasicCredentials& c) const {
 std::optional<Identity> CredentialCache::find(const BasicCredentials& c) {
     if (m_ttl <= Clock::duration::zero()) return std::nullopt;
     const std::string k = key(c);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     auto it = m_entries.find(k);
     if (it == m_entries.end()) return std::nullopt;
     if (it->second.second <= Clock::now()) {
@@ -134,7 +134,7 @@ void CredentialCache::remember(const BasicCredentials& c, const Identity& identi
     if (m_ttl <= Clock::duration::zero()) return;
     const std::string k = key(c);
     const auto now = Clock::now();
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     if (m_entries.size() >= 4096)
         std::erase_if(m_entries, [now](const auto& kv) { return kv.second.second <= now; });
     m_entries[k] = {identity, now + m_ttl};
@@ -165,14 +165,14 @@ void SigninThrottle::fail(const std::string& key, Clock::time_point now) {
 long SigninThrottle::retryAfterSeconds(std::string_view user, std::string_view address) {
     if (m_limit == 0) return 0;
     const auto now = Clock::now();
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     return std::max(wait("u:" + std::string(user), now), wait("a:" + std::string(address), now));
 }
 
 void SigninThrottle::recordFailure(std::string_view user, std::string_view address) {
     if (m_limit == 0) return;
     const auto now = Clock::now();
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     if (m_counts.size() >= 65536)
         std::erase_if(m_counts, [&](const auto& kv) { return kv.second.windowStart + m_window <= now; });
     fail("u:" + std::string(user), now);

@@ -15,6 +15,7 @@
 #include <unordered_map>
 
 #include "settings.h"
+#include "qz/platform/threads.h"
 
 namespace kiv::server {
 
@@ -59,11 +60,11 @@ public:
     static Clock::duration toDuration(double seconds);
 
 private:
-    void prune(Clock::time_point now);  // REQUIRES: m_mutex held
+    void prune(Clock::time_point now) KIV_REQUIRES(m_mutex);
     Clock::duration m_lifetime;
-    std::mutex m_mutex;
-    std::unordered_map<std::string, Session> m_sessions;
-    std::size_t m_pruneAt = 1024;
+    threads::Mutex m_mutex;
+    std::unordered_map<std::string, Session> m_sessions KIV_GUARDED_BY(m_mutex);
+    std::size_t m_pruneAt KIV_GUARDED_BY(m_mutex) = 1024;
 };
 
 // Verified Basic credentials, kept for a short time under a keyed hash of the
@@ -78,8 +79,8 @@ private:
     std::string key(const BasicCredentials& c) const;
     Clock::duration m_ttl;
     unsigned char m_secret[32];
-    std::mutex m_mutex;
-    std::unordered_map<std::string, std::pair<Identity, Clock::time_point>> m_entries;
+    threads::Mutex m_mutex;
+    std::unordered_map<std::string, std::pair<Identity, Clock::time_point>> m_entries KIV_GUARDED_BY(m_mutex);
 };
 
 // Counts failed sign-ins per user name and per client address.
@@ -97,12 +98,12 @@ private:
         unsigned failures = 0;
         Clock::time_point windowStart;
     };
-    long wait(const std::string& key, Clock::time_point now);  // REQUIRES: m_mutex held
-    void fail(const std::string& key, Clock::time_point now);  // REQUIRES: m_mutex held
+    long wait(const std::string& key, Clock::time_point now) KIV_REQUIRES(m_mutex);
+    void fail(const std::string& key, Clock::time_point now) KIV_REQUIRES(m_mutex);
     unsigned m_limit;
     Clock::duration m_window;
-    std::mutex m_mutex;
-    std::unordered_map<std::string, Count> m_counts;
+    threads::Mutex m_mutex;
+    std::unordered_map<std::string, Count> m_counts KIV_GUARDED_BY(m_mutex);
 };
 
 }  // namespace kiv::server

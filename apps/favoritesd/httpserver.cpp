@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "errors.h"
+#include "qz/platform/threads.h"
 
 namespace kiv::server {
 
@@ -105,18 +106,18 @@ struct HttpServer::Impl {
     std::function<void()> onStop;
 
     std::atomic<bool> stopping{false};
-    std::mutex mutex;
-    std::set<std::shared_ptr<ConnectionBase>> live;  // guarded by mutex
+    threads::Mutex mutex;
+    std::set<std::shared_ptr<ConnectionBase>> live KIV_GUARDED_BY(mutex);
 
     std::size_t connectionCount() {
-        std::lock_guard<std::mutex> lock(mutex);
+        threads::MutexLock lock(mutex);
         return live.size();
     }
 
     void forget(const std::shared_ptr<ConnectionBase>& conn) {
         bool last = false;
         {
-            std::lock_guard<std::mutex> lock(mutex);
+            threads::MutexLock lock(mutex);
             live.erase(conn);
             last = live.empty();
         }
@@ -129,7 +130,7 @@ struct HttpServer::Impl {
     void closeConnections(Pred pred) {
         std::vector<std::shared_ptr<ConnectionBase>> all;
         {
-            std::lock_guard<std::mutex> lock(mutex);
+            threads::MutexLock lock(mutex);
             all.assign(live.begin(), live.end());
         }
         for (auto& c : all)
@@ -183,7 +184,7 @@ struct HttpServer::Impl {
     template <class Stream>
     void start(std::shared_ptr<Connection<Stream>> conn) {
         {
-            std::lock_guard<std::mutex> lock(mutex);
+            threads::MutexLock lock(mutex);
             if (live.size() >= settings.maxConnections) {
                 conn->close();
                 return;

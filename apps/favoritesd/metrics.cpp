@@ -46,7 +46,7 @@ void Histogram::write(std::string& out, const std::string& name, const std::stri
 
 void Metrics::countRequest(const std::string& route, int status, double seconds) {
     m_latency.observe(seconds);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     ++m_requests[{route, status}];
 }
 
@@ -66,7 +66,7 @@ std::string Metrics::text() const {
     out += "# HELP favoritesd_requests_total Requests answered, by route and HTTP status.\n";
     out += "# TYPE favoritesd_requests_total counter\n";
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        threads::MutexLock lock(m_mutex);
         for (const auto& [key, n] : m_requests)
             out += "favoritesd_requests_total{route=\"" + key.first + "\",status=\"" + std::to_string(key.second) +
                    "\"} " + std::to_string(n) + "\n";

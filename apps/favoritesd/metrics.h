@@ -14,6 +14,8 @@
 #include <string>
 #include <utility>
 
+#include "qz/platform/threads.h"
+
 namespace kiv::server {
 
 // A latency histogram with fixed buckets (seconds).
@@ -41,8 +43,8 @@ public:
     std::string text() const;
 
 private:
-    mutable std::mutex m_mutex;
-    std::map<std::pair<std::string, int>, std::uint64_t> m_requests;  // guarded by m_mutex
+    mutable threads::Mutex m_mutex;
+    std::map<std::pair<std::string, int>, std::uint64_t> m_requests KIV_GUARDED_BY(m_mutex);
     Histogram m_latency;
     Histogram m_catalog[5];  // getItemInfo, readObject, writeObject, deleteObject, other
     std::function<std::size_t()> m_managers;

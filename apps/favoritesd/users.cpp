@@ -67,7 +67,7 @@ std::shared_ptr<UserSlot> UserHost::slotFor(const std::string& user) {
     std::vector<std::shared_ptr<UserSlot>> evicted;
     std::shared_ptr<UserSlot> slot;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        threads::MutexLock lock(m_mutex);
         auto it = m_slots.find(user);
         if (it != m_slots.end()) {
             slot = it->second;
@@ -110,7 +110,7 @@ void UserHost::runAnywhere(std::function<void()> work) { boost::asio::post(m_poo
 
 void UserHost::stop() {
     m_pool.join();
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     m_slots.clear();
     m_order.clear();
 }

@@ -29,6 +29,7 @@
 #include "qz/platform/accounttoken.h"
 #include "qz/webcatalog/managedcatalog.h"
 #include "qz/webfavorites/favoritesmanager.h"
+#include "qz/platform/threads.h"
 
 namespace kiv::server {
 
@@ -108,9 +109,9 @@ private:
     boost::asio::thread_pool m_pool;
     std::size_t m_maxUsers;
     std::atomic<std::size_t> m_managers{0};
-    std::mutex m_mutex;
-    std::list<std::string> m_order;  // most recently used first; guarded by m_mutex
-    std::unordered_map<std::string, std::shared_ptr<UserSlot>> m_slots;  // guarded by m_mutex
+    threads::Mutex m_mutex;
+    std::list<std::string> m_order KIV_GUARDED_BY(m_mutex);  // most recently used first
+    std::unordered_map<std::string, std::shared_ptr<UserSlot>> m_slots KIV_GUARDED_BY(m_mutex);
 };
 
 }  // namespace kiv::server

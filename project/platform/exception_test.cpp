@@ -62,7 +62,8 @@ TEST(Exception, CloneKeepsTheMessage) {
     const Exception e(String(L"original"));
     std::unique_ptr<Exception> copy(e.clone());
     EXPECT_EQ(copy->getMessageText(), String(L"original"));
-    EXPECT_EQ(typeid(*copy), typeid(Exception));
+    const Exception& copied = *copy;
+    EXPECT_EQ(typeid(copied), typeid(Exception));
 }
 
 TEST(Exception, CloneKeepsTheDynamicType) {

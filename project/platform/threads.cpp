@@ -5,31 +5,6 @@ namespace kiv {
 std::atomic<bool> CriticalSection::m_bContentionDetectionON{false};
 std::atomic<unsigned> CriticalSection::m_nSequentialLocksWithWaitLogThreshold{10};
 
-namespace {
-
-// Critical sections guard short stretches (an index bin's map look-up, a few
-// hundred nanoseconds). A waiter that goes to sleep in the kernel pays
-// microseconds to be woken, so a blocking acquisition first retries the
-// non-blocking one for about as long as such a stretch lasts.
-constexpr int kSpinAttempts = 64;
-
-inline void cpuRelax() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-}
-
-template <class Mutex>
-void spinThenLock(Mutex& m) {
-    for (int i = 0; i < kSpinAttempts; ++i) {
-        if (m.try_lock()) return;
-        cpuRelax();
-    }
-    m.lock();
-}
-
-}  // namespace
-
 CriticalSection::CriticalSection(int recursion) : m_bRecursive(recursion != 0) {}
 
 CriticalSection::~CriticalSection() = default;
@@ -39,14 +14,15 @@ CriticalSection::~CriticalSection() = default;
 // while the lock is held, which is what guards m_bReporting.
 void CriticalSection::setContentionReporting(bool bOn) { m_bReporting = bOn; }
 
-void CriticalSection::lockSlow() {
+// The lock is the std::mutex inside, which the analysis does not know.
+void CriticalSection::lockSlow() KIV_NO_THREAD_SAFETY_ANALYSIS {
     // A recursive hold by the owner never waits.
     const bool bReentry = heldByCaller();
     if (!m_bContentionDetectionON.load(std::memory_order_relaxed)) {
         if (bReentry) {
             ++m_nDepth;
         } else {
-            spinThenLock(m_mutex);
+            m_mutex.lock();
             takeOwnership();
         }
         return;
@@ -64,8 +40,8 @@ void CriticalSection::lockSlow() {
         return;
     }
 
-    // Acquired blocking (after a short spin): this counts as a waited acquisition.
-    spinThenLock(m_mutex);
+    // Acquired blocking: this counts as a waited acquisition.
+    m_mutex.lock();
     takeOwnership();
     if (m_bReporting) {
         // The count is 8 bits wide; it stops at its maximum instead of
@@ -77,7 +53,7 @@ void CriticalSection::lockSlow() {
 }
 
 // A plain attempt: contention detection watches blocking acquisitions only.
-bool CriticalSection::tryLock() {
+bool CriticalSection::tryLock() KIV_NO_THREAD_SAFETY_ANALYSIS {
     if (heldByCaller()) {
         ++m_nDepth;
         return true;

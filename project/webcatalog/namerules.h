@@ -120,7 +120,6 @@ EItemNameValidity checkPathText(Chars<C> v) noexcept {
     return kItemNameValid;
 }
 EItemNameValidity checkPathText(std::wstring_view text) noexcept;
-EItemNameValidity checkPathText(const Path& path) noexcept;
 
 // Number of characters of the escaped form of `name`.
 template <class C>

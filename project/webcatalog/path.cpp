@@ -63,8 +63,8 @@ EItemNameValidity Path::checkPath(const String& text) { return detail::checkPath
 
 EItemNameValidity detail::checkPathText(std::wstring_view text) noexcept { return checkPathText(charsOf(text)); }
 
-EItemNameValidity detail::checkPathText(const Path& path) noexcept {
-    return path.text().visit([](auto chars) { return checkPathText(chars); });
+EItemNameValidity Path::check() const noexcept {
+    return m_text.visit([](auto chars) { return detail::checkPathText(chars); });
 }
 
 bool Path::checkAndSetPath(const String& text) {

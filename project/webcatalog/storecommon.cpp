@@ -1,4 +1,4 @@
-#include "storecommon.h"
+#include "qz/webcatalog/storecommon.h"
 
 #include <chrono>
 
@@ -74,11 +74,11 @@ std::string_view parentOf(std::string_view path) noexcept {
     return {};
 }
 
-bool isValidPathText(const Path& path) noexcept { return detail::checkPathText(path) == kItemNameValid; }
+bool isValidPathText(const Path& path) noexcept { return path.check() == kItemNameValid; }
 
 ReturnCode checkWritePath(const Path& path) noexcept {
     if (path.isRoot()) return kErrorRootSacred;
-    const EItemNameValidity validity = detail::checkPathText(path);
+    const EItemNameValidity validity = path.check();
     if (validity == kPathEmpty || validity == kPathTooLong || validity == kPathMustStartWithSlash)
         return kErrorPathInvalid;
     if (validity != kItemNameValid) {
@@ -163,19 +163,19 @@ void HistorySetting::set(ManagedCatalog::HistoryPolicy policy) {
     auto shared = policy.versions != 0 && policy.keeps
                       ? std::make_shared<const ManagedCatalog::HistoryPolicy>(std::move(policy))
                       : nullptr;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     m_policy = std::move(shared);
 }
 
 bool HistorySetting::active() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    threads::MutexLock lock(m_mutex);
     return m_policy != nullptr;
 }
 
 unsigned HistorySetting::versionsFor(std::string_view path, std::string_view signature) const {
     std::shared_ptr<const ManagedCatalog::HistoryPolicy> policy;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        threads::MutexLock lock(m_mutex);
         policy = m_policy;
     }
     if (!policy) return 0;

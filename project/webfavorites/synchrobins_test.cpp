@@ -41,7 +41,9 @@ TEST(SynchroBinsTest, AKeyLivesInTheBinOfItsHashModuloTheBinCount) {
     const catalog::Path p = P(L"/shared/Sales/Dashboard");
     EXPECT_EQ(map.binOf(p), std::hash<catalog::Path>()(p) % 17);
     map.set(p, 3);
-    EXPECT_EQ(map.bucket(map.binOf(p)).m_map.count(p), 1u);
+    auto& bin = map.bucket(map.binOf(p));
+    CriticalSectionLock lock(bin.m_lock);
+    EXPECT_EQ(bin.m_map.count(p), 1u);
 }
 
 TEST(SynchroBinsTest, TheBinIsTheHashModuloTheBinCountForEveryHashAndCount) {
@@ -77,7 +79,9 @@ TEST(SynchroBinsTest, GetAndUpdateChangesOnlyPresentKeysAndCountsOperations) {
     EXPECT_TRUE(map.get_and_update(p, value, add));
     EXPECT_EQ(value, 2u);
     EXPECT_EQ(map.count(p), 2u);
-    EXPECT_EQ(map.bucket(map.binOf(p)).m_nOps, 2u);  // both read-modify-writes
+    auto& bin = map.bucket(map.binOf(p));
+    CriticalSectionLock lock(bin.m_lock);
+    EXPECT_EQ(bin.m_nOps, 2u);  // both read-modify-writes
 }
 
 TEST(SynchroBinsTest, SetOverwritesAndClearEmptiesEveryBin) {

@@ -3,13 +3,15 @@
 // threads at once; assigning to one is a write like any other.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <vector>
 
 #include "qz/platform/string.h"
 
 namespace kiv {
 
-class AccountToken {
+class KIV_API AccountToken {
 public:
     AccountToken() = default;
     explicit AccountToken(String user, std::vector<String> groups = {})

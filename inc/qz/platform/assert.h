@@ -7,6 +7,8 @@
 // Thread safety: the handler may be replaced and called from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <functional>
 #include <memory>
 #include <vector>
@@ -15,7 +17,7 @@
 
 namespace kiv::debug {
 
-struct AssertionFailure {
+struct KIV_API AssertionFailure {
     int severity;
     String message;
     const char* file;
@@ -25,12 +27,12 @@ struct AssertionFailure {
 using AssertHandler = std::function<void(const AssertionFailure&)>;
 
 // Logs and reports one failure, then returns.
-void assertionFailed(int severity, const String& message, const char* file, int line);
+KIV_API void assertionFailed(int severity, const String& message, const char* file, int line);
 // Installs a handler (empty: none) and returns the previous one.
-AssertHandler setAssertHandler(AssertHandler handler);
+KIV_API AssertHandler setAssertHandler(AssertHandler handler);
 
 // Records failures while in scope; restores the previous handler on exit.
-class ScopedAssertRecorder {
+class KIV_API ScopedAssertRecorder {
 public:
     ScopedAssertRecorder();
     ~ScopedAssertRecorder();

@@ -12,6 +12,8 @@
 // keeps the configuration it took alive while later changes are made.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <map>
 #include <memory>
 
@@ -19,7 +21,7 @@
 
 namespace kiv {
 
-class ConfigReader {
+class KIV_API ConfigReader {
 public:
     static constexpr int kDataDirectory = 9;
 
@@ -35,7 +37,7 @@ private:
     double m_scalingFactor;
 };
 
-class ConfigSnapshot {
+class KIV_API ConfigSnapshot {
 public:
     // Takes the current configuration.
     ConfigSnapshot();
@@ -48,14 +50,14 @@ private:
 
 namespace config {
 // Loads the configuration from the file and environment as described above.
-std::shared_ptr<const ConfigReader> loadDefault();
+KIV_API std::shared_ptr<const ConfigReader> loadDefault();
 // Replaces the current configuration (null: none available). For hosts and tests.
-void setCurrent(std::shared_ptr<const ConfigReader> reader);
-std::shared_ptr<const ConfigReader> getCurrent();
+KIV_API void setCurrent(std::shared_ptr<const ConfigReader> reader);
+KIV_API std::shared_ptr<const ConfigReader> getCurrent();
 // The process-wide scaling factor of the current configuration (1.0 without one).
-double getScalingFactor() noexcept;
+KIV_API double getScalingFactor() noexcept;
 // The data directory (special directory 9) of the current configuration.
-String getDataDirectory();
+KIV_API String getDataDirectory();
 }  // namespace config
 
 }  // namespace kiv

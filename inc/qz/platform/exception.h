@@ -10,6 +10,8 @@
 // not changed after construction.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <exception>
 #include <memory>
 #include <string>
@@ -19,7 +21,7 @@
 
 namespace kiv {
 
-class Exception : public std::exception {
+class KIV_API Exception : public std::exception {
 public:
     Exception() = default;
     explicit Exception(GDVariant message) : m_message(std::move(message)) {}
@@ -43,7 +45,7 @@ private:
 
 // Raised when an empty Handle is dereferenced; the text is the type name of
 // the pointee pointer (for example "kiv::FavoritesItem*").
-class InvalidHandleException : public Exception {
+class KIV_API InvalidHandleException : public Exception {
 public:
     using Exception::Exception;
     void throwMe() const override { throw *this; }
@@ -51,7 +53,7 @@ public:
 };
 
 // Raised by the UTF-8 codec; the text names the problem and its byte offset.
-class Utf8Error : public Exception {
+class KIV_API Utf8Error : public Exception {
 public:
     using Exception::Exception;
     void throwMe() const override { throw *this; }

@@ -62,6 +62,8 @@
 // document on first need are published atomically.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -89,7 +91,7 @@ namespace kiv {
 // of each level thus parse the text only once and write it only once. The
 // context holds the last few trees it wrote, and the values of the last few
 // texts it gave, alive.
-class GDContext {
+class KIV_API GDContext {
 public:
     GDContext();
     ~GDContext();
@@ -104,7 +106,7 @@ private:
 };
 
 // The name of a property of an object value.
-class GDPropertyKey {
+class KIV_API GDPropertyKey {
 public:
     explicit GDPropertyKey(String name) : m_name(std::move(name)) {}
     const String& getName() const noexcept { return m_name; }
@@ -114,7 +116,7 @@ private:
 };
 
 // Array view of a value.
-class IGDRandomAccessContainer {
+class KIV_API IGDRandomAccessContainer {
 public:
     virtual ~IGDRandomAccessContainer() = default;
     virtual std::size_t getCount() const noexcept = 0;
@@ -123,7 +125,7 @@ public:
 };
 
 // Object view of a value.
-class IGDReadablePropertyBag {
+class KIV_API IGDReadablePropertyBag {
 public:
     virtual ~IGDReadablePropertyBag() = default;
     // The property's value into `out`; false (out untouched) when absent.
@@ -143,7 +145,7 @@ struct JsonAccess;
 // only when they are first asked for (and then keeps them); nested arrays and
 // objects are read the same way, level by level. An array built from a vector
 // holds its elements from the start. Both behave the same to every reader.
-class GDJsonArray final : public GDValue, public IGDRandomAccessContainer {
+class KIV_API GDJsonArray final : public GDValue, public IGDRandomAccessContainer {
 public:
     GDJsonArray();
     explicit GDJsonArray(std::vector<GDVariant> elements);
@@ -169,7 +171,7 @@ private:
 // Read from the parsed document like an array (see above): a property read
 // looks the key up in the document and converts that one value; the member
 // list is made only when asked for.
-class GDJsonObject final : public GDValue, public IGDReadablePropertyBag {
+class KIV_API GDJsonObject final : public GDValue, public IGDReadablePropertyBag {
 public:
     using Member = std::pair<String, GDVariant>;
 
@@ -201,7 +203,7 @@ private:
 // A reference holder: stands for another value. resolveReferences() gives
 // the target's value (following further holders), null when the target is
 // not a generic-data value (a scalar or nothing).
-class GDReferenceValue final : public GDValue {
+class KIV_API GDReferenceValue final : public GDValue {
 public:
     explicit GDReferenceValue(GDVariant target) : m_target(std::move(target)) {}
     GDValue* resolveReferences() override;
@@ -213,7 +215,7 @@ private:
 
 // A variant as filled by property and element reads, with the step that
 // sees through reference holders.
-class GDAdjustableSizeVariant : public GDVariant {
+class KIV_API GDAdjustableSizeVariant : public GDVariant {
 public:
     using GDVariant::GDVariant;
     GDAdjustableSizeVariant() = default;
@@ -228,10 +230,10 @@ public:
 // The array or the object view of a value: what a dynamic_cast to the view
 // gives, found for the JSON values by one comparison of the dynamic type.
 // Null when `value` is null or has no such view.
-const IGDRandomAccessContainer* arrayView(const GDValue* value) noexcept;
-const IGDReadablePropertyBag* objectView(const GDValue* value) noexcept;
+KIV_API const IGDRandomAccessContainer* arrayView(const GDValue* value) noexcept;
+KIV_API const IGDReadablePropertyBag* objectView(const GDValue* value) noexcept;
 
-struct GDTypeConversions {
+struct KIV_API GDTypeConversions {
     // The text form of a variant (see the table at the top of this file).
     static String toString(GDContext& ctx, const GDVariant& value);
     // The same text; a string that `value` holds itself is moved out of it
@@ -242,7 +244,7 @@ struct GDTypeConversions {
     static String toJson(GDContext& ctx, const GDVariant& value);
 };
 
-class GDExpressionEvaluator {
+class KIV_API GDExpressionEvaluator {
 public:
     // Arrays and objects nest at most this deep.
     static constexpr std::size_t kMaxDepth = 512;

@@ -10,6 +10,8 @@
 // shared.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <variant>
@@ -25,7 +27,7 @@ class GDVariant;
 // A message: an identifier whose text comes from the message files, with
 // numbered inserts (%1, %2, ...). Implemented by ExternalMessage and
 // ParamMessage (message.h).
-class Message {
+class KIV_API Message {
 public:
     virtual ~Message() = default;
     virtual const String& getId() const noexcept = 0;
@@ -38,13 +40,13 @@ public:
 
 // Base of every generic-data value (JSON objects, arrays, scalars and
 // reference holders). Views on it are reached with dynamic_cast.
-class GDValue : public RefCountedBase {
+class KIV_API GDValue : public RefCountedBase {
 public:
     // The value itself, or the value a reference points to; null for none.
     virtual GDValue* resolveReferences() { return this; }
 };
 
-class GDVariant {
+class KIV_API GDVariant {
 public:
     enum class Kind { kEmpty, kBool, kInt, kDouble, kString, kMessage, kValue };
 
@@ -84,7 +86,7 @@ public:
 
     // Equal kind and equal content; messages compare by identifier and inserts,
     // generic values by identity.
-    friend bool operator==(const GDVariant& a, const GDVariant& b);
+    friend KIV_API bool operator==(const GDVariant& a, const GDVariant& b);
 
 private:
     std::variant<std::monostate, bool, std::int64_t, double, String, std::shared_ptr<const Message>,

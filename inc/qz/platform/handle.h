@@ -12,6 +12,8 @@
 // and dropped on any thread. One Handle object is not itself synchronised.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <typeinfo>
@@ -23,7 +25,7 @@ namespace kiv {
 
 namespace detail {
 // Throws InvalidHandleException naming `pointerType` (demangled).
-[[noreturn]] void throwInvalidHandle(const std::type_info& pointerType);
+[[noreturn]] KIV_API void throwInvalidHandle(const std::type_info& pointerType);
 }  // namespace detail
 
 template <class Policy = MemAllocNewdel>

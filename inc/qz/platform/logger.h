@@ -13,6 +13,8 @@
 // stack is per thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -35,7 +37,7 @@ enum ESeverity : int {
 };
 
 // A named log source. Cheap to copy; `exists()` is false for a blank name.
-class LogSourceHandle {
+class KIV_API LogSourceHandle {
 public:
     LogSourceHandle() = default;
     explicit LogSourceHandle(String name) : m_name(std::move(name)) {}
@@ -46,7 +48,7 @@ private:
     String m_name;
 };
 
-struct LogRecord {
+struct KIV_API LogRecord {
     ESeverity severity;
     String source;  // blank when none
     String text;    // inserts filled in
@@ -54,7 +56,7 @@ struct LogRecord {
     int line;
 };
 
-class LogWriter {
+class KIV_API LogWriter {
 public:
     virtual ~LogWriter() = default;
     virtual bool isEnabled(ESeverity sev) const = 0;
@@ -62,7 +64,7 @@ public:
 };
 
 // Keeps every record it is given (all severities); for tests.
-class CapturingLogWriter : public LogWriter {
+class KIV_API CapturingLogWriter : public LogWriter {
 public:
     bool isEnabled(ESeverity sev) const override { return sev >= m_minimum; }
     void write(const LogRecord& record) override;
@@ -76,7 +78,7 @@ private:
     ESeverity m_minimum = kSevTrace;
 };
 
-class Logger {
+class KIV_API Logger {
 public:
     struct FileLocation {
         const char* file;
@@ -119,7 +121,7 @@ private:
 };
 
 // Pushes a log source for a scope; pops it on the way out.
-class ScopedLogSource {
+class KIV_API ScopedLogSource {
 public:
     explicit ScopedLogSource(const LogSourceHandle& source);
     ~ScopedLogSource();
@@ -132,7 +134,7 @@ private:
 
 // Fills "%1", "%2", ... in `text` with the text of inserts[0], [1], ...
 // "%%" is a literal percent sign; an insert number with no value is left as is.
-String formatInserts(const String& text, const std::vector<GDVariant>& inserts);
+KIV_API String formatInserts(const String& text, const std::vector<GDVariant>& inserts);
 
 }  // namespace kiv
 

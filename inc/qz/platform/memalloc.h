@@ -11,6 +11,8 @@
 // atomic. A Tag must have static storage duration (use KIV_MEMTAG).
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +22,7 @@
 
 namespace kiv::memalloc {
 
-struct Tag {
+struct KIV_API Tag {
     Tag(const char* file, int line) noexcept;
     Tag(const Tag&) = delete;
     Tag& operator=(const Tag&) = delete;
@@ -33,12 +35,12 @@ struct Tag {
     Tag* next = nullptr;  // registry chain, written once at construction
 };
 
-struct Counts {
+struct KIV_API Counts {
     std::int64_t blocks = 0;
     std::int64_t bytes = 0;
 };
 
-class MemoryAllocatorGateway {
+class KIV_API MemoryAllocatorGateway {
 public:
     // Allocates `n` bytes tagged with `tag`; throws std::bad_alloc on failure.
     static void* allocate(std::size_t n, Tag& tag);
@@ -70,7 +72,7 @@ namespace kiv {
 // Allocation policy: class-level new/delete routed through the gateway.
 // `new (tag) T(...)` tags the block; a throwing constructor frees it with the
 // same tag through the matching placement delete.
-struct MemAllocNewdel {
+struct KIV_API MemAllocNewdel {
     static void* operator new(std::size_t n) { return memalloc::MemoryAllocatorGateway::allocate(n, memalloc::MemoryAllocatorGateway::untagged()); }
     static void* operator new(std::size_t n, memalloc::Tag& tag) { return memalloc::MemoryAllocatorGateway::allocate(n, tag); }
     static void operator delete(void* p) noexcept { memalloc::MemoryAllocatorGateway::deallocate(p); }

@@ -14,6 +14,8 @@
 // Thread safety: the registry may be used from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -23,7 +25,7 @@
 
 namespace kiv {
 
-class MessageFilesRegistry {
+class KIV_API MessageFilesRegistry {
 public:
     static MessageFilesRegistry& getRegistry();
 
@@ -46,7 +48,7 @@ private:
     bool m_bLoaded = false;
 };
 
-class ExternalMessage : public Message {
+class KIV_API ExternalMessage : public Message {
 public:
     explicit ExternalMessage(String id, unsigned options = 0) : m_id(std::move(id)), m_options(options) {}
     const String& getId() const noexcept override { return m_id; }
@@ -59,7 +61,7 @@ private:
     unsigned m_options;
 };
 
-class ParamMessage : public Message {
+class KIV_API ParamMessage : public Message {
 public:
     explicit ParamMessage(const ExternalMessage& message) : m_id(message.getId()) {}
     // Sets insert `index` (numbered from 1), growing the inserts as needed;

@@ -49,6 +49,8 @@
 // time (resolveRef and convert change parameters in place).
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -63,7 +65,7 @@ namespace kiv {
 
 // Raised for every SOAP failure: malformed or rejected envelopes, missing or
 // misnamed children, values that do not convert, references without target.
-class SoapException : public Exception {
+class KIV_API SoapException : public Exception {
 public:
     using Exception::Exception;
     void throwMe() const override { throw *this; }
@@ -77,7 +79,7 @@ class SoapRequest;
 // comparable (equal when on the same structure at the same position) and
 // advanced by one with ++. Dereferencing gives the child at the position,
 // or null past the end.
-class SoapParametersIterator {
+class KIV_API SoapParametersIterator {
 public:
     SoapParametersIterator() = default;
 
@@ -105,7 +107,7 @@ private:
     std::size_t m_nIndex = 0;
 };
 
-class SoapParameter {
+class KIV_API SoapParameter {
 public:
     enum EType {
         kNone = 0,
@@ -231,7 +233,7 @@ private:
 };
 
 // A parsed request envelope; owns every parameter of it.
-class SoapRequest {
+class KIV_API SoapRequest {
 public:
     static constexpr std::size_t kMaxEnvelopeBytes = 8u * 1024u * 1024u;
     // Element nesting, Envelope counted as 1; also the nesting of values

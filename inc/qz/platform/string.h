@@ -10,6 +10,8 @@
 // distinct threads freely, one object needs external synchronisation.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -19,7 +21,7 @@ static_assert(sizeof(wchar_t) == 4, "kiv::String needs a 32-bit wchar_t");
 
 namespace kiv {
 
-class String : public std::wstring {
+class KIV_API String : public std::wstring {
 public:
     using std::wstring::wstring;
     String() = default;
@@ -42,43 +44,43 @@ public:
 };
 
 // The blank string constant.
-extern const String s_ksBlank;
+extern KIV_API const String s_ksBlank;
 
 // Strict UTF-8 codec used at every boundary.
 namespace utf8 {
 // Decodes UTF-8; throws Utf8Error (with the byte offset) on malformed input,
 // overlong forms, surrogates and code points above U+10FFFF.
-std::wstring decode(std::string_view in);
+KIV_API std::wstring decode(std::string_view in);
 // Decodes into `out` (reusing its storage), writing U+FFFD for each byte that
 // does not start a well-formed sequence; never throws for bad input.
-void decodeReplacing(std::string_view in, std::wstring& out);
+KIV_API void decodeReplacing(std::string_view in, std::wstring& out);
 // Encodes; throws Utf8Error for a character that is not a Unicode scalar value.
-std::string encode(std::wstring_view in);
+KIV_API std::string encode(std::wstring_view in);
 // The same, appended to `out` (whose storage a caller may reuse). On a throw,
 // `out` holds the encoding of the characters before the offending one.
-void encodeAppend(std::wstring_view in, std::string& out);
+KIV_API void encodeAppend(std::wstring_view in, std::string& out);
 // Appends the UTF-8 form of `in`, writing U+FFFD for each character that is
 // not a Unicode scalar value (for texts that must be stored whatever they hold).
-void encodeAppendReplacing(std::wstring_view in, std::string& out);
+KIV_API void encodeAppendReplacing(std::wstring_view in, std::string& out);
 // Number of UTF-8 bytes of `in`, or SIZE_MAX when it holds a character that is
 // not a Unicode scalar value.
-std::size_t encodedLength(std::wstring_view in) noexcept;
+KIV_API std::size_t encodedLength(std::wstring_view in) noexcept;
 // Writes the UTF-8 form of `in` to `out`, which has room for it (encodedLength
 // bytes, or four a character), U+FFFD standing for any character that is not a
 // scalar value; returns the end of what was written.
-char* encodeInto(std::wstring_view in, char* out) noexcept;
+KIV_API char* encodeInto(std::wstring_view in, char* out) noexcept;
 // Writes the UTF-8 form of `in` to `out`, which has room for `capacity` bytes,
 // in one pass; returns the number of bytes written, or SIZE_MAX (what was
 // written then is unspecified) when `in` holds a character that is not a
 // Unicode scalar value or its UTF-8 form takes more than `capacity` bytes.
-std::size_t encodeIntoBounded(std::wstring_view in, char* out, std::size_t capacity) noexcept;
+KIV_API std::size_t encodeIntoBounded(std::wstring_view in, char* out, std::size_t capacity) noexcept;
 // True if `in` is well-formed UTF-8.
-bool isValid(std::string_view in) noexcept;
+KIV_API bool isValid(std::string_view in) noexcept;
 }  // namespace utf8
 
 namespace posixstrsupport {
 // Case-insensitive wide comparison in the manner of wcsicmp: <0, 0, >0.
-int wcsicmp(const wchar_t* a, const wchar_t* b) noexcept;
+KIV_API int wcsicmp(const wchar_t* a, const wchar_t* b) noexcept;
 }  // namespace posixstrsupport
 
 }  // namespace kiv

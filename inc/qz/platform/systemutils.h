@@ -2,11 +2,13 @@
 // Thread rule: callable from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstdint>
 
 namespace kiv {
 
-class SystemUtils {
+class KIV_API SystemUtils {
 public:
     // Milliseconds since an arbitrary fixed point (a monotonic clock),
     // wrapping at 2^32.

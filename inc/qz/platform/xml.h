@@ -23,6 +23,8 @@
 // file and shared safely between threads.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -34,14 +36,14 @@
 
 namespace kiv {
 
-class XmlException : public Exception {
+class KIV_API XmlException : public Exception {
 public:
     using Exception::Exception;
     void throwMe() const override { throw *this; }
     Exception* clone() const override;
 };
 
-class XmlNamespace {
+class KIV_API XmlNamespace {
 public:
     XmlNamespace() = default;  // no namespace
     XmlNamespace(String uri, String prefix = String()) : m_uri(std::move(uri)), m_prefix(std::move(prefix)) {}
@@ -53,7 +55,7 @@ private:
     String m_prefix;
 };
 
-class XmlQualifiedName {
+class KIV_API XmlQualifiedName {
 public:
     XmlQualifiedName(String localName, XmlNamespace ns = XmlNamespace())
         : m_local(std::move(localName)), m_ns(std::move(ns)) {}
@@ -67,7 +69,7 @@ private:
 
 // A path of child element names separated by '/', such as "favoritelist" or
 // "a/b": each step selects child elements by local name.
-class PathFilter {
+class KIV_API PathFilter {
 public:
     explicit PathFilter(const String& path);
     const std::vector<String>& steps() const noexcept { return m_steps; }
@@ -78,7 +80,7 @@ private:
 
 class XmlElement;
 
-class XmlNode {
+class KIV_API XmlNode {
 public:
     enum ENodeType { kElement = 1, kText = 3, kCData = 4, kComment = 8, kOther = 0 };
 
@@ -96,10 +98,10 @@ public:
 };
 
 // The run-time cast from node to element: null when `node` is not an element.
-XmlElement* xml_cast_element(XmlNode* node) noexcept;
-const XmlElement* xml_cast_element(const XmlNode* node) noexcept;
+KIV_API XmlElement* xml_cast_element(XmlNode* node) noexcept;
+KIV_API const XmlElement* xml_cast_element(const XmlNode* node) noexcept;
 
-class XmlElement : public XmlNode {
+class KIV_API XmlElement : public XmlNode {
 public:
     enum ERequired { kRequired, kNotRequired };
 
@@ -125,7 +127,7 @@ public:
     XmlElement* getNextSiblingElement() const noexcept;
 };
 
-class XmlDocument : public RefCountedBase {
+class KIV_API XmlDocument : public RefCountedBase {
 public:
     // Deep enough for every favorites tree the JSON and SOAP inputs can
     // describe (their own limits keep those under 300 levels).
@@ -178,7 +180,7 @@ private:
 namespace xml {
 
 // A schema file bound to a namespace URI.
-struct SchemaLocation {
+struct KIV_API SchemaLocation {
     SchemaLocation(String namespaceUri, String file, int tag = 0)
         : namespaceUri(std::move(namespaceUri)), file(std::move(file)), tag(tag) {}
     String namespaceUri;
@@ -192,7 +194,7 @@ struct SchemaLocation {
 // location whose namespace URI matches the root element's namespace; with no
 // matching location the document fails validation. Compiled schemas are
 // cached per file for the life of the process.
-class XmlValidator {
+class KIV_API XmlValidator {
 public:
     explicit XmlValidator(std::vector<xml::SchemaLocation> locations);
     // True when valid; on failure `errors` receives one text per problem.

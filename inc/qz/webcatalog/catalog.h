@@ -23,6 +23,8 @@
 // Thread safety: implementations are safe for concurrent use from many threads.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <memory>
 
 #include "qz/platform/accounttoken.h"
@@ -39,22 +41,22 @@ class Reader;
 class Writer;
 
 // Decides whether a write may replace an existing object.
-class ReplaceHelper {
+class KIV_API ReplaceHelper {
 public:
     virtual ~ReplaceHelper() = default;
     virtual bool mayReplace(const ItemInfo& existing) const = 0;
 };
 // Replaces an existing object.
-extern const ReplaceHelper& tDefaultReplaceHelper;
+extern KIV_API const ReplaceHelper& tDefaultReplaceHelper;
 
 // A run of reads on the calling thread (see Catalog::beginReadBatch); the run
 // ends when this object is destroyed, on the same thread.
-class ReadBatch {
+class KIV_API ReadBatch {
 public:
     virtual ~ReadBatch() = default;
 };
 
-class Catalog {
+class KIV_API Catalog {
 public:
     virtual ~Catalog() = default;
 
@@ -76,7 +78,7 @@ public:
 };
 
 // The catalog's exception for a failing code: carries the code and the path.
-class CatalogException : public Exception {
+class KIV_API CatalogException : public Exception {
 public:
     CatalogException(ReturnCode code, String path, String arg1 = String(), String arg2 = String());
     ReturnCode getCode() const noexcept { return m_code; }
@@ -90,7 +92,7 @@ private:
 };
 
 // Raised by readers for an object whose stored form must be upgraded first.
-class CatalogUpgradeRequired : public Exception {
+class KIV_API CatalogUpgradeRequired : public Exception {
 public:
     CatalogUpgradeRequired(const String& message, const String& detail, int code = kErrorCatalogUpgradeRequired);
     int getCode() const noexcept { return m_code; }
@@ -102,7 +104,7 @@ private:
 };
 
 // Does nothing for kSuccess; otherwise logs nothing and throws CatalogException.
-void errorCodeToException(ReturnCode code, const String& path, const String& arg1, const String& arg2,
+KIV_API void errorCodeToException(ReturnCode code, const String& path, const String& arg1, const String& arg2,
                           const Logger::FileLocation& fl);
 
 // A predicate over catalog objects by path, for listing favorites.
@@ -112,7 +114,7 @@ void errorCodeToException(ReturnCode code, const String& path, const String& arg
 //   "dashboards"    dashboard folders (property compositeSignature "dashboardfolder1")
 //                   and dashboard pages (signature "dashboardpage1")
 //   "readable"      the same as "" (kept for hosts that name it)
-class CatalogObjectFilter {
+class KIV_API CatalogObjectFilter {
 public:
     CatalogObjectFilter(Catalog& catalog, const AccountToken& user, const String& filterName);
     bool operator()(const Path& catalogPath) const { return admits(catalogPath); }

@@ -13,6 +13,8 @@
 // Thread safety: an immutable value; copies may cross threads.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -23,13 +25,10 @@
 
 #include "qz/platform/string.h"
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace kiv::catalog {
 
-class CompactText {
+class KIV_API CompactText {
 public:
     using Narrow = std::span<const unsigned char>;
     using Wide = std::span<const wchar_t>;
@@ -155,33 +154,10 @@ private:
     static Rep* makeFrom(const wchar_t* chars, std::size_t n);
     static int compareSlow(const CompactText& a, const CompactText& b) noexcept;
 
-    // Two narrow texts in byte order, then by length. Ordered look-ups compare
-    // paths that share a prefix of a few dozen characters at every step, where
-    // a call to memcmp costs about as much as the comparison itself: when both
-    // texts have 32 characters or more, the first 32 bytes are compared
-    // inline, with no branch on where inside them the texts differ. Only texts
-    // that agree on all of those, or shorter ones, go on to memcmp.
-    [[gnu::always_inline]] static int compareNarrow(const unsigned char* p, std::size_t np,
-                                                    const unsigned char* q, std::size_t nq) noexcept {
-        const std::size_t n = np < nq ? np : nq;
-        std::size_t done = 0;
-#if defined(__SSE2__)
-        if (n >= 32) {
-            const auto same16 = [](const unsigned char* a, const unsigned char* b) noexcept {
-                const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a));
-                const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
-                return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y)));
-            };
-            // Bit k is set when byte k is the same in both.
-            const unsigned same = same16(p, q) | same16(p + 16, q + 16) << 16;
-            if (same != 0xFFFFFFFFu) {
-                const unsigned k = static_cast<unsigned>(__builtin_ctz(~same));
-                return static_cast<int>(p[k]) - static_cast<int>(q[k]);
-            }
-            done = 32;
-        }
-#endif
-        const int r = std::memcmp(p + done, q + done, n - done);
+    // Two narrow texts in byte order, then by length.
+    static int compareNarrow(const unsigned char* p, std::size_t np, const unsigned char* q,
+                             std::size_t nq) noexcept {
+        const int r = std::memcmp(p, q, np < nq ? np : nq);
         if (r != 0) return r;
         return np < nq ? -1 : (np > nq ? 1 : 0);
     }

@@ -13,6 +13,8 @@
 // guarded by one mutex, which is not held while the wrapped catalog runs.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -24,7 +26,7 @@
 
 namespace kiv::catalog {
 
-class FaultInjectingCatalog : public Catalog {
+class KIV_API FaultInjectingCatalog : public Catalog {
 public:
     enum Operation { kDeleteObject = 0, kReadObject = 1, kWriteObject = 2, kGetItemInfo = 3 };
     static constexpr std::size_t kOperationCount = 4;

@@ -6,6 +6,8 @@
 // Thread rule: a value type, used by one thread at a time like any value.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstdint>
 #include <map>
 
@@ -29,7 +31,7 @@ enum EItemType : unsigned {
 // Catalog time: microseconds since the Unix epoch, compared for equality only.
 using Time = std::int64_t;
 
-class ItemInfo {
+class KIV_API ItemInfo {
 public:
     struct Entry {
         Path path;

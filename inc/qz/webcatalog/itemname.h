@@ -10,6 +10,8 @@
 // Thread safety: an immutable value.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include "qz/platform/exception.h"
 #include "qz/platform/string.h"
 #include "qz/webcatalog/compacttext.h"
@@ -31,10 +33,10 @@ enum EItemNameValidity : int {
 };
 
 // The text of a validity value, such as "kItemNameEmpty".
-const char* validityName(EItemNameValidity v) noexcept;
+KIV_API const char* validityName(EItemNameValidity v) noexcept;
 
 // Raised by the checked constructors of ItemName and Path; carries the code.
-class CatalogNameException : public Exception {
+class KIV_API CatalogNameException : public Exception {
 public:
     CatalogNameException(EItemNameValidity validity, const String& text);
     EItemNameValidity getValidity() const noexcept { return m_validity; }
@@ -45,7 +47,7 @@ private:
     EItemNameValidity m_validity;
 };
 
-class ItemName {
+class KIV_API ItemName {
 public:
     static constexpr std::size_t kMaxItemNameLength = 255;
 

@@ -9,6 +9,8 @@
 // Thread safety: implementations are safe for concurrent use from many threads.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -25,12 +27,12 @@ enum class Rights : int { kNone = 0, kRead = 1, kWrite = 3 };
 
 // A held write lock (see ManagedCatalog::lockForWriting); released when
 // destroyed.
-class WriteLock {
+class KIV_API WriteLock {
 public:
     virtual ~WriteLock() = default;
 };
 
-class ManagedCatalog : public Catalog {
+class KIV_API ManagedCatalog : public Catalog {
 public:
     static constexpr const wchar_t* ksAdministratorsGroup = L"administrators";
     static constexpr const wchar_t* ksEveryoneGroup = L"everyone";

@@ -13,6 +13,8 @@
 // Thread safety: an immutable value; copies may cross threads.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -36,7 +38,7 @@ enum EPathRelationship : int {
     kAncestorOf = 8,
 };
 
-class Path {
+class KIV_API Path {
 public:
     static constexpr std::size_t kMaxPathLength = 4096;
 
@@ -53,6 +55,9 @@ public:
 
     // Strict check of a whole path text (every component too).
     static EItemNameValidity checkPath(const String& text);
+    // The same check of this path's own text, in whichever form it is
+    // stored; never allocates.
+    EItemNameValidity check() const noexcept;
     // On a valid text sets the path and returns true; otherwise returns false
     // and leaves the path as it was.
     bool checkAndSetPath(const String& text);
@@ -95,7 +100,7 @@ private:
     CompactText m_text;
 };
 // The blank path constant.
-extern const Path kpBlank;
+extern KIV_API const Path kpBlank;
 
 }  // namespace kiv::catalog
 

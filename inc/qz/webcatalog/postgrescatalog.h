@@ -29,6 +29,8 @@
 // held on connections of their own.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <memory>
 #include <string>
 
@@ -36,7 +38,7 @@
 
 namespace kiv::catalog {
 
-class PostgresCatalog : public ManagedCatalog {
+class KIV_API PostgresCatalog : public ManagedCatalog {
 public:
     // The schema version kept in the catalog's meta table.
     static constexpr int kSchemaVersion = 2;

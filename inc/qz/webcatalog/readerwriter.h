@@ -12,6 +12,8 @@
 // on the thread that made the call.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -26,14 +28,14 @@
 
 namespace kiv {
 
-class OutputStream {
+class KIV_API OutputStream {
 public:
     virtual ~OutputStream() = default;
     virtual void write(const void* data, std::size_t size) = 0;
 };
 
 // An OutputStream into a byte string.
-class StringOutputStream : public OutputStream {
+class KIV_API StringOutputStream : public OutputStream {
 public:
     void write(const void* data, std::size_t size) override {
         m_buffer.append(static_cast<const char*>(data), size);
@@ -49,7 +51,7 @@ namespace catalog {
 
 class Writer;
 
-class Reader {
+class KIV_API Reader {
 public:
     enum PreInspectReadReturnCode { kContinueToRead = 0, kDontContinueToRead = 1 };
     enum UpgradeMode { kUpgradeNone = 0, kUpgradeAuto = 1, kUpgradeAbort = 2, kUpgradeExplicit = 3, kUpgradeForce = 4 };
@@ -72,7 +74,7 @@ private:
     UpgradeMode m_eUpgradeMode = kUpgradeAuto;
 };
 
-class Writer {
+class KIV_API Writer {
 public:
     virtual ~Writer() = default;
     virtual void write(OutputStream& stream) const = 0;
@@ -82,7 +84,7 @@ public:
     virtual bool validatePrivileges(const AccountToken& user) const { return !user.getUserName().empty(); }
 };
 
-class XmlReaderBase : public Reader {
+class KIV_API XmlReaderBase : public Reader {
 public:
     // Parses the bytes into `doc` (raises XmlException when they do not parse)
     // and answers whether the document is valid for the signature.
@@ -95,7 +97,7 @@ public:
     static bool documentsEqual(const XmlDocument& a, const XmlDocument& b);
 };
 
-class XmlWriterBase : public Writer {
+class KIV_API XmlWriterBase : public Writer {
 public:
     // True when the document is valid for the signature (see XmlReaderBase).
     static bool validateDocument(const XmlDocument& doc, const String& signature);
@@ -109,7 +111,7 @@ public:
 // Registers an XSD schema for a signature (used by the validity checks
 // above). Without a registration only well-formedness and a root element
 // are checked.
-void registerSignatureSchema(const String& signature, const xml::SchemaLocation& location);
+KIV_API void registerSignatureSchema(const String& signature, const xml::SchemaLocation& location);
 
 template <class T>
 class XmlReader : public XmlReaderBase {

@@ -2,6 +2,8 @@
 // Thread rule: constants and functions of them only; callable from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include "qz/platform/string.h"
 
 namespace kiv::catalog {
@@ -68,8 +70,8 @@ enum ReturnCode : int {
 static_assert(kErrorSchemaValidationFailed == 27 && kErrorOther == 55, "catalog return codes are fixed");
 
 // The code's name, such as "kErrorPathNotFound"; "unknown" for other values.
-const char* returnCodeName(int code) noexcept;
+KIV_API const char* returnCodeName(int code) noexcept;
 // A short English description of the code.
-String returnCodeDescription(int code);
+KIV_API String returnCodeDescription(int code);
 
 }  // namespace kiv::catalog

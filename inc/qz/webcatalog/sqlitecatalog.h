@@ -69,6 +69,8 @@
 // processes may share one file.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -80,7 +82,7 @@
 
 namespace kiv::catalog {
 
-class SqliteCatalog : public ManagedCatalog {
+class KIV_API SqliteCatalog : public ManagedCatalog {
 public:
     // The schema version kept in the file's user_version. Version 1 (users
     // without password hashes) is upgraded in place when a file is opened.

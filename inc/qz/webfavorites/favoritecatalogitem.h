@@ -6,11 +6,13 @@
 // Thread rule: that of FavoritesItem.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include "qz/webfavorites/favoritesitem.h"
 
 namespace kiv {
 
-class FavoriteCatalogItem : public FavoritesItem {
+class KIV_API FavoriteCatalogItem : public FavoritesItem {
 public:
     FavoriteCatalogItem(const catalog::Path& parentPath, const catalog::Path& catalogPath);
     ~FavoriteCatalogItem() override;

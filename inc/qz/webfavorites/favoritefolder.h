@@ -12,6 +12,8 @@
 // before child.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstddef>
 #include <memory>
 #include <unordered_set>
@@ -21,7 +23,7 @@
 
 namespace kiv {
 
-class FavoriteFolder : public FavoritesItem {
+class KIV_API FavoriteFolder : public FavoritesItem {
 public:
     using FavItemsVector = std::vector<ItemHandle>;
 
@@ -59,18 +61,17 @@ private:
     };
     using KeyIndex = std::unordered_set<const FavoritesItem*, KeyHash, KeyEqual>;
 
-    // REQUIRES: writer lock held.
-    bool hasEqualChildLocked(const FavoritesItem& item) const;
-    void indexChildLocked(const FavoritesItem* item);
-    void unindexChildLocked(const FavoritesItem* item);
+    bool hasEqualChildLocked(const FavoritesItem& item) const KIV_REQUIRES(m_tRWLock);
+    void indexChildLocked(const FavoritesItem* item) KIV_REQUIRES(m_tRWLock);
+    void unindexChildLocked(const FavoritesItem* item) KIV_REQUIRES(m_tRWLock);
 
-    FavItemsVector m_vChildren;
     mutable threads::FastReaderWriterLock m_tRWLock;
+    FavItemsVector m_vChildren KIV_GUARDED_BY(m_tRWLock);
     // Key index over the children whose class is exactly FavoriteFolder or
     // FavoriteCatalogItem, built once the folder grows past a few children.
     // Children of other classes are compared one by one.
-    std::unique_ptr<KeyIndex> m_pKeyIndex;   // guarded by m_tRWLock
-    std::size_t m_nOtherClassChildren = 0;   // guarded by m_tRWLock
+    std::unique_ptr<KeyIndex> m_pKeyIndex KIV_GUARDED_BY(m_tRWLock);
+    std::size_t m_nOtherClassChildren KIV_GUARDED_BY(m_tRWLock) = 0;
 };
 
 }  // namespace kiv

@@ -5,13 +5,15 @@
 // Thread rule: not changed after construction; readable from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include "qz/platform/exception.h"
 #include "qz/platform/memalloc.h"
 #include "qz/webfavorites/favoritestypes.h"
 
 namespace kiv {
 
-class FavoritesException : public Exception, public MemAllocNewdel {
+class KIV_API FavoritesException : public Exception, public MemAllocNewdel {
 public:
     using MemAllocNewdel::operator new;
     using MemAllocNewdel::operator delete;

@@ -11,6 +11,8 @@
 // folder is guarded by the folder's own reader-writer lock.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <vector>
 
 #include "qz/platform/handle.h"
@@ -25,7 +27,7 @@ class CatalogObjectFilter;
 }
 class FavoritesVisitor;
 
-class FavoritesItem : public RefCountedBaseTemplate<MemAllocNewdel> {
+class KIV_API FavoritesItem : public RefCountedBaseTemplate<MemAllocNewdel> {
 public:
     using ItemHandle = Handle<FavoritesItem, FavoritesItem>;
     using FavoritesItems = std::vector<ItemHandle>;

@@ -22,6 +22,8 @@
 // has its own locks). The catalog must outlive the manager.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <map>
 #include <vector>
 
@@ -49,7 +51,7 @@ class XmlElement;
 class SoapParameter;
 class GDExpressionEvaluator;
 
-class FavoritesManager : public RefCountedBaseTemplate<MemAllocNewdel> {
+class KIV_API FavoritesManager : public RefCountedBaseTemplate<MemAllocNewdel> {
 public:
     using FavoritesItems = std::vector<Handle<FavoritesItem>>;
     using FavItemsVector = FavoritesItems;
@@ -171,11 +173,11 @@ private:
 };
 
 // Entry points kept for compatibility; they do nothing and answer kSuccess.
-favorites::ReturnCode update(Handle<FavoritesItem>& item, Handle<FavoritesItem>& other);
-favorites::ReturnCode update(FavoritesItems& items);
+KIV_API favorites::ReturnCode update(Handle<FavoritesItem>& item, Handle<FavoritesItem>& other);
+KIV_API favorites::ReturnCode update(FavoritesItems& items);
 
 // The type maps: "catalogObject"/"category" and "0"/"1" to EItemType.
-extern const StringToEnumMap<favorites::EItemType> kmapFavoritesTypes;
-extern const StringToEnumMap<favorites::EItemType> kmapFavoritesJSONTypes;
+extern KIV_API const StringToEnumMap<favorites::EItemType> kmapFavoritesTypes;
+extern KIV_API const StringToEnumMap<favorites::EItemType> kmapFavoritesJSONTypes;
 
 }  // namespace kiv

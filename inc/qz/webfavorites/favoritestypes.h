@@ -11,6 +11,8 @@
 // Thread rule: constants and functions of them only; callable from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstdint>
 
 namespace kiv::favorites {
@@ -34,6 +36,6 @@ enum ReturnCode : std::int32_t {
 };
 
 // The code's name, such as "kErrorItemNotFound"; "unknown" for other values.
-const char* returnCodeName(int code) noexcept;
+KIV_API const char* returnCodeName(int code) noexcept;
 
 }  // namespace kiv::favorites

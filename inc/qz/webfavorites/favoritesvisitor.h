@@ -13,12 +13,14 @@
 // the thread that called accept(), and calls the visitor on that thread only.
 #pragma once
 
+#include "qz/platform/export.h"
+
 namespace kiv {
 
 class FavoriteCatalogItem;
 class FavoriteFolder;
 
-class FavoritesVisitor {
+class KIV_API FavoritesVisitor {
 public:
     virtual bool visitCatalogItem(FavoriteCatalogItem& item);
     virtual bool visitFolderEnd(FavoriteFolder& folder);

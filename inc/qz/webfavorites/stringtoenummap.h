@@ -9,6 +9,8 @@
 // construction, so it may be searched from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <utility>

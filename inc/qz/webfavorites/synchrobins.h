@@ -9,12 +9,15 @@
 // Thread safety: all operations may be called from any thread.
 #pragma once
 
+#include "qz/platform/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "qz/platform/config.h"
+#include "qz/platform/threadannotations.h"
 
 namespace kiv {
 
@@ -26,8 +29,8 @@ public:
 
     struct BucketContainer {
         Lock m_lock{1};
-        Map m_map;                 // guarded by m_lock
-        std::uint64_t m_nOps = 0;  // read-modify-writes on this bin; guarded by m_lock
+        Map m_map KIV_GUARDED_BY(m_lock);
+        std::uint64_t m_nOps KIV_GUARDED_BY(m_lock) = 0;  // read-modify-writes on this bin
     };
 
     explicit SynchroBins(double scalingFactor = config::getScalingFactor()) {
@@ -36,12 +39,11 @@ public:
         if (n == 0) n = 1;
         m_BucketContainers.reserve(n);
         for (std::uint64_t i = 0; i < n; ++i) m_BucketContainers.push_back(std::make_unique<BucketContainer>());
-        m_binReciprocal = ~static_cast<unsigned __int128>(0) / n + 1;
     }
 
     std::size_t binCount() const noexcept { return m_BucketContainers.size(); }
     std::size_t binOf(const key_type& key) const noexcept {
-        return static_cast<std::size_t>(remainder(static_cast<std::uint64_t>(Hash()(key))));
+        return static_cast<std::size_t>(static_cast<std::uint64_t>(Hash()(key)) % m_BucketContainers.size());
     }
 
     bool has(const key_type& key) const {
@@ -106,25 +108,12 @@ public:
     BucketContainer& bucket(std::size_t i) noexcept { return *m_BucketContainers[i]; }
 
 private:
-    // hash % bin count without a division: with c = ceil(2^128 / d), the
-    // remainder is the high 128 bits of ((c * h) mod 2^128) * d, exactly, for
-    // every 64-bit h and every d >= 1 (c wraps to 0 for d = 1, giving 0).
-    std::uint64_t remainder(std::uint64_t h) const noexcept {
-        using U128 = unsigned __int128;
-        const std::uint64_t bins = m_BucketContainers.size();
-        const U128 fraction = m_binReciprocal * h;  // modulo 2^128
-        const U128 low = (static_cast<U128>(static_cast<std::uint64_t>(fraction)) * bins) >> 64;
-        const U128 high = static_cast<U128>(static_cast<std::uint64_t>(fraction >> 64)) * bins;
-        return static_cast<std::uint64_t>((low + high) >> 64);
-    }
-
-    struct Guard {
-        explicit Guard(Lock& l) : m_l(l) { m_l.lock(); }
-        ~Guard() { m_l.unlock(); }
+    struct KIV_SCOPED_CAPABILITY Guard {
+        explicit Guard(Lock& l) KIV_ACQUIRE(l) : m_l(l) { m_l.lock(); }
+        ~Guard() KIV_RELEASE() { m_l.unlock(); }
         Lock& m_l;
     };
     std::vector<std::unique_ptr<BucketContainer>> m_BucketContainers;
-    unsigned __int128 m_binReciprocal = 0;  // ceil(2^128 / bin count), modulo 2^128
 };
 
 }  // namespace kiv

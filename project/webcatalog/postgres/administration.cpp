@@ -17,7 +17,7 @@ public:
             return;
         }
         if (!m_conn->healthy()) return;
-        std::lock_guard<std::mutex> lock(m_impl.poolMutex);
+        threads::MutexLock lock(m_impl.poolMutex);
         m_impl.idleLockConns.push_back(std::move(m_conn));
     }
 
@@ -275,7 +275,7 @@ std::unique_ptr<WriteLock> PostgresCatalog::lockForWriting(const Path& path) {
     return adminCall(path, [&]() -> std::unique_ptr<WriteLock> {
         std::unique_ptr<Conn> c;
         {
-            std::lock_guard<std::mutex> lock(m_impl->poolMutex);
+            threads::MutexLock lock(m_impl->poolMutex);
             if (!m_impl->idleLockConns.empty()) {
                 c = std::move(m_impl->idleLockConns.back());
                 m_impl->idleLockConns.pop_back();

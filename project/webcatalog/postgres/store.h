@@ -37,12 +37,11 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
 
-#include "../storecommon.h"
+#include "qz/webcatalog/storecommon.h"
 #include "qz/webcatalog/postgrescatalog.h"
 #include "qz/webcatalog/readerwriter.h"
 
@@ -332,11 +331,11 @@ struct PostgresCatalog::Impl {
     Options options;
     const std::uint64_t serial = nextSerial();
 
-    std::mutex poolMutex;
-    std::condition_variable poolFree;
-    std::vector<std::unique_ptr<Conn>> idle;  // free connections
-    int open = 0;                             // taken, idle or being opened
-    std::vector<std::unique_ptr<Conn>> idleLockConns;
+    threads::Mutex poolMutex;
+    std::condition_variable_any poolFree;
+    std::vector<std::unique_ptr<Conn>> idle KIV_GUARDED_BY(poolMutex);  // free connections
+    int open KIV_GUARDED_BY(poolMutex) = 0;                             // taken, idle or being opened
+    std::vector<std::unique_ptr<Conn>> idleLockConns KIV_GUARDED_BY(poolMutex);
     store::HistorySetting history;
 
     static std::uint64_t nextSerial() noexcept {
@@ -408,8 +407,8 @@ struct PostgresCatalog::Impl {
     };
 
     std::unique_ptr<Conn> acquire() {
-        std::unique_lock<std::mutex> lock(poolMutex);
-        poolFree.wait(lock, [&] { return !idle.empty() || open < options.maxConnections; });
+        threads::MutexLock lock(poolMutex);
+        while (idle.empty() && open >= options.maxConnections) poolFree.wait(lock);
         if (!idle.empty()) {
             std::unique_ptr<Conn> c = std::move(idle.back());
             idle.pop_back();
@@ -437,7 +436,7 @@ struct PostgresCatalog::Impl {
         const bool keep = c->healthy() && PQtransactionStatus(c->pg) == PQTRANS_IDLE;
         if (!keep) c.reset();
         {
-            std::lock_guard<std::mutex> lock(poolMutex);
+            threads::MutexLock lock(poolMutex);
             if (keep)
                 idle.push_back(std::move(c));
             else
@@ -485,7 +484,7 @@ struct PostgresCatalog::Impl {
         } catch (const PgError& e) {
             loadingError(kErrorLoadingCatalog, e.message);
         }
-        std::lock_guard<std::mutex> lock(poolMutex);
+        threads::MutexLock lock(poolMutex);
         idle.push_back(std::move(c));
         open = 1;
     }

@@ -412,7 +412,7 @@ private:
 
 MemoryWriteLock::~MemoryWriteLock() {
     {
-        std::lock_guard<std::mutex> lock(m_impl.lockMutex);
+        threads::MutexLock lock(m_impl.lockMutex);
         m_impl.lockedPaths.erase(m_path);
     }
     m_impl.lockReleased.notify_all();
@@ -436,8 +436,8 @@ std::unique_ptr<WriteLock> SqliteCatalog::lockForWriting(const Path& path) {
     std::string p = toUtf8(path);
     Impl& impl = *m_impl;
     if (impl.inMemory) {
-        std::unique_lock<std::mutex> lock(impl.lockMutex);
-        impl.lockReleased.wait(lock, [&] { return impl.lockedPaths.count(p) == 0; });
+        threads::MutexLock lock(impl.lockMutex);
+        while (impl.lockedPaths.count(p) != 0) impl.lockReleased.wait(lock);
         impl.lockedPaths.insert(p);
         return std::make_unique<MemoryWriteLock>(impl, std::move(p));
     }

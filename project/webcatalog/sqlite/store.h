@@ -40,16 +40,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <atomic>
-#include <bitset>
 #include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <set>
 #include <string>
 #include <unordered_map>
 
-#include "../namerules.h"
-#include "../storecommon.h"
+#include "qz/webcatalog/storecommon.h"
 #include "qz/webcatalog/readerwriter.h"
 #include "qz/webcatalog/sqlitecatalog.h"
 
@@ -176,7 +173,6 @@ struct StringViewHash {
 struct Conn {
     sqlite3* db = nullptr;
     sqlite3_stmt* stmts[kStCount] = {};
-    std::atomic<bool> busy{false};  // taken by an operation (see SqliteCatalog::Impl)
     std::string pathBuf;  // the UTF-8 text of the path of the current operation
     std::string hopBuf;   // the current link target
     std::vector<std::string> visited;
@@ -187,10 +183,6 @@ struct Conn {
     std::int64_t aclGen = -1;
     std::uint64_t localGen = 0;
     std::unordered_map<std::string, std::vector<AclEntry>, StringViewHash, std::equal_to<>> acl;
-    // Bit n is set when a path of acl has a length of n modulo 256: most
-    // items and folders have no access list of their own, and this answers
-    // that for most of them without hashing their path.
-    std::bitset<256> aclLengths;
 
     ~Conn() {
         for (auto*& s : stmts)
@@ -338,40 +330,10 @@ inline void logSqlError(const SqlError& e, const std::string& file) {
                             KIV_FILE_LOCATION("project/webcatalog/sqlitecatalog", __LINE__));
 }
 
-// The fast case of encodeCheckedPath: true when the ASCII text `v` is a
-// valid path of printable characters without escapes; false for anything
-// else, which the full check then judges.
-inline bool isPlainAsciiPath(std::string_view v) noexcept {
-    const std::size_t n = v.size();
-    if (n < 2 || n > Path::kMaxPathLength || v[0] != '/') return false;
-    // Any character outside space to '~', or an escape.
-    bool outside = false;
-    for (const char c : v) outside |= static_cast<unsigned char>(c) - 0x20u > 0x7Eu - 0x20u;
-    if (outside || v.find('\\') != std::string_view::npos) return false;
-    // Each component: not empty, not too long, not all white space (of
-    // these characters only the space is white space).
-    for (std::size_t start = 1;;) {
-        const std::size_t end = std::min(v.find('/', start), n);
-        const std::size_t length = end - start;
-        if (length == 0 || length > ItemName::kMaxItemNameLength) return false;
-        if (v[start] == ' ' && v.find_first_not_of(' ', start) >= end) return false;
-        if (end == n) return true;
-        start = end + 1;
-    }
-}
-
 // Checks a path and writes its UTF-8 form to `out`; the answer is exactly
-// detail::checkPathText's. An ASCII path (the usual case) is copied as it
-// is and checked on its bytes; any other path, and any the fast check finds
-// fault with, goes through the full check and the general conversion.
-// `out` is left unspecified for an invalid path.
+// Path::check's. `out` is left unspecified for an invalid path.
 inline EItemNameValidity encodeCheckedPath(const Path& path, std::string& out) {
-    if (path.text().isAscii()) {
-        out.clear();
-        path.appendUtf8(out);
-        if (isPlainAsciiPath(out)) return kItemNameValid;
-    }
-    const EItemNameValidity validity = detail::checkPathText(path);
+    const EItemNameValidity validity = path.check();
     if (validity == kItemNameValid) {
         out.clear();
         appendUtf8(out, path);
@@ -390,27 +352,21 @@ struct SqliteCatalog::Impl {
     bool inMemory = false;
     Options options;
 
-    // Tells this catalog's connections from those of another (or of a
-    // destroyed one at the same address) in a thread's cache below.
-    const std::uint64_t serial = nextSerial();
-
-    // The connection pool: every connection ever opened, each either taken
-    // (Conn::busy) or free. A thread first tries the connection it used
-    // last, which it claims with one atomic exchange and gives back with one
-    // store; the mutex is taken only to look for another free connection,
-    // to open one, or to wait while all are taken (the in-memory store has
-    // exactly one).
-    std::mutex poolMutex;
-    std::condition_variable poolFree;
-    std::vector<std::unique_ptr<Conn>> conns;  // grows under poolMutex
-    std::size_t open = 0;                      // opened or being opened
-    std::size_t maxOpen = SIZE_MAX;
-    std::atomic<int> waiting{0};               // threads waiting for a connection
+    // The connection pool: every connection ever opened (conns), those not
+    // taken by an operation (idle, the one given back last on top, its pages
+    // warmest), and how many are opened or being opened. The in-memory store
+    // has exactly one connection, so its operations take turns.
+    threads::Mutex poolMutex;
+    std::condition_variable_any poolFree;
+    std::vector<std::unique_ptr<Conn>> conns KIV_GUARDED_BY(poolMutex);
+    std::vector<Conn*> idle KIV_GUARDED_BY(poolMutex);
+    std::size_t open KIV_GUARDED_BY(poolMutex) = 0;
+    std::size_t maxOpen = SIZE_MAX;  // set before the first operation
 
     // The write locks of the in-memory catalog: the paths held.
-    std::mutex lockMutex;
-    std::condition_variable lockReleased;
-    std::set<std::string> lockedPaths;
+    threads::Mutex lockMutex;
+    std::condition_variable_any lockReleased;
+    std::set<std::string> lockedPaths KIV_GUARDED_BY(lockMutex);
 
     store::HistorySetting history;
 
@@ -418,17 +374,10 @@ struct SqliteCatalog::Impl {
     std::atomic<std::uint64_t> localAclGen{0};
     std::atomic<int> upgradeMode{Reader::kUpgradeAuto};
 
-    static std::uint64_t nextSerial() noexcept {
-        static std::atomic<std::uint64_t> counter{0};
-        return counter.fetch_add(1, std::memory_order_relaxed) + 1;
-    }
-
-    // What a thread remembers: the connection it used last, and the one a
-    // read batch of this thread holds (see beginReadBatch). A serial or an
-    // Impl matches only while that catalog is alive, as a call on it is.
+    // The read batch this thread holds, if any (see beginReadBatch): its
+    // catalog and its connection, which the thread's reads use. A catalog
+    // matches only while it is alive, as a call on it is.
     struct ThreadState {
-        std::uint64_t lastSerial = 0;
-        Conn* last = nullptr;
         const Impl* pinnedImpl = nullptr;
         Conn* pinned = nullptr;
     };
@@ -443,11 +392,11 @@ struct SqliteCatalog::Impl {
     public:
         enum EUse { kAny, kRead };
         explicit Lease(Impl& impl, EUse use = kAny) : m_impl(impl) {
-            ThreadState& t = threadState();
+            const ThreadState& t = threadState();
             if (use == kRead && t.pinnedImpl == &impl) {
                 m_conn = t.pinned;
             } else {
-                m_conn = impl.acquire(t);
+                m_conn = impl.acquire();
                 m_owned = true;
             }
         }
@@ -465,34 +414,15 @@ struct SqliteCatalog::Impl {
         bool m_owned = false;
     };
 
-    static bool claim(Conn& c) noexcept { return !c.busy.exchange(true, std::memory_order_acquire); }
-
-    Conn* acquire(ThreadState& t) {
-        if (t.lastSerial == serial && claim(*t.last)) return t.last;
-        Conn* c = acquireSlow();
-        t.lastSerial = serial;
-        t.last = c;
-        return c;
-    }
-    Conn* acquire() { return acquire(threadState()); }
-
-    Conn* acquireSlow() {
-        std::unique_lock<std::mutex> lock(poolMutex);
-        const auto claimAny = [this]() -> Conn* {
-            for (const auto& c : conns)
-                if (claim(*c)) return c.get();
-            return nullptr;
-        };
-        for (;;) {
-            if (Conn* c = claimAny()) return c;
-            if (open < maxOpen) break;
-            // Announce the wait before looking again, so that a release
-            // either is seen by the second look or sees the waiter.
-            waiting.fetch_add(1, std::memory_order_seq_cst);
-            Conn* c = claimAny();
-            if (!c) poolFree.wait(lock);
-            waiting.fetch_sub(1, std::memory_order_seq_cst);
-            if (c) return c;
+    // An idle connection, a new one while fewer than maxOpen are open, or
+    // else the first one given back.
+    Conn* acquire() {
+        threads::MutexLock lock(poolMutex);
+        while (idle.empty() && open >= maxOpen) poolFree.wait(lock);
+        if (!idle.empty()) {
+            Conn* c = idle.back();
+            idle.pop_back();
+            return c;
         }
         ++open;
         lock.unlock();
@@ -505,7 +435,6 @@ struct SqliteCatalog::Impl {
             poolFree.notify_one();
             throw;
         }
-        fresh->busy.store(true, std::memory_order_relaxed);
         Conn* c = fresh.get();
         lock.lock();
         conns.push_back(std::move(fresh));
@@ -513,11 +442,11 @@ struct SqliteCatalog::Impl {
     }
 
     void release(Conn* c) {
-        c->busy.store(false, std::memory_order_seq_cst);
-        if (waiting.load(std::memory_order_seq_cst) != 0) {
-            std::lock_guard<std::mutex> lock(poolMutex);
-            poolFree.notify_one();
+        {
+            threads::MutexLock lock(poolMutex);
+            idle.push_back(c);
         }
+        poolFree.notify_one();
     }
 
     [[noreturn]] void loadingError(const std::string& why) const {
@@ -621,7 +550,8 @@ struct SqliteCatalog::Impl {
             pragma(*c, "PRAGMA journal_mode=WAL");
         }
         pragma(*c, options.synchronousFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-        std::lock_guard<std::mutex> lock(poolMutex);
+        threads::MutexLock lock(poolMutex);
+        idle.push_back(c.get());
         conns.push_back(std::move(c));
         open = 1;
     }
@@ -696,11 +626,9 @@ struct SqliteCatalog::Impl {
         }
         if (!c.aclLoaded || gen != c.aclGen) {
             c.acl.clear();
-            c.aclLengths.reset();
             Query q(c, kStAclAll);
             while (q.step()) {
                 const std::string_view aclPath = q.textAt(0);
-                c.aclLengths.set(aclPath.size() % c.aclLengths.size());
                 auto& entries = c.acl[std::string(aclPath)];
                 entries.push_back(store::makeAclEntry(q.textAt(1), q.integerAt(2) != 0, static_cast<int>(q.integerAt(3))));
             }
@@ -728,11 +656,9 @@ struct SqliteCatalog::Impl {
     }
 
     // The access list of the item or of its nearest ancestor that has one.
-    // The walk up stays in the path text; only a path whose length some
-    // access list's path has is looked up.
+    // The walk up stays in the path text.
     static const std::vector<AclEntry>* applyingList(Conn& c, std::string_view path) {
         for (std::string_view p = path; !p.empty(); p = parentOf(p)) {
-            if (!c.aclLengths.test(p.size() % c.aclLengths.size())) continue;
             const auto it = c.acl.find(p);
             if (it != c.acl.end()) return &it->second;
         }
