@@ -86,9 +86,10 @@ namespace kiv {
 // the text was made from instead of parsing it again (only for values whose
 // text reads back as an equal structure within the limits below, which every
 // value an evaluation produced is). And the text of a whole tree, once
-// written, serves the text of every array and object inside it as a copy of
-// a part of it. Readers that walk a tree level by level through the text form
-// of each level thus parse the text only once and write it only once. The
+// written, serves the text of the arrays and objects inside it, asked for in
+// document order, as a copy of a part of it (one asked for out of that order
+// is written anew). Readers that walk a tree level by level through the text
+// form of each level thus parse the text only once and write it only once. The
 // context holds the last few trees it wrote, and the values of the last few
 // texts it gave, alive.
 class KIV_API GDContext {
@@ -137,6 +138,11 @@ namespace detail {
 // A parsed JSON document that the values of one evaluation read from.
 struct JsonDocument;
 struct JsonAccess;
+// Where in its document an array or object lies: room for the parser's own
+// small handle on it (two words; gd.cpp checks at compile time that it fits).
+struct JsonPlace {
+    alignas(void*) unsigned char bytes[2 * sizeof(void*)];
+};
 }  // namespace detail
 
 // A JSON array: elements in document order.
@@ -159,10 +165,10 @@ public:
 
 private:
     friend struct detail::JsonAccess;
-    GDJsonArray(std::shared_ptr<const detail::JsonDocument> doc, std::uint32_t index) noexcept;
+    GDJsonArray(std::shared_ptr<const detail::JsonDocument> doc, const detail::JsonPlace& place) noexcept;
 
     std::shared_ptr<const detail::JsonDocument> m_doc;  // null when built from a vector
-    std::uint32_t m_index = 0;                          // the array's place in m_doc
+    detail::JsonPlace m_place{};                        // the array's place in m_doc
     mutable std::atomic<const std::vector<GDVariant>*> m_elements{nullptr};
 };
 
@@ -192,11 +198,11 @@ public:
 
 private:
     friend struct detail::JsonAccess;
-    GDJsonObject(std::shared_ptr<const detail::JsonDocument> doc, std::uint32_t index) noexcept;
+    GDJsonObject(std::shared_ptr<const detail::JsonDocument> doc, const detail::JsonPlace& place) noexcept;
     const Members& materialised() const;
 
     std::shared_ptr<const detail::JsonDocument> m_doc;  // null when built from members
-    std::uint32_t m_index = 0;
+    detail::JsonPlace m_place{};                        // the object's place in m_doc
     mutable std::atomic<const Members*> m_members{nullptr};
 };
 
