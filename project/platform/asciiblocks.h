@@ -13,6 +13,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include "qz/platform/jsonescape.h"
+
 namespace kiv::detail {
 
 inline constexpr std::size_t kAsciiBlock = 16;
@@ -39,10 +41,8 @@ inline bool narrowAsciiBlock(const wchar_t* in, char* out) noexcept {
 }
 // ASCII from 0x20 up, neither '"' nor '\': what a JSON string holds as it is.
 inline bool widenJsonPlainBlock(const char* in, wchar_t* out) noexcept {
-    return convertBlock(in, out, [](std::uint32_t u) {
-        return static_cast<unsigned>(u >= 0x20) & static_cast<unsigned>(u < 0x80) & static_cast<unsigned>(u != 0x22) &
-               static_cast<unsigned>(u != 0x5C);
-    });
+    return convertBlock(in, out,
+                        [](std::uint32_t u) { return static_cast<unsigned>(u < 0x80) & (json::needsJsonEscape(u) ^ 1u); });
 }
 
 inline bool asciiBlock(const char* in, wchar_t* out) noexcept { return widenAsciiBlock(in, out); }

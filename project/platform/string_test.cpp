@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <string>
 
 #include "asciiblocks.h"
 #include "qz/platform/exception.h"
+#include "qz/platform/jsonescape.h"
 
 namespace kiv {
 namespace {
@@ -397,6 +399,59 @@ TEST(StringBasics, BlankConstantIsEmpty) { EXPECT_TRUE(s_ksBlank.empty()); }
 
 TEST(StringBasics, HashOfEqualStringsIsEqual) {
     EXPECT_EQ(std::hash<String>()(String(L"x/y")), std::hash<String>()(String(std::wstring(L"x/y"))));
+}
+
+// --- JSON string escaping ----------------------------------------------------
+
+// Every character at every place of a text longer than a block: escaped
+// exactly when JSON requires it (DEL only when asked), the same in bytes and
+// in wide characters.
+TEST(JsonEscape, EachCharacterIsEscapedExactlyWhenJsonRequiresItAtEveryPlace) {
+    const auto expected = [](unsigned c, bool escapeDelete) -> std::string {
+        switch (c) {
+            case '"': return "\\\"";
+            case '\\': return "\\\\";
+            case '\b': return "\\b";
+            case '\f': return "\\f";
+            case '\n': return "\\n";
+            case '\r': return "\\r";
+            case '\t': return "\\t";
+            default: break;
+        }
+        if (c < 0x20 || (c == 0x7F && escapeDelete)) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\u%04x", c);
+            return buf;
+        }
+        return std::string(1, static_cast<char>(c));
+    };
+    for (const bool escapeDelete : {false, true}) {
+        const auto mode = escapeDelete ? json::kEscapeDelete : json::kKeepDelete;
+        for (unsigned c = 0; c < 0x80; ++c) {
+            for (const std::size_t at : {std::size_t{0}, std::size_t{7}, std::size_t{15}, std::size_t{16},
+                                         std::size_t{31}, std::size_t{36}}) {
+                std::string text(37, 'a');
+                text[at] = static_cast<char>(c);
+                const std::string want =
+                    std::string(at, 'a') + expected(c, escapeDelete) + std::string(36 - at, 'a');
+                std::string narrow = "x";
+                json::appendJsonEscaped(narrow, std::string_view(text), mode);
+                ASSERT_EQ(narrow, "x" + want) << c << " at " << at;
+                std::wstring wide;
+                json::appendJsonEscaped(wide, std::wstring_view(std::wstring(text.begin(), text.end())), mode);
+                ASSERT_EQ(wide, std::wstring(want.begin(), want.end())) << c << " at " << at;
+            }
+        }
+    }
+}
+
+TEST(JsonEscape, CharactersBeyondAsciiAreWrittenAsTheyAre) {
+    std::string narrow;
+    json::appendJsonEscaped(narrow, std::string_view("\xc3\xbc\xe6\x9d\xb1 \xf0\x9f\x98\x80"));
+    EXPECT_EQ(narrow, "\xc3\xbc\xe6\x9d\xb1 \xf0\x9f\x98\x80");
+    std::wstring wide;
+    json::appendJsonEscaped(wide, std::wstring_view(L"\u00fc\u6771 \U0001F600\u0080\u009f"));
+    EXPECT_EQ(wide, L"\u00fc\u6771 \U0001F600\u0080\u009f");
 }
 
 }  // namespace

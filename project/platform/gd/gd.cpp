@@ -6,6 +6,7 @@
 // array or object converts its members when they are first read, so a reader
 // pays only for what it reads, and the values outlive the evaluator.
 #include "qz/platform/gd.h"
+#include "qz/platform/jsonescape.h"
 
 #include <simdjson.h>
 
@@ -66,49 +67,8 @@ void appendInt(std::wstring& out, std::int64_t n) {
     for (char* p = buf; p != res.ptr; ++p) out.push_back(static_cast<wchar_t>(*p));
 }
 
-// Written with bitwise operators so that a block of tests has no branches.
-unsigned needsEscape(wchar_t c) noexcept {
-    const auto u = static_cast<std::uint32_t>(c);
-    return static_cast<unsigned>(u == 0x22) | static_cast<unsigned>(u == 0x5C) | static_cast<unsigned>(u < 0x20);
-}
-
 // Appends `s` with the characters JSON strings must escape escaped.
-void appendEscaped(std::wstring& out, std::wstring_view s) {
-    static const wchar_t kHex[] = L"0123456789abcdef";
-    std::size_t run = 0;  // start of the characters not yet written
-    std::size_t i = 0;
-    while (i < s.size()) {
-        if (i + kBlock <= s.size()) {
-            unsigned any = 0;
-            for (std::size_t k = 0; k < kBlock; ++k) any |= needsEscape(s[i + k]);
-            if (!any) {
-                i += kBlock;
-                continue;
-            }
-        }
-        const std::size_t end = std::min(i + kBlock, s.size());
-        for (; i < end; ++i) {
-            const wchar_t c = s[i];
-            if (!needsEscape(c)) continue;
-            out.append(s.data() + run, i - run);
-            run = i + 1;
-            switch (c) {
-                case L'"': out += L"\\\""; break;
-                case L'\\': out += L"\\\\"; break;
-                case L'\b': out += L"\\b"; break;
-                case L'\f': out += L"\\f"; break;
-                case L'\n': out += L"\\n"; break;
-                case L'\r': out += L"\\r"; break;
-                case L'\t': out += L"\\t"; break;
-                default:
-                    out += L"\\u00";
-                    out.push_back(kHex[(c >> 4) & 0xF]);
-                    out.push_back(kHex[c & 0xF]);
-            }
-        }
-    }
-    out.append(s.data() + run, s.size() - run);
-}
+void appendEscaped(std::wstring& out, std::wstring_view s) { json::appendJsonEscaped(out, s); }
 
 void appendJsonString(std::wstring& out, std::wstring_view s) {
     out.push_back(L'"');
@@ -245,7 +205,7 @@ ContainerId idOf(const GDValue* v) noexcept {
 std::size_t appendJsonStringUtf8(std::wstring& out, std::string_view s) {
     auto plain = [](char c) noexcept {
         const auto b = static_cast<unsigned char>(c);
-        return static_cast<unsigned>(b < 0x80) & (needsEscape(static_cast<wchar_t>(b)) ^ 1u);
+        return static_cast<unsigned>(b < 0x80) & (json::needsJsonEscape(b) ^ 1u);
     };
     const std::size_t at = out.size();
     out.resize(at + s.size() + 2);
