@@ -38,10 +38,6 @@ bool keyLess(const String& a, const String& b) noexcept {
     return static_cast<const std::wstring&>(a) < static_cast<const std::wstring&>(b);
 }
 
-// Characters looked at together by the escaping fast path below: each block
-// is one branch-free loop that the compiler turns into vector instructions.
-constexpr std::size_t kBlock = 16;
-
 // Shortest round-trip text of a double.
 void appendDouble(std::wstring& out, double d, bool asJson) {
     if (!std::isfinite(d)) {
