@@ -124,11 +124,16 @@ FavoritesDocumentCheck checkFavoritesDocument(std::string_view body) {
     return out;
 }
 
+catalog::ReturnCode readFavoritesDocument(catalog::Catalog& catalog, const AccountToken& user,
+                                          const catalog::Path& path, std::string& body, catalog::ItemInfo& info) {
+    BodyReader reader(body);
+    return catalog.readObject(user, path, reader, info, 0);
+}
+
 std::string storedFavoritesProblem(catalog::Catalog& catalog, const AccountToken& user, const catalog::Path& path) {
     std::string body;
-    BodyReader reader(body);
     catalog::ItemInfo info;
-    const catalog::ReturnCode rc = catalog.readObject(user, path, reader, info, 0);
+    const catalog::ReturnCode rc = readFavoritesDocument(catalog, user, path, body, info);
     if (rc == catalog::kErrorObjectTypeMismatch)
         return "the object is not a favorites object (its signature is \"" +
                info.getObjectSignature(catalog::kInfoResolved).toUtf8() + "\")";

@@ -52,6 +52,13 @@ struct FavoritesDocumentCheck {
 // the catalog refuses stops the load).
 FavoritesDocumentCheck checkFavoritesDocument(std::string_view body);
 
+// Reads the stored favorites object at `path` as `user`: `body` gets its
+// bytes as the library wrote them, `info` what the catalog says of it.
+// Returns the catalog's code (kErrorObjectTypeMismatch for an object that is
+// not a favorites object).
+catalog::ReturnCode readFavoritesDocument(catalog::Catalog& catalog, const AccountToken& user,
+                                          const catalog::Path& path, std::string& body, catalog::ItemInfo& info);
+
 // The problem of the user's stored favorites object, or empty when it
 // loads, is missing, or the user may not read it (the catalog's code then
 // says why, and is reported where the manager is made). A store that fails

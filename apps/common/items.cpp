@@ -38,23 +38,6 @@ void exportItemJson(JsonWriter& w, const Handle<FavoritesItem>& item) {
     w.endObject();
 }
 
-void exportItemXml(const Handle<FavoritesItem>& item, int depth, std::string& out) {
-    const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
-    out += indent + "<favorite name=\"" + xmlEscape(item->getName().toString()) + "\"";
-    if (isCategory(*item)) {
-        const FavoritesItems children = childrenOf(item);
-        if (children.empty()) {
-            out += " type=\"category\"/>\n";
-            return;
-        }
-        out += " type=\"category\">\n";
-        for (const Handle<FavoritesItem>& child : children) exportItemXml(child, depth + 1, out);
-        out += indent + "</favorite>\n";
-    } else {
-        out += " catalogpath=\"" + xmlEscape(item->getCatalogPath().toString()) + "\" type=\"catalogitem\"/>\n";
-    }
-}
-
 }  // namespace
 
 std::string xmlEscape(std::string_view utf8) {
@@ -133,14 +116,6 @@ std::string exportJson(const FavoritesItems& items) {
     for (const Handle<FavoritesItem>& item : items) exportItemJson(w, item);
     w.endArray();
     return w.str() + "\n";
-}
-
-std::string exportXml(const FavoritesItems& items) {
-    std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
-    if (items.empty()) return out + "<fav:favoritelist xmlns:fav=\"urn:kiv-web:favorites/v1\"/>\n";
-    out += "<fav:favoritelist xmlns:fav=\"urn:kiv-web:favorites/v1\">\n";
-    for (const Handle<FavoritesItem>& item : items) exportItemXml(item, 1, out);
-    return out + "</fav:favoritelist>\n";
 }
 
 }  // namespace kiv::host

@@ -1,5 +1,5 @@
 // Rendering favorites items for the hosts' output (the tool and the server):
-// plain text for people, JSON for programs, and the two export formats.
+// plain text for people, JSON for programs, and the JSON export format.
 //
 // JSON item (the tool's tree, ls, add, mkcat; the server's answers):
 //   {"type":"category","name":N,"favoritesPath":P,"children":[...]}
@@ -7,7 +7,8 @@
 //   ("children" only where the command shows a subtree).
 // Export JSON is the replacement format read by replace-json:
 //   [{"type":"1","name":N,"children":[...]}, {"type":"0","path":C}, ...]
-// Export XML is the stored favorites document format.
+// (The XML export is the stored favorites document itself, read by
+// readFavoritesDocument.)
 #pragma once
 
 #include <string>
@@ -42,7 +43,5 @@ inline std::string xmlEscape(const String& text) { return xmlEscape(std::string_
 
 // The items in the replacement format of replace-json.
 std::string exportJson(const FavoritesItems& items);
-// The items as a favorites XML document.
-std::string exportXml(const FavoritesItems& items);
 
 }  // namespace kiv::host

@@ -640,9 +640,11 @@ TEST_F(FavoritesTool, ExportWritesXmlOrTheJsonThatReplaceJsonReads) {
     makeDemo();
     Result r = as("alice", {"export"});
     ASSERT_EQ(r.status, 0) << r;
-    EXPECT_NE(r.out.find("<fav:favoritelist xmlns:fav=\"urn:kiv-web:favorites/v1\">"), std::string::npos) << r;
-    EXPECT_NE(r.out.find("<favorite name=\"Sales\" type=\"category\">"), std::string::npos) << r;
-    EXPECT_NE(r.out.find("<favorite name=\"Company KPIs\" catalogpath=\"/shared/Common/Company KPIs\" "
+    // The stored document itself, byte for byte.
+    EXPECT_EQ(r.out, stored("/users/alice/favorites"));
+    EXPECT_NE(r.out.find("favoritelist xmlns=\"urn:kiv-web:favorites/v1\">"), std::string::npos) << r;
+    EXPECT_NE(r.out.find("<favorite xmlns=\"\" name=\"Sales\" type=\"category\">"), std::string::npos) << r;
+    EXPECT_NE(r.out.find("<favorite xmlns=\"\" name=\"Company KPIs\" catalogpath=\"/shared/Common/Company KPIs\" "
                          "type=\"catalogitem\"/>"),
               std::string::npos)
         << r;
@@ -847,6 +849,21 @@ namespace {
 const char* const kUnreadableFavorites =
     "<favoritelist xmlns=\"urn:kiv-web:favorites/v1\">"
     "<favorite name=\"a&#9;b\" type=\"category\"/></favoritelist>";
+
+TEST_F(FavoritesTool, ExportXmlOfStoredFavoritesThatDoNotLoadIsTheStoredDocument) {
+    makeDemo();
+    fs::path doc = m_dir / "unreadable.xml";
+    writeFile(doc, kUnreadableFavorites);
+    ASSERT_EQ(run({"catalog", "put", "/users/alice/favorites", "--signature", "mobilefavorites1", "--body",
+                   doc.string()})
+                  .status,
+              0);
+    // The tree shows as empty; the export gives what is stored, to be mended.
+    EXPECT_EQ(tree("alice"), "");
+    const Result r = as("alice", {"export"});
+    EXPECT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out, kUnreadableFavorites);
+}
 
 TEST_F(FavoritesTool, EveryChangeKeepsTheVersionItReplacesAndHistoryListsThem) {
     makeDemo();

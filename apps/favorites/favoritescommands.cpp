@@ -303,14 +303,19 @@ void addReplaceSoap(CLI::App& app, const GlobalOptions& options, CommandSet& com
 void addExport(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
     auto format = std::make_shared<std::string>();
     CLI::App* cmd = app.add_subcommand("export", "Print the whole favorites tree as XML or JSON");
-    cmd->footer("XML: the favorites document format. JSON: the format replace-json reads.");
+    cmd->footer("XML: the stored favorites document, as the library wrote it. JSON: the format replace-json reads.");
     cmd->add_option("--format", *format, "xml or json (default: xml, or json with --json)")
         ->check(CLI::IsMember({"xml", "json"}));
     commands.add(cmd, [&options, format] {
         FavoritesSession s(options, Intent::kRead);
-        const FavoritesItems items = topLevelItems(s);
         const bool json = format->empty() ? options.json : *format == "json";
-        printRaw(json ? exportJson(items) : exportXml(items));
+        if (json) return printRaw(exportJson(topLevelItems(s)));
+        std::string document;
+        catalog::ItemInfo info;
+        const catalog::ReturnCode rc = readFavoritesDocument(s.catalog(), s.user(), s.favoritesPath(), document, info);
+        catalog::errorCodeToException(rc, s.favoritesPath().toString(), String(), String(),
+                                      KIV_FILE_LOCATION(__FILE__, __LINE__));
+        printRaw(document);
     });
 }
 

@@ -311,13 +311,19 @@ HttpResponse putFavorites(Call& call) {
 HttpResponse getFavoritesExport(Call& call) {
     const std::string format = call.query.getOr("format", "xml");
     if (format != "xml" && format != "json") throw ApiError(400, "badRequest", "the parameter 'format' must be xml or json");
-    const FavoritesItems items = topLevelItems(call.manager);
     HttpResponse r;
     if (format == "json") {
-        r.body = host::exportJson(items);
+        r.body = host::exportJson(topLevelItems(call.manager));
         r.contentType = "application/json";
     } else {
-        r.body = host::exportXml(items);
+        // The stored document itself, byte for byte as the library wrote it.
+        // The manager is brought in step too, as every favorites request does.
+        reloadIfChanged(call.manager);
+        catalog::ItemInfo info;
+        const catalog::ReturnCode rc =
+            host::readFavoritesDocument(call.catalog, call.slot.token(), call.slot.favoritesPath(), r.body, info);
+        catalog::errorCodeToException(rc, call.slot.favoritesPath().toString(), String(), String(),
+                                      KIV_FILE_LOCATION(__FILE__, __LINE__));
         r.contentType = "application/xml";
     }
     r.header("Content-Disposition", "attachment; filename=\"favorites." + format + "\"");

@@ -128,6 +128,16 @@ class HistoryTests(harness.ServerTestCase):
         self.assertJson(self.post(API + "/favorites/history/%d/restore" % readable[0], {}, auth=u), 200)
         self.assertEqual(self.paths(u), [KPIS])
 
+    def test_the_xml_export_of_stored_favorites_that_do_not_load_is_the_stored_document(self):
+        u = self.fresh_user()
+        self.add(u, KPIS)
+        self.store_unreadable(u[0])
+        # The tree shows as empty; the export gives what is stored, to be mended.
+        self.assertEqual(self.paths(u), [])
+        r = self.get(API + "/favorites/export", auth=u)
+        self.assertStatus(r, 200)
+        self.assertEqual(r.body, UNREADABLE.encode("utf-8"))
+
     def test_restoring_a_version_that_does_not_load_is_refused(self):
         u = self.fresh_user()
         self.add(u, KPIS)

@@ -271,6 +271,12 @@ class ReadTests(harness.ServerTestCase):
                     ],
                 )
 
+    def test_export_xml_is_the_stored_document_byte_for_byte(self):
+        r = self.get(API + "/favorites/export", auth=ALICE)
+        self.assertStatus(r, 200)
+        stored = self.catalog.run("catalog", "cat", "/users/alice/favorites").stdout
+        self.assertEqual(r.body, stored.encode("utf-8"))
+
     def test_export_json_answers_the_replacement_text(self):
         r = self.get(API + "/favorites/export" + query(format="json"), auth=ALICE)
         self.assertStatus(r, 200)
