@@ -537,6 +537,25 @@ INSTANTIATE_TEST_SUITE_P(
         return n;
     });
 
+TEST(SoapRejected, DoctypeTextInsideCdataOrACommentIsDataNotADeclaration) {
+    // Only a real declaration is refused; the same characters as string
+    // content or inside a comment are read like any other text.
+    auto req = SoapRequest::parse(wrap("<!-- <!DOCTYPE x> --><name><![CDATA[<!DOCTYPE x>]]></name>"));
+    const SoapParameter& op = req->getOperation();
+    EXPECT_EQ(op.getChildParam(L"name", op.begin(), true, false)->getString(), L"<!DOCTYPE x>");
+}
+
+TEST(SoapRejected, DoctypeAfterTheRootElementIsMalformedXml) {
+    // A declaration is only a declaration before the root element; after it
+    // the parser reports the document as not well-formed.
+    try {
+        SoapRequest::parse(wrap("<name>a</name>") + "<!DOCTYPE x>");
+        FAIL() << "accepted";
+    } catch (const SoapException& e) {
+        EXPECT_NE(e.getMessageText().find(L"malformed XML"), String::npos) << e.what();
+    }
+}
+
 TEST(SoapRejected, EmptyInputRaises) { EXPECT_THROW(SoapRequest::parse(""), SoapException); }
 
 TEST(SoapRejected, OversizedInputRaises) {
