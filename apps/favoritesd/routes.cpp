@@ -194,7 +194,10 @@ HttpResponse getFavoritesChildren(Call& call) {
 }
 
 HttpResponse postFavoritesStatus(Call& call) {
-    simdjson::dom::parser parser;
+    // The busiest route: each thread keeps its parser, so that a request does
+    // not allocate the parser's buffers anew (they keep the size of the
+    // largest status body the thread has read, at most --max-body).
+    thread_local simdjson::dom::parser parser;
     const simdjson::dom::object body = bodyObject(call, parser);
     simdjson::dom::array paths;
     if (body.at_key("paths").get(paths) != simdjson::SUCCESS)
@@ -203,18 +206,27 @@ HttpResponse postFavoritesStatus(Call& call) {
     if (paths.size() > call.settings.maxStatusPaths)
         throw ApiError(400, "badRequest",
                        "at most " + std::to_string(call.settings.maxStatusPaths) + " paths may be asked at once");
-    std::vector<catalog::Path> checked;
+    // Each path as sent (the answer repeats it: a valid path is its own text)
+    // and as a catalog path. A path that fails the check is made again by the
+    // tool's argument reader, which raises the usual message.
+    std::vector<std::pair<std::string_view, catalog::Path>> checked;
     checked.reserve(paths.size());
     for (simdjson::dom::element e : paths) {
         std::string_view s;
         if (e.get(s) != simdjson::SUCCESS) throw ApiError(400, "badRequest", "'paths' must hold strings only");
-        checked.push_back(host::catalogPathArgument(std::string(s), "a path"));
+        catalog::Path p;
+        try {
+            p = catalog::Path::fromUtf8(s, catalog::kUnchecked);
+        } catch (const Utf8Error&) {
+        }
+        if (p.isBlank() || p.check() != catalog::kItemNameValid) p = host::catalogPathArgument(std::string(s), "a path");
+        checked.emplace_back(s, std::move(p));
     }
     if (!call.fresh) reloadIfChanged(call.manager);
     JsonWriter w;
     w.beginObject().key("results").beginArray();
-    for (const catalog::Path& p : checked)
-        w.beginObject().member("path", p.toString()).member("favorite", call.manager.isFavorite(p)).endObject();
+    for (const auto& [text, p] : checked)
+        w.beginObject().member("path", text).member("favorite", call.manager.isFavorite(p)).endObject();
     w.endArray().endObject();
     return json(200, w.str());
 }

@@ -218,6 +218,20 @@ class ReadTests(harness.ServerTestCase):
             },
         )
 
+    def test_status_repeats_each_path_as_sent_non_ascii_and_escaped_ones_too(self):
+        paths = ["/shared/Finance/Ums\u00e4tze <2024>", '/shared/Quote "q" back', "/shared/\U0001F600 smile", KPIS]
+        for ascii_only in (False, True):  # UTF-8 text, then every non-ASCII character escaped
+            with self.subTest(ascii_only=ascii_only):
+                text = json.dumps({"paths": paths}, ensure_ascii=ascii_only)
+                r = self.req("POST", API + "/favorites/status", body=text, auth=ALICE)
+                body = self.assertJson(r, 200)
+                self.assertEqual(body["results"], [{"path": p, "favorite": p == KPIS} for p in paths])
+
+    def test_status_with_a_malformed_catalog_path_names_the_path_and_the_rule(self):
+        r = self.post(API + "/favorites/status", {"paths": [KPIS, "/shared//Common"]}, auth=ALICE)
+        self.assertServerError(r, 400, "badRequest")
+        self.assertIn("'/shared//Common' is not a valid catalog path (kItemNameEmpty)", r.json["error"]["message"])
+
     def test_status_for_10000_paths_answers_200(self):
         paths = [KPIS if i % 100 == 0 else "/shared/Load/p%05d" % i for i in range(10000)]
         r = self.post(API + "/favorites/status", {"paths": paths}, auth=ALICE)
