@@ -83,6 +83,12 @@ def cv(runs, name):
     return b["real_time"] if b else float("nan")
 
 
+def print_variation(runs):
+    """One line per benchmark: its median real time and coefficient of variation."""
+    for name in sorted(runs):
+        print("  %-48s median %-10s cv %.1f%%" % (name, fmt_time(ns(runs, name)), 100 * cv(runs, name)))
+
+
 def fmt_time(v):
     for unit, f in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
         if v >= f:
@@ -161,15 +167,13 @@ def main(out):
                   fav[m]["median"]["tracked_item_bytes_per_favorite"])
         print()
         print("variation (coefficient of variation of real time over the repetitions):")
-        for name in sorted(fav):
-            print("  %-48s median %-10s cv %.1f%%" % (name, fmt_time(ns(fav, name)), 100 * cv(fav, name)))
+        print_variation(fav)
 
     _, cat = results["catalog_bench"]
     if cat:
         print()
         print("catalog_bench:")
-        for name in sorted(cat):
-            print("  %-48s median %-10s cv %.1f%%" % (name, fmt_time(ns(cat, name)), 100 * cv(cat, name)))
+        print_variation(cat)
 
     _, be = results["backends_bench"]
     if be:

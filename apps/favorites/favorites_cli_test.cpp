@@ -176,6 +176,16 @@ protected:
         return out;
     }
 
+    // Stores `document` as the user's favorites object, as it is, through
+    // the tool's raw catalog put.
+    void storeFavoritesDocument(const std::string& user, const std::string& document) {
+        const fs::path doc = m_dir / "document.xml";
+        writeFile(doc, document);
+        const Result r = run({"catalog", "put", "/users/" + user + "/favorites", "--signature", "mobilefavorites1",
+                              "--body", doc.string()});
+        ASSERT_EQ(r.status, 0) << r;
+    }
+
     std::string stored(const std::string& path) {
         const Result r = run({"catalog", "cat", path});
         EXPECT_EQ(r.status, 0) << r;
@@ -852,12 +862,7 @@ const char* const kUnreadableFavorites =
 
 TEST_F(FavoritesTool, ExportXmlOfStoredFavoritesThatDoNotLoadIsTheStoredDocument) {
     makeDemo();
-    fs::path doc = m_dir / "unreadable.xml";
-    writeFile(doc, kUnreadableFavorites);
-    ASSERT_EQ(run({"catalog", "put", "/users/alice/favorites", "--signature", "mobilefavorites1", "--body",
-                   doc.string()})
-                  .status,
-              0);
+    ASSERT_NO_FATAL_FAILURE(storeFavoritesDocument("alice", kUnreadableFavorites));
     // The tree shows as empty; the export gives what is stored, to be mended.
     EXPECT_EQ(tree("alice"), "");
     const Result r = as("alice", {"export"});
@@ -923,12 +928,7 @@ TEST_F(FavoritesTool, KeepVersionsBoundsTheHistoryAndZeroKeepsNone) {
 TEST_F(FavoritesTool, StoredFavoritesThatDoNotLoadAreReportedAndCanBeRestoredAfterAChangeStoredOverThem) {
     makeDemo();
     const std::string demoTree = tree("alice");
-    fs::path doc = m_dir / "unreadable.xml";
-    writeFile(doc, kUnreadableFavorites);
-    ASSERT_EQ(run({"catalog", "put", "/users/alice/favorites", "--signature", "mobilefavorites1", "--body",
-                   doc.string()})
-                  .status,
-              0);
+    ASSERT_NO_FATAL_FAILURE(storeFavoritesDocument("alice", kUnreadableFavorites));
     const Result shown = as("alice", {"tree"});
     EXPECT_EQ(shown.status, 0) << shown;
     EXPECT_NE(shown.err.find("warning: the stored favorites at /users/alice/favorites cannot be read"),
@@ -955,16 +955,12 @@ TEST_F(FavoritesTool, StoredFavoritesThatDoNotLoadAreReportedAndCanBeRestoredAft
 
 TEST_F(FavoritesTool, ADocumentInADeclaredSingleByteEncodingLoads) {
     makeDemo();
-    fs::path doc = m_dir / "latin1.xml";
-    writeFile(doc,
-              "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
-              "<favoritelist xmlns=\"urn:kiv-web:favorites/v1\"><favorite name=\"Caf\xE9\" type=\"category\">"
-              "<favorite name=\"x\" catalogpath=\"/shared/Common/Company KPIs\" type=\"catalogitem\"/>"
-              "</favorite></favoritelist>");
-    ASSERT_EQ(run({"catalog", "put", "/users/alice/favorites", "--signature", "mobilefavorites1", "--body",
-                   doc.string()})
-                  .status,
-              0);
+    ASSERT_NO_FATAL_FAILURE(storeFavoritesDocument(
+        "alice",
+        "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+        "<favoritelist xmlns=\"urn:kiv-web:favorites/v1\"><favorite name=\"Caf\xE9\" type=\"category\">"
+        "<favorite name=\"x\" catalogpath=\"/shared/Common/Company KPIs\" type=\"catalogitem\"/>"
+        "</favorite></favoritelist>"));
     EXPECT_EQ(tree("alice"), "Caf\xC3\xA9[ /shared/Common/Company KPIs ]");
 }
 
