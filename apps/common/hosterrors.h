@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "qz/platform/string.h"
 #include "qz/webfavorites/favoritestypes.h"
 
 namespace kiv::host {
@@ -36,5 +37,11 @@ private:
     favorites::ReturnCode m_code;
     std::string m_arg;
 };
+
+// Raises FavoritesFailure for a code other than kSuccess; `arg` is the insert
+// of its message.
+inline void checkFavorites(favorites::ReturnCode rc, const String& arg) {
+    if (rc != favorites::kSuccess) throw FavoritesFailure(rc, arg.toUtf8());
+}
 
 }  // namespace kiv::host

@@ -135,15 +135,16 @@ public:
     String category(std::string_view name) {
         Handle<FavoritesItem> item;
         const String root = FavoritesManager::getRootFolderPath().toString();
-        check(m_manager->createFavoriteCategory(root, S(name), item), S(name));
-        check(m_manager->addItem(item), S(name));
+        host::checkFavorites(m_manager->createFavoriteCategory(root, S(name), item), S(name));
+        host::checkFavorites(m_manager->addItem(item), S(name));
         return item->getPath().toString();
     }
     // Adds the catalog object at `catalogPath` to the category at `categoryPath`.
     void object(std::string_view catalogPath, const String& categoryPath) {
         Handle<FavoritesItem> item;
-        check(m_manager->createFavoriteCatalogObject(S(catalogPath), categoryPath, item), S(catalogPath));
-        check(m_manager->addItem(item), S(catalogPath));
+        host::checkFavorites(m_manager->createFavoriteCatalogObject(S(catalogPath), categoryPath, item),
+                             S(catalogPath));
+        host::checkFavorites(m_manager->addItem(item), S(catalogPath));
     }
     // Adds the catalog object at `catalogPath` below the root.
     void object(std::string_view catalogPath) { object(catalogPath, FavoritesManager::getRootFolderPath().toString()); }
@@ -151,12 +152,6 @@ public:
     const std::string& document() const noexcept { return m_draft.document(); }
 
 private:
-    // Raises FavoritesFailure for a code other than kSuccess; `arg` is the
-    // message's insert.
-    static void check(favorites::ReturnCode rc, const String& arg) {
-        if (rc != favorites::kSuccess) throw host::FavoritesFailure(rc, arg.toUtf8());
-    }
-
     FavoritesDraft m_draft;  // outlives the manager, which works on it
     Handle<FavoritesManager> m_manager;
 };

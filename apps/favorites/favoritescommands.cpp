@@ -21,15 +21,10 @@ namespace {
 
 std::string u8(const String& s) { return s.toUtf8(); }
 
-// Raises FavoritesFailure for a code other than kSuccess; `arg` is the
-// message's insert.
-void check(favorites::ReturnCode rc, const String& arg) {
-    if (rc != favorites::kSuccess) throw FavoritesFailure(rc, u8(arg));
-}
-
 FavoritesItems topLevelItems(FavoritesSession& s) {
     FavoritesItems items;
-    check(s.manager().getFavorites(items, String(), String()), FavoritesManager::getRootFolderPath().toString());
+    checkFavorites(s.manager().getFavorites(items, String(), String()),
+                   FavoritesManager::getRootFolderPath().toString());
     return items;
 }
 
@@ -114,7 +109,7 @@ void addLs(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
         if (!args->category.empty()) category = categoryArgument(args->category, "CATEGORY").toString();
         FavoritesSession s(options, Intent::kRead);
         FavoritesItems items;
-        check(s.manager().getFavorites(items, category, filter), category);
+        checkFavorites(s.manager().getFavorites(items, category, filter), category);
         if (options.json) {
             JsonWriter w;
             w.beginObject().member("category", category.empty() ? FavoritesManager::getRootFolderPath().toString()
@@ -167,9 +162,11 @@ void addAdd(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
         const catalog::Path category = categoryArgument(args->category, "--category");
         FavoritesSession s(options, Intent::kWrite);
         Handle<FavoritesItem> item;
-        check(s.manager().createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
+        checkFavorites(s.manager().createFavoriteCatalogObject(path.toString(), category.toString(), item),
+                       path.toString());
         const favorites::ReturnCode rc = s.manager().addItem(item);
-        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? category.toString() : path.toString());
+        checkFavorites(rc,
+                       rc == favorites::kErrorInvalidFavoritesPath ? category.toString() : path.toString());
         printEdit(options, "added " + u8(path.toString()) + " to " + u8(category.toString()),
                   [&](JsonWriter& w) { writeItemJson(w.key("item"), item, false); });
     });
@@ -190,9 +187,10 @@ void addMkcat(CLI::App& app, const GlobalOptions& options, CommandSet& commands)
         const catalog::Path parent = categoryArgument(args->category, "--category");
         FavoritesSession s(options, Intent::kWrite);
         Handle<FavoritesItem> item;
-        check(s.manager().createFavoriteCategory(parent.toString(), name, item), name);
+        checkFavorites(s.manager().createFavoriteCategory(parent.toString(), name, item), name);
         const favorites::ReturnCode rc = s.manager().addItem(item);
-        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : item->getPath().toString());
+        checkFavorites(
+            rc, rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : item->getPath().toString());
         printEdit(options, "made category " + u8(item->getPath().toString()),
                   [&](JsonWriter& w) { writeItemJson(w.key("item"), item, false); });
     });
@@ -219,8 +217,9 @@ void addRm(CLI::App& app, const GlobalOptions& options, CommandSet& commands) {
         if (!args->everywhere && s.manager().findCategory(category).isNull())
             throw FavoritesFailure(favorites::kErrorInvalidFavoritesPath, u8(category.toString()));
         Handle<FavoritesItem> item;
-        check(s.manager().createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
-        check(s.manager().deleteItem(item, args->everywhere), path.toString());
+        checkFavorites(s.manager().createFavoriteCatalogObject(path.toString(), category.toString(), item),
+                       path.toString());
+        checkFavorites(s.manager().deleteItem(item, args->everywhere), path.toString());
         printEdit(options,
                   "removed " + u8(path.toString()) + " from " +
                       (args->everywhere ? std::string("every category") : u8(category.toString())),
@@ -243,10 +242,12 @@ void addRmcat(CLI::App& app, const GlobalOptions& options, CommandSet& commands)
         const catalog::Path parent = category.getParentPath();
         FavoritesSession s(options, Intent::kWrite);
         Handle<FavoritesItem> item;
-        check(s.manager().createFavoriteCategory(parent.toString(), category.getItemName().toString(), item),
-              category.toString());
+        checkFavorites(
+            s.manager().createFavoriteCategory(parent.toString(), category.getItemName().toString(), item),
+            category.toString());
         const favorites::ReturnCode rc = s.manager().deleteItem(item, false);
-        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : category.toString());
+        checkFavorites(rc,
+                       rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : category.toString());
         printEdit(options, "removed category " + u8(category.toString()),
                   [&](JsonWriter& w) { w.member("category", category.toString()); });
     });
@@ -273,7 +274,7 @@ void addReplaceJson(CLI::App& app, const GlobalOptions& options, CommandSet& com
         const JsonReplacementProblem problem = jsonReplacementProblem(text);
         if (problem != JsonReplacementProblem::kNone) throw InputError(name + ": " + describe(problem));
         FavoritesSession s(options, Intent::kWrite);
-        check(s.manager().updateAll(text), inputItemLabel(*file));
+        checkFavorites(s.manager().updateAll(text), inputItemLabel(*file));
         printReplaced(options, s);
     });
 }
@@ -295,7 +296,7 @@ void addReplaceSoap(CLI::App& app, const GlobalOptions& options, CommandSet& com
             throw InputError(name + ": not a usable SOAP request envelope (" + e.getMessageText().toUtf8() + ")");
         }
         FavoritesSession s(options, Intent::kWrite);
-        check(s.manager().updateAll(host::favoriteItemsOf(*request)), inputItemLabel(*file));
+        checkFavorites(s.manager().updateAll(host::favoriteItemsOf(*request)), inputItemLabel(*file));
         printReplaced(options, s);
     });
 }

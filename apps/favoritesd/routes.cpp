@@ -20,6 +20,7 @@
 namespace kiv::server {
 
 using host::JsonWriter;
+using host::checkFavorites;
 
 // --- query strings -------------------------------------------------------------
 
@@ -81,12 +82,6 @@ std::optional<std::string> Query::get(std::string_view name) const {
 namespace {
 
 std::string u8(const String& s) { return s.toUtf8(); }
-
-// Raises FavoritesFailure for a code other than kSuccess; `arg` is the insert
-// of its message.
-void check(favorites::ReturnCode rc, const String& arg) {
-    if (rc != favorites::kSuccess) throw FavoritesFailure(rc, u8(arg));
-}
 
 // An edit the library answered with kErrorFavoritesOutOfSync has already
 // reloaded the tree: it is tried once more on the reloaded tree.
@@ -151,7 +146,8 @@ std::optional<std::string> stringMember(simdjson::dom::object object, const char
 
 FavoritesItems topLevelItems(FavoritesManager& manager) {
     FavoritesItems items;
-    check(manager.getFavorites(items, String(), String()), FavoritesManager::getRootFolderPath().toString());
+    checkFavorites(manager.getFavorites(items, String(), String()),
+                   FavoritesManager::getRootFolderPath().toString());
     return items;
 }
 
@@ -184,7 +180,7 @@ HttpResponse getFavoritesChildren(Call& call) {
     const catalog::Path category = categoryParameter(call, "category");
     const String filter = parameterText(call, "filter");
     FavoritesItems items;
-    check(call.manager.getFavorites(items, category.toString(), filter), category.toString());
+    checkFavorites(call.manager.getFavorites(items, category.toString(), filter), category.toString());
     JsonWriter w;
     w.beginObject().member("category", category.toString()).member("filter", filter);
     w.key("items").beginArray();
@@ -219,7 +215,8 @@ HttpResponse postFavoritesStatus(Call& call) {
             p = catalog::Path::fromUtf8(s, catalog::kUnchecked);
         } catch (const Utf8Error&) {
         }
-        if (p.isBlank() || p.check() != catalog::kItemNameValid) p = host::catalogPathArgument(std::string(s), "a path");
+        if (p.isBlank() || p.check() != catalog::kItemNameValid)
+            p = host::catalogPathArgument(std::string(s), "a path");
         checked.emplace_back(s, std::move(p));
     }
     if (!call.fresh) reloadIfChanged(call.manager);
@@ -245,17 +242,20 @@ HttpResponse postFavoritesItem(Call& call) {
     if (catalogPath) {
         const catalog::Path path = host::catalogPathArgument(*catalogPath, "'catalogPath'");
         const favorites::ReturnCode rc = withOneRetry([&] {
-            check(m.createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
+            checkFavorites(m.createFavoriteCatalogObject(path.toString(), category.toString(), item),
+                           path.toString());
             return m.addItem(item);
         });
-        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? category.toString() : path.toString());
+        checkFavorites(rc,
+                       rc == favorites::kErrorInvalidFavoritesPath ? category.toString() : path.toString());
     } else {
         const String categoryName = host::itemNameArgument(*name, "'name'");
         const favorites::ReturnCode rc = withOneRetry([&] {
-            check(m.createFavoriteCategory(category.toString(), categoryName, item), categoryName);
+            checkFavorites(m.createFavoriteCategory(category.toString(), categoryName, item), categoryName);
             return m.addItem(item);
         });
-        check(rc, rc == favorites::kErrorInvalidFavoritesPath ? category.toString() : item->getPath().toString());
+        checkFavorites(rc, rc == favorites::kErrorInvalidFavoritesPath ? category.toString()
+                                                                       : item->getPath().toString());
     }
     return result(201, [&](JsonWriter& w) { host::writeItemJson(w.key("item"), item, false); });
 }
@@ -277,10 +277,11 @@ HttpResponse deleteFavoritesItem(Call& call) {
         if (!everywhere && m.findCategory(category).isNull())
             throw FavoritesFailure(favorites::kErrorInvalidFavoritesPath, u8(category.toString()));
         Handle<FavoritesItem> item;
-        check(m.createFavoriteCatalogObject(path.toString(), category.toString(), item), path.toString());
+        checkFavorites(m.createFavoriteCatalogObject(path.toString(), category.toString(), item),
+                       path.toString());
         return m.deleteItem(item, everywhere);
     });
-    check(rc, path.toString());
+    checkFavorites(rc, path.toString());
     return result(200);
 }
 
@@ -293,11 +294,11 @@ HttpResponse deleteFavoritesCategory(Call& call) {
     FavoritesManager& m = call.manager;
     const favorites::ReturnCode rc = withOneRetry([&] {
         Handle<FavoritesItem> item;
-        check(m.createFavoriteCategory(parent.toString(), category.getItemName().toString(), item),
-              category.toString());
+        checkFavorites(m.createFavoriteCategory(parent.toString(), category.getItemName().toString(), item),
+                       category.toString());
         return m.deleteItem(item, false);
     });
-    check(rc, rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : category.toString());
+    checkFavorites(rc, rc == favorites::kErrorInvalidFavoritesPath ? parent.toString() : category.toString());
     return result(200);
 }
 
@@ -314,7 +315,7 @@ HttpResponse putFavorites(Call& call) {
                            "the request body is " + host::describe(problem) + "; the favorites were left as they are");
     }
     FavoritesManager& m = call.manager;
-    check(withOneRetry([&] { return m.updateAll(text); }), String(L"the request body"));
+    checkFavorites(withOneRetry([&] { return m.updateAll(text); }), String(L"the request body"));
     int categories = 0, objects = 0;
     countItems(topLevelItems(m), categories, objects);
     return result(200, [&](JsonWriter& w) { w.member("categories", categories).member("catalogObjects", objects); });
