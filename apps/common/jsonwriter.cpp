@@ -1,6 +1,5 @@
 #include "jsonwriter.h"
 
-
 #include "qz/platform/jsonescape.h"
 
 namespace kiv::host {
